@@ -1,0 +1,36 @@
+// The module's exported interface, as the daemon calls it.
+#pragma once
+#include <cstddef>
+#include <list>
+#include <string>
+
+#include "frame/command.h"
+#include "platform/log.h"
+
+namespace update {
+
+// Filled by the host before the first call can happen; called only by the
+// module, never checked for null.
+struct callbacks_t {
+  // From the status timer only, outside all locks.
+  void (*on_status)(const std::string& cmdid, const std::string& status_xml);
+  // From the bridge listener, code 8: the client's bytes, handed on.
+  bool (*on_client_command)(size_t length, const char* bytes);
+};
+
+void init();
+void fini();
+callbacks_t& callbacks();
+
+// Submits a command; returns at once. Only the first three arguments are used.
+void process_async(Command command, const std::list<std::string>& uris, const std::string& cmdid,
+                   unsigned short, const std::string&, const std::string&, const TLogIdent&);
+
+// "update_state=..." and, on error, "update_msg=...". force false tells only
+// news; a stopped module leaves both strings untouched.
+void get_status(std::string& state, std::string& message, bool force);
+
+// Appends the status XML text (no declaration line). Answers in every state.
+void get_status_xml(std::string& text);
+
+}  // namespace update
