@@ -14,18 +14,39 @@ struct paths_t {
   std::string product_version, product_build, product_target, product_os, product_cpu, product_vendor;
 };
 
-// Every directory below root, as the host's --root option lays them out.
+// Product values of an agent that was not told otherwise.
+inline constexpr const char* default_product_version = "1.0";
+inline constexpr const char* default_product_build = "0";
+inline constexpr const char* default_product_target = "corvid";
+inline constexpr const char* default_product_os = "linux";
+inline constexpr const char* default_product_cpu = "x86_64";
+inline constexpr const char* default_product_vendor = "corvid";
+
+// Every directory below root, as the host's --root option lays them out:
+// bin, lib, etc, tmp, log, var/ (with its separator) and var/etc; product
+// values are the defaults.
 paths_t paths_under(const std::string& root);
+// The layout under the per-user state directory ($XDG_STATE_HOME/corvid or
+// ~/.local/state/corvid): what an unconfigured agent uses.
+paths_t default_paths();
 // Replaces the values the path functions return. Safe from any thread.
 void configure_paths(const paths_t& paths);
 paths_t current_paths();
 
-// Opens (appending) the log file; records before this go nowhere but to the
-// observers. Returns false if the file cannot be opened.
+// Opens (appending) the log file, creating its directory; records before
+// this go nowhere but to the observers. Returns false if the file cannot be
+// opened. A line is "UTC time<TAB>id<TAB>attribute..." with backslash,
+// tab, CR, LF and other control bytes of an attribute escaped.
 bool open_log(const std::string& path);
 void close_log();
+// What TLogMessage's destructor calls; safe from any thread.
+void send_log_record(uint16_t id, const std::vector<std::string>& texts);
+// Appends text to line with the escapes of a log line.
+void append_escaped(std::string& line, const std::string& text);
 
-// Observers see every record as it is sent: id and text attributes.
+// Observers see every record as it is sent: id and text attributes. They
+// run on the sender's thread, outside the log's locks, possibly on several
+// threads at once; removal waits for calls under way on other threads.
 using log_observer_t = std::function<void(uint16_t id, const std::vector<std::string>& attrs)>;
 int add_log_observer(log_observer_t observer);
 void remove_log_observer(int handle);
@@ -35,7 +56,10 @@ void remove_log_observer(int handle);
 // and waits for the thread.
 void start_event_manager();
 void stop_event_manager();
-// Waits until the queue is empty and the worker is idle. For hosts and tests.
+// Waits until the queue is empty and the worker is idle (armed timers do not
+// count), or the manager is not running. For hosts and tests.
 void drain_event_manager();
+// The same with a limit; false if the limit passed first.
+bool drain_event_manager_for(int milliseconds);
 
 }  // namespace agent

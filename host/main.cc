@@ -1,1 +1,161 @@
-int main() { return 0; }
+// corvid-update: a host for the update module. It provides the agent's
+// services (paths, parameters, log, event manager), starts the module, runs
+// one command or answers the status, and stops it again.
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
+#include <unistd.h>
+
+#include <curl/curl.h>
+
+#include "agent/agent.h"
+#include "frame/module.h"
+#include "frame/update.h"
+#include "host/options.h"
+#include "host/progress.h"
+#include "platform/agent_paths.h"
+#include "platform/local_params.h"
+#include "status/status.h"
+
+namespace host {
+
+namespace {
+
+constexpr int exit_ok = 0;
+constexpr int exit_failed = 1;
+constexpr int exit_usage = 2;
+constexpr int exit_interrupted = 130;
+
+constexpr const char* log_name = "corvid_update.log";
+
+void no_status_push(const std::string&, const std::string&) {}
+bool no_client(size_t, const char*) { return false; }
+
+void set_if(std::string& field, const std::string& value) {
+  if (!value.empty()) field = value;
+}
+
+void configure_agent(const options_t& options) {
+  agent::paths_t paths = options.root.empty() ? agent::default_paths() : agent::paths_under(options.root);
+  set_if(paths.product_version, options.product_version);
+  set_if(paths.product_build, options.product_build);
+  set_if(paths.product_target, options.product_target);
+  set_if(paths.product_os, options.product_os);
+  set_if(paths.product_cpu, options.product_cpu);
+  set_if(paths.product_vendor, options.product_vendor);
+  agent::configure_paths(paths);
+  LPARAMS::server::set_update_dir(options.update_dir);
+  LPARAMS::server::set_verify_downloads(!options.no_verify);
+  std::string log = options.log_file;
+  if (log.empty()) {
+    log = systemLogDir();
+    if (!log.empty() && log.back() != '/') log += '/';
+    log += log_name;
+  }
+  if (!agent::open_log(log)) std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
+}
+
+// fini is called from the signal watcher and at the end of main; the module
+// expects its daemon to make the calls one at a time.
+std::mutex fini_lock;
+
+void stop_module() {
+  std::lock_guard<std::mutex> hold(fini_lock);
+  update::fini();
+}
+
+// Ctrl-C or a TERM stops the module the way the daemon's stop would: the
+// transfer under way aborts and the run walks to its end, so the status file
+// stays truthful. A second signal ends the process at once.
+volatile sig_atomic_t interrupted = 0;
+
+void watch_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([signals] {
+    for (;;) {
+      int received = 0;
+      if (sigwait(&signals, &received) != 0) continue;
+      if (interrupted) _exit(exit_interrupted);
+      interrupted = 1;
+      const char note[] = "\ncorvid-update: stopping\n";
+      (void)!write(STDERR_FILENO, note, sizeof note - 1);
+      stop_module();
+    }
+  }).detach();
+}
+
+void print_status_lines() {
+  std::string state, message;
+  update::get_status(state, message, true);
+  if (!state.empty()) std::printf("%s\n", state.c_str());
+  if (!message.empty()) std::printf("%s\n", message.c_str());
+}
+
+bool result_failed() {
+  std::lock_guard<std::recursive_mutex> hold(update::status.lock);
+  return update::status.result == update::status_error || update::status.result == update::status_undefined;
+}
+
+int run(const options_t& options) {
+  configure_agent(options);
+  update::callbacks().on_status = no_status_push;
+  update::callbacks().on_client_command = no_client;
+  agent::start_event_manager();
+  int code = exit_ok;
+  {
+    progress_t progress(isatty(STDERR_FILENO) == 1);
+    update::init();
+    // finish_init is queued behind init: once the worker is idle the module
+    // has left the stopped state.
+    agent::drain_event_manager();
+    if (options.action == action_t::run_command) {
+      update::process_async(options.command, options.uris, options.cmdid, 0, "", "", TLogIdent{});
+      // The module was idle, so the run is queued now; the worker goes idle
+      // again only after the run ended and dispatched nothing further.
+      while (!agent::drain_event_manager_for(200)) progress.tick();
+    }
+  }
+  if (interrupted) {
+    code = exit_interrupted;
+  } else if (options.action == action_t::show_status && options.xml) {
+    std::string xml;
+    update::get_status_xml(xml);
+    std::fputs(xml.c_str(), stdout);
+  } else {
+    print_status_lines();
+    if (options.action == action_t::run_command && result_failed()) code = exit_failed;
+  }
+  std::fflush(stdout);
+  stop_module();
+  agent::stop_event_manager();
+  agent::close_log();
+  return code;
+}
+
+}  // namespace
+
+}  // namespace host
+
+int main(int argc, char** argv) {
+  host::options_t options;
+  std::string error;
+  if (!host::parse_options(argc, argv, options, error)) {
+    std::fprintf(stderr, "corvid-update: %s\nTry 'corvid-update --help'.\n", error.c_str());
+    return host::exit_usage;
+  }
+  if (options.action == host::action_t::help) {
+    std::fputs(host::usage_text(), stdout);
+    return host::exit_ok;
+  }
+  host::watch_signals();
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  const int code = host::run(options);
+  curl_global_cleanup();
+  return code;
+}

@@ -1,27 +1,167 @@
-// Placeholder until the module frame lands.
+// The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
+
+#include "frame/path_vars.h"
 #include "frame/update.h"
+#include "platform/agent_paths.h"
+#include "platform/file_ops.h"
+#include "platform/local_params.h"
+#include "platform/log.h"
+#include "status/status.h"
 
 namespace update {
+
 std::mutex module_lock;
 module_state_t module_state = module_stopped;
 std::unique_ptr<request_t> pending_request;
-const char* command_text(Command) { return "UNDEFINED"; }
-request_t::request_t(Command c, const std::list<std::string>& u) : command(c), uris(u) {}
-module_state_t current_module_state() { std::lock_guard<std::mutex> hold(module_lock); return module_state; }
-void submit_request(request_t* r) { delete r; }
-void run_request(em_call_t*) {}
-void finish_init(em_call_t*) {}
-void status_timer_proc(em_call_t*) {}
-void arm_status_timer() {}
-void update_dir_path(std::string& path) { path.clear(); }
-void run_command(request_t&) {}
-const std::string& current_version_text() { static std::string s; return s; }
-const std::string& product_specs_text() { static std::string s; return s; }
-void reset_module_for_tests() {}
-void init() {}
-void fini() {}
-callbacks_t& callbacks() { static callbacks_t c{}; return c; }
-void process_async(Command, const std::list<std::string>&, const std::string&, unsigned short, const std::string&,
-                   const std::string&, const TLogIdent&) {}
+
+namespace {
+
+callbacks_t host_callbacks{};
+
+// Takes the pending request and moves the state to busy or idle. After a run
+// a stopped module stays stopped; start-up opens the module whatever it finds.
+void dispatch_pending(bool after_run) {
+  request_t* next = nullptr;
+  {
+    std::lock_guard<std::mutex> hold(module_lock);
+    if (after_run && module_state == module_stopped) return;
+    next = pending_request.release();
+    module_state = next ? module_busy : module_idle;
+  }
+  if (next) EM_AsyncCall(run_request, next);
+}
+
+}  // namespace
+
+const char* command_text(Command command) {
+  switch (command) {
+    case Command::check: return "check";
+    case Command::download: return "download";
+    case Command::install: return "install";
+    case Command::check_manual: return "check manual";
+    case Command::install_manual: return "install manual";
+    case Command::unknown: return "unknown";
+  }
+  return "UNDEFINED";
+}
+
+request_t::request_t(Command command, const std::list<std::string>& uris) : command(command), uris(uris) {
+  // Every fetch of update.ini runs with these, whatever a description says.
+  params.connect_timeout = 300;
+  params.download_lowtime = 300;
+  params.download_lowspeed = 10;
+  params.download_keepalive_interval = 30;
+  params.download_retry = 0;
+  params.download_rollback_size = 0;
+  params.download_fsync_size = 0;
+  params.tcp_nodelay.clear();
+}
+
+module_state_t current_module_state() {
+  std::lock_guard<std::mutex> hold(module_lock);
+  return module_state;
+}
+
+void submit_request(request_t* request) {
+  std::unique_lock<std::mutex> hold(module_lock);
+  if (module_state == module_idle) {
+    module_state = module_busy;
+    hold.unlock();
+    EM_AsyncCall(run_request, request);
+    return;
+  }
+  {
+    TLogMessage log(log_id_course);
+    log.append_attr(log_attr_text, "request pended")
+        .append_attr(log_attr_text, module_state == module_busy ? "processing previous update request"
+                                                                : "module UPDATE initializing");
+  }
+  // The module keeps only the latest wish: an older pending one just goes.
+  pending_request.reset(request);
+}
+
+void run_request(em_call_t* call) {
+  std::unique_ptr<request_t> request(static_cast<request_t*>(call->arg));
+  if (call->cancel != 0) return;  // abandoned: the state stays busy
+  if (request) {
+    update_dir_path(request->update_path);
+    agent_fs_mkdir_if_not_exist_rwx_usr(request->update_path);
+    request->update_path += platform::path_separator;
+    status.begin_run(request->command, request->cmdid);
+    run_command(*request);
+    status.end_run(request->command);
+    request.reset();
+  }
+  dispatch_pending(true);
+}
+
+void finish_init(em_call_t*) {
+  {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    status.rehash();
+    TLogMessage log(log_id_course);
+    log.append_attr(log_attr_text, "done")
+        .append_attr(log_attr_text, std::string("init, result: ") + status_code_text(status.result));
+  }
+  dispatch_pending(false);
+}
+
+void update_dir_path(std::string& path) {
+  std::string configured = LPARAMS::server::update_dir();
+  if (configured.empty()) {
+    path = systemVarDir() + "update";
+    return;
+  }
+  const size_t last = configured.find_last_not_of("\\/");
+  if (last != std::string::npos) configured.erase(last + 1);
+  path = std::move(configured);
+}
+
+void fini() {
+  {
+    std::lock_guard<std::mutex> hold(module_lock);
+    module_state = module_stopped;
+    pending_request.reset();
+  }
+  EM_DelTimer(status_timer_proc);
+  path_vars.clear();
+}
+
+callbacks_t& callbacks() { return host_callbacks; }
+
+void process_async(Command command, const std::list<std::string>& uris, const std::string& cmdid, unsigned short,
+                   const std::string&, const std::string&, const TLogIdent&) {
+  auto* request = new request_t(command, uris);
+  request->cmdid = cmdid;
+  submit_request(request);
+}
+
+void status_timer_proc(em_call_t* call) {
+  if (call->cancel != 0) return;
+  std::string cmdid;
+  std::string xml;
+  {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    if (status.xml.empty()) status.render_xml();
+    cmdid = status.cmdid;
+    xml = status.xml;
+  }
+  // Outside the lock: the host may call back into the module.
+  host_callbacks.on_status(cmdid, xml);
+}
+
+void arm_status_timer() { EM_SetTimer(0, 1, status_timer_proc, nullptr); }
+
+void reset_module_for_tests() {
+  {
+    std::lock_guard<std::mutex> hold(module_lock);
+    module_state = module_stopped;
+    pending_request.reset();
+  }
+  status.reset();
+  path_vars.clear();
+  host_callbacks = callbacks_t{};
+}
+
 }  // namespace update

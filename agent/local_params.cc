@@ -1,0 +1,45 @@
+// Local parameters of the agent: one object, each value read under its lock.
+#include "platform/local_params.h"
+
+#include <mutex>
+
+namespace LPARAMS {
+
+namespace {
+
+struct values_t {
+  std::mutex lock;
+  std::string update_dir;       // guarded by lock; empty: the default
+  bool verify_downloads = true;  // guarded by lock
+};
+
+values_t& values() {
+  static values_t& v = *new values_t;  // outlives static destructors
+  return v;
+}
+
+}  // namespace
+
+std::string server::update_dir() {
+  std::lock_guard<std::mutex> hold(values().lock);
+  return values().update_dir;
+}
+
+void server::set_update_dir(const std::string& dir) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  values().update_dir = dir;
+}
+
+bool server::verify_downloads() {
+  std::lock_guard<std::mutex> hold(values().lock);
+  return values().verify_downloads;
+}
+
+void server::set_verify_downloads(bool on) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  values().verify_downloads = on;
+}
+
+std::string server::verify_downloads_name() { return "verify_downloads"; }
+
+}  // namespace LPARAMS

@@ -1,0 +1,190 @@
+// The agent's log: every TLogMessage becomes one line of the log file and is
+// shown to the observers. A line is UTC time, id and the attributes, split by
+// tabs; tabs, line ends and other control bytes inside an attribute are
+// escaped so that one record always stays one line.
+#include "platform/log.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <sys/stat.h>
+#include <vector>
+
+#include "agent/agent.h"
+
+namespace agent {
+
+namespace {
+
+struct observer_entry_t {
+  int handle = 0;
+  log_observer_t observer;
+  // Calls are not serialised: an observer may run on several threads at
+  // once, and one holding a lock of its own must not block another sender.
+  // Removal waits for the calls under way, except the remover's own.
+  std::mutex lock;
+  std::condition_variable idle;
+  int calls = 0;       // guarded by lock
+  bool active = true;  // guarded by lock
+};
+
+// The observers this thread is inside of, innermost last.
+thread_local std::vector<const observer_entry_t*> calling;
+
+struct sink_t {
+  std::mutex file_lock;
+  FILE* file = nullptr;  // guarded by file_lock
+  std::mutex observers_lock;
+  std::vector<std::shared_ptr<observer_entry_t>> observers;  // guarded by observers_lock
+  int next_handle = 1;                                       // guarded by observers_lock
+};
+
+// Never destroyed: records may still come from threads and static
+// destructors while the process exits.
+sink_t& sink() {
+  static sink_t& s = *new sink_t;
+  return s;
+}
+
+void append_time(std::string& line) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm parts{};
+  gmtime_r(&now.tv_sec, &parts);
+  char text[40];
+  size_t n = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  snprintf(text + n, sizeof text - n, ".%03ldZ", now.tv_nsec / 1000000);
+  line += text;
+}
+
+void make_parent_directory(const std::string& path) {
+  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1))
+    ::mkdir(path.substr(0, at).c_str(), S_IRWXU);
+}
+
+}  // namespace
+
+void append_escaped(std::string& line, const std::string& text) {
+  static const char hex[] = "0123456789abcdef";
+  for (unsigned char c : text) {
+    switch (c) {
+      case '\\': line += "\\\\"; break;
+      case '\n': line += "\\n"; break;
+      case '\r': line += "\\r"; break;
+      case '\t': line += "\\t"; break;
+      default:
+        if (c < 0x20 || c == 0x7f) {
+          line += "\\x";
+          line += hex[c >> 4];
+          line += hex[c & 15];
+        } else {
+          line += static_cast<char>(c);
+        }
+    }
+  }
+}
+
+bool open_log(const std::string& path) {
+  make_parent_directory(path);
+  FILE* file = std::fopen(path.c_str(), "ae");
+  if (!file) return false;
+  std::lock_guard<std::mutex> hold(sink().file_lock);
+  if (sink().file) std::fclose(sink().file);
+  sink().file = file;
+  return true;
+}
+
+void close_log() {
+  std::lock_guard<std::mutex> hold(sink().file_lock);
+  if (sink().file) std::fclose(sink().file);
+  sink().file = nullptr;
+}
+
+int add_log_observer(log_observer_t observer) {
+  auto entry = std::make_shared<observer_entry_t>();
+  entry->observer = std::move(observer);
+  std::lock_guard<std::mutex> hold(sink().observers_lock);
+  entry->handle = sink().next_handle++;
+  sink().observers.push_back(entry);
+  return entry->handle;
+}
+
+void remove_log_observer(int handle) {
+  std::shared_ptr<observer_entry_t> gone;
+  {
+    std::lock_guard<std::mutex> hold(sink().observers_lock);
+    auto& list = sink().observers;
+    for (auto it = list.begin(); it != list.end(); ++it) {
+      if ((*it)->handle == handle) {
+        gone = *it;
+        list.erase(it);
+        break;
+      }
+    }
+  }
+  if (!gone) return;
+  const auto own = std::count(calling.begin(), calling.end(), gone.get());
+  std::unique_lock<std::mutex> hold(gone->lock);
+  gone->active = false;
+  gone->idle.wait(hold, [&] { return gone->calls == own; });
+}
+
+void send_log_record(uint16_t id, const std::vector<std::string>& texts) {
+  std::string line;
+  line.reserve(64);
+  append_time(line);
+  line += '\t';
+  line += std::to_string(id);
+  for (const auto& text : texts) {
+    line += '\t';
+    append_escaped(line, text);
+  }
+  line += '\n';
+  {
+    std::lock_guard<std::mutex> hold(sink().file_lock);
+    if (sink().file) {
+      std::fwrite(line.data(), 1, line.size(), sink().file);
+      std::fflush(sink().file);
+    }
+  }
+  // Observers run outside every lock of the sink: a record may be sent while
+  // the module holds its own locks, and an observer may take those.
+  std::vector<std::shared_ptr<observer_entry_t>> observers;
+  {
+    std::lock_guard<std::mutex> hold(sink().observers_lock);
+    observers = sink().observers;
+  }
+  for (const auto& entry : observers) {
+    {
+      std::lock_guard<std::mutex> hold(entry->lock);
+      if (!entry->active) continue;
+      ++entry->calls;
+    }
+    calling.push_back(entry.get());
+    try {
+      entry->observer(id, texts);
+    } catch (...) {
+      // A failing observer must not take the sender down.
+    }
+    calling.pop_back();
+    std::lock_guard<std::mutex> hold(entry->lock);
+    --entry->calls;
+    entry->idle.notify_all();
+  }
+}
+
+}  // namespace agent
+
+TLogMessage::~TLogMessage() {
+  try {
+    std::vector<std::string> texts;
+    texts.reserve(attrs_.size());
+    for (const auto& attr : attrs_) texts.push_back(attr.second);
+    agent::send_log_record(id_, texts);
+  } catch (...) {
+    // Out of memory while logging: the record is lost, the caller goes on.
+  }
+}

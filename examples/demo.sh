@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Serves examples/ on loopback with a private nginx and runs corvid-update
+# against it in a throw-away agent root: a check, then the status, then the
+# status as XML. Usage: examples/demo.sh BIN_DIR
+set -euo pipefail
+
+BIN=${1:?usage: demo.sh BIN_DIR}
+HOST="$BIN/corvid-update"
+EXAMPLES=$(cd "$(dirname "$0")" && pwd)
+NGINX=$(command -v nginx || echo /usr/sbin/nginx)
+[ -x "$HOST" ] || { echo "demo: $HOST is not built" >&2; exit 1; }
+[ -x "$NGINX" ] || { echo "demo: nginx is not installed" >&2; exit 1; }
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/corvid-demo.XXXXXX")
+NGINX_PID=""
+cleanup() {
+  if [ -n "$NGINX_PID" ]; then
+    kill "$NGINX_PID" 2>/dev/null || true
+    wait "$NGINX_PID" 2>/dev/null || true
+  fi
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+free_port() {
+  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1]); s.close()'
+}
+
+# One nginx process as the calling user: no master, no daemon, everything
+# it writes inside $WORK. A port taken between asking and binding is retried.
+start_nginx() {
+  mkdir -p "$WORK/nginx/logs" "$WORK/nginx/tmp"
+  for _ in 1 2 3 4 5; do
+    PORT=$(free_port)
+    cat > "$WORK/nginx/nginx.conf" <<CONF
+daemon off;
+master_process off;
+worker_processes 1;
+pid $WORK/nginx/logs/nginx.pid;
+error_log $WORK/nginx/logs/error.log warn;
+events { worker_connections 64; }
+http {
+  default_type application/octet-stream;
+  access_log $WORK/nginx/logs/access.log;
+  client_body_temp_path $WORK/nginx/tmp/body;
+  proxy_temp_path $WORK/nginx/tmp/proxy;
+  fastcgi_temp_path $WORK/nginx/tmp/fastcgi;
+  uwsgi_temp_path $WORK/nginx/tmp/uwsgi;
+  scgi_temp_path $WORK/nginx/tmp/scgi;
+  server {
+    listen 127.0.0.1:$PORT;
+    root $EXAMPLES;
+  }
+}
+CONF
+    rm -f "$WORK/nginx/logs/nginx.pid"
+    "$NGINX" -p "$WORK/nginx/" -c "$WORK/nginx/nginx.conf" -e "$WORK/nginx/logs/error.log" \
+      >"$WORK/nginx/logs/stderr.log" 2>&1 &
+    NGINX_PID=$!
+    # nginx writes its PID file once it listens.
+    for _ in $(seq 100); do
+      [ -s "$WORK/nginx/logs/nginx.pid" ] && return 0
+      kill -0 "$NGINX_PID" 2>/dev/null || break
+      sleep 0.05
+    done
+    kill "$NGINX_PID" 2>/dev/null || true
+    wait "$NGINX_PID" 2>/dev/null || true
+    NGINX_PID=""
+  done
+  echo "demo: nginx did not start:" >&2
+  cat "$WORK/nginx/logs/error.log" "$WORK/nginx/logs/stderr.log" >&2 2>/dev/null || true
+  exit 1
+}
+
+step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+start_nginx
+SOURCE="http://127.0.0.1:$PORT/repo/"
+ROOT="$WORK/agent"
+step "update source $SOURCE serves:"
+sed -n '/^\[/,$p' "$EXAMPLES/repo/update.ini"
+
+step "corvid-update --root $ROOT check $SOURCE"
+set +e
+"$HOST" --root "$ROOT" --cmdid demo-1 check "$SOURCE"
+echo "(exit status $?)"
+
+step "corvid-update --root $ROOT status"
+"$HOST" --root "$ROOT" status
+step "corvid-update --root $ROOT status --xml"
+"$HOST" --root "$ROOT" status --xml
+set -e
+
+step "what the run left in the update directory ($ROOT/var/update)"
+ls -l "$ROOT/var/update"
+step "the log ($ROOT/log/corvid_update.log)"
+cat "$ROOT/log/corvid_update.log"

@@ -1,0 +1,164 @@
+#include "host/options.h"
+
+#include <cstring>
+#include <utility>
+
+namespace host {
+
+namespace {
+
+struct command_name_t {
+  const char* name;
+  update::Command command;
+};
+
+// "unknown" is taken on purpose: it reaches the module's own refusal.
+constexpr command_name_t command_names[] = {
+    {"check", update::Command::check},
+    {"download", update::Command::download},
+    {"install", update::Command::install},
+    {"check-manual", update::Command::check_manual},
+    {"install-manual", update::Command::install_manual},
+    {"unknown", update::Command::unknown},
+};
+
+struct value_option_t {
+  const char* name;
+  std::string options_t::*field;
+};
+
+constexpr value_option_t value_options[] = {
+    {"--update-dir", &options_t::update_dir},
+    {"--root", &options_t::root},
+    {"--log", &options_t::log_file},
+    {"--cmdid", &options_t::cmdid},
+    {"--product-version", &options_t::product_version},
+    {"--product-build", &options_t::product_build},
+    {"--product-target", &options_t::product_target},
+    {"--product-os", &options_t::product_os},
+    {"--product-cpu", &options_t::product_cpu},
+    {"--product-vendor", &options_t::product_vendor},
+};
+
+}  // namespace
+
+bool parse_options(int argc, const char* const* argv, options_t& options, std::string& error) {
+  std::list<std::string> positional;
+  bool options_ended = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (options_ended || arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
+      positional.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_ended = true;
+      continue;
+    }
+    if (arg == "--help") {
+      options.action = action_t::help;
+      return true;
+    }
+    if (arg == "--no-verify") {
+      options.no_verify = true;
+      continue;
+    }
+    if (arg == "--xml") {
+      options.xml = true;
+      continue;
+    }
+    const size_t equals = arg.find('=');
+    const std::string name = arg.substr(0, equals);
+    const value_option_t* option = nullptr;
+    for (const auto& candidate : value_options)
+      if (name == candidate.name) option = &candidate;
+    if (!option) {
+      error = "unknown option " + name;
+      return false;
+    }
+    if (equals != std::string::npos) {
+      options.*(option->field) = arg.substr(equals + 1);
+    } else if (i + 1 < argc) {
+      options.*(option->field) = argv[++i];
+    } else {
+      error = "option " + name + " needs a value";
+      return false;
+    }
+  }
+  if (positional.empty()) {
+    error = "no command given";
+    return false;
+  }
+  const std::string command = std::move(positional.front());
+  positional.pop_front();
+  if (command == "status") {
+    if (!positional.empty()) {
+      error = "status takes no URI";
+      return false;
+    }
+    options.action = action_t::show_status;
+    return true;
+  }
+  if (options.xml) {
+    error = "--xml goes with the status command only";
+    return false;
+  }
+  for (const auto& known : command_names) {
+    if (command == known.name) {
+      options.action = action_t::run_command;
+      options.command = known.command;
+      options.uris = std::move(positional);
+      return true;
+    }
+  }
+  error = "unknown command " + command;
+  return false;
+}
+
+const char* usage_text() {
+  return R"(Usage: corvid-update [OPTIONS] COMMAND [URI...]
+       corvid-update [OPTIONS] status [--xml]
+
+Runs one command of the update module against the update sources given as
+URIs, in order, and prints the module's status when the command has ended:
+"update_state=..." and, on error, "update_msg=..." on a line each.
+
+Commands:
+  check            fetch each source's update.ini and decide what is out of date
+  download         check, then download what is missing (with resume)
+  install          download, then install by running the update's commands
+  check-manual     as check, recorded as a manual check
+  install-manual   as install, without asking the client first
+  unknown          submit the unknown command (the module refuses it)
+  status           start the module and print the saved status; with --xml
+                   print the status as XML instead
+
+Options:
+  --update-dir DIR      working directory of the module: fetched files, the
+                        status file corvid_update_status.xml
+                        (default: the var directory + "update")
+  --root DIR            lay out every agent directory below DIR: DIR/bin,
+                        DIR/lib, DIR/etc, DIR/tmp, DIR/log, DIR/var/,
+                        DIR/var/etc (default: $XDG_STATE_HOME/corvid, or
+                        ~/.local/state/corvid)
+  --product-version V   the agent's version (default 1.0)
+  --product-build B     the agent's build (default 0)
+  --product-target T    the product, which names the section update.ini is
+                        read from (default corvid)
+  --product-os OS       (default linux)
+  --product-cpu CPU     (default x86_64)
+  --product-vendor V    (default corvid)
+  --no-verify           turn off hash verification of downloaded files
+  --log FILE            log file (default: the log directory +
+                        "corvid_update.log")
+  --cmdid ID            identifier of the command, kept in the status
+  --help                this text
+
+Progress goes to standard error: a bar on a terminal, log lines otherwise.
+Exit status: 0 when the command ended in a defined state other than error,
+1 when it ended in error or undefined, 2 for a bad command line. status
+exits 0 whenever it could answer.
+)";
+}
+
+}  // namespace host

@@ -1,0 +1,33 @@
+// The command line of corvid-update.
+#pragma once
+#include <list>
+#include <string>
+
+#include "frame/command.h"
+
+namespace host {
+
+enum class action_t { run_command, show_status, help };
+
+struct options_t {
+  action_t action = action_t::help;
+  update::Command command = update::Command::check;
+  std::list<std::string> uris;
+  bool xml = false;  // status --xml
+  std::string update_dir;
+  std::string root;  // every agent directory below it; empty: the per-user default
+  std::string log_file;  // empty: systemLogDir + "corvid_update.log"
+  std::string cmdid;
+  bool no_verify = false;
+  // Product values; empty ones keep the defaults.
+  std::string product_version, product_build, product_target, product_os, product_cpu, product_vendor;
+};
+
+// Fills options from argv. False with a one-line reason in error for a
+// command line that cannot be run.
+bool parse_options(int argc, const char* const* argv, options_t& options, std::string& error);
+
+// The --help text.
+const char* usage_text();
+
+}  // namespace host

@@ -1,0 +1,178 @@
+// One command from start to end: the sources in request order, then the
+// per-file stages over the plans, then the end-of-run passes.
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "description/inivars.h"
+#include "description/update_ini.h"
+#include "frame/curl_init.h"
+#include "frame/module.h"
+#include "frame/path_vars.h"
+#include "frame/run_gates.h"
+#include "platform/agent_paths.h"
+#include "planning/hash_cache.h"
+#include "status/status.h"
+#include "support/message_format.h"
+#include "transfer/update_ini_fetch.h"
+
+namespace update {
+
+curl_init_fn_t run_curl_init = curl_easy_init;
+
+namespace {
+
+constexpr const char* local_ini_name = "corvid_update.ini";
+
+struct curl_cleanup_t {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+using curl_owner_t = std::unique_ptr<CURL, curl_cleanup_t>;
+
+bool runs_downloads(Command command) {
+  return command == Command::download || command == Command::install || command == Command::install_manual;
+}
+
+bool runs_installs(Command command) { return command == Command::install || command == Command::install_manual; }
+
+std::string without_trailing_separators(std::string text) {
+  const size_t last = text.find_last_not_of("\\/");
+  text.erase(last == std::string::npos ? 0 : last + 1);
+  return text;
+}
+
+void add_predefined_variables(inivars_t& vars, const request_t& request) {
+  vars.add("agent_version", current_version_text());
+  vars.add("agent_specs", product_specs_text());
+  vars.add("current_product_specs", product_specs_text());
+  vars.add("update_path", without_trailing_separators(request.update_path));
+  vars.add("update_ini_format", "1.0");
+  vars.add("agent_tmp", without_trailing_separator(agentTmpDir()));
+  vars.add("agent_bin", without_trailing_separator(agentBinDir()));
+  vars.add("agent_lib", without_trailing_separator(agentLibDir()));
+  vars.add("agent_etc", without_trailing_separator(agentEtcDir()));
+  vars.add("system_etc", without_trailing_separator(systemEtcDir()));
+  vars.add("system_log", without_trailing_separator(systemLogDir()));
+  vars.add("system_var", without_trailing_separator(systemVarDir()));
+  vars.add("system_var_etc", without_trailing_separator(systemVarEtcDir()));
+  vars.add("system_tmp", without_trailing_separator(systemTmpDir()));
+}
+
+// Errors outside any source land in the run's general message.
+void select_first_message() {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.current_message = status.messages.empty() ? nullptr : &status.messages.front();
+}
+
+void select_owner_message(const file_rule_t& rule) { status.select_message(rule.owner ? rule.owner->uri : ""); }
+
+void download_step(const std::vector<file_rule_t*>& plans, [[maybe_unused]] CURL* handle) {
+  if (!open_download_gate(status)) return;
+  for (file_rule_t* rule : plans) {
+    select_owner_message(*rule);
+    // download_rule(*rule, handle) takes its place here.
+    select_first_message();
+  }
+}
+
+void install_step(const std::vector<file_rule_t*>& plans, [[maybe_unused]] const request_t& request) {
+  if (!open_install_gate(status)) return;
+  for (file_rule_t* rule : plans) {
+    select_owner_message(*rule);
+    // install_rule(*rule, request.command, request.update_path) takes its place here.
+    select_first_message();
+  }
+}
+
+}  // namespace
+
+bool open_download_gate(status_t& status) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  const bool something = std::any_of(status.files.begin(), status.files.end(), [](const file_status_t& f) {
+    return f.available && !f.skipped && !f.skip_downloading &&
+           (f.state == file_outofdate || f.state == file_download);
+  });
+  if (!something) return false;
+  status.result = status_download;
+  status.client_visible = true;
+  return true;
+}
+
+bool open_install_gate(status_t& status) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.current_file = nullptr;
+  const bool something = std::any_of(status.files.begin(), status.files.end(), [](const file_status_t& f) {
+    return f.available && !f.skipped && f.error.empty() &&
+           (f.state == file_downloaded || (f.skip_downloading && f.state == file_outofdate));
+  });
+  if (!something) return false;
+  status.result = status_install;
+  status.client_visible = true;
+  return true;
+}
+
+const std::string& current_version_text() {
+  static const std::string text = productVersion() + "." + productBuild();
+  return text;
+}
+
+const std::string& product_specs_text() {
+  static const std::string text =
+      productTarget() + "." + productOs() + "." + productCpu() + "." + productVendor();
+  return text;
+}
+
+void run_command(request_t& request) {
+  if (request.command == Command::unknown) {
+    report(0, format_message("%sUnknown update command", ""));
+    return;
+  }
+  if (request.uris.empty()) {
+    report(0, format_message("%sDownload error: URI not specified (should be obtained from the Policy Managment Server)", ""));
+    return;
+  }
+  curl_owner_t handle(run_curl_init());
+  if (!handle) {
+    report(0, format_message("%sDownload error: CURL init failed", ""));
+    return;
+  }
+
+  // Rules are referred to from plans and the status: sources must not move.
+  std::list<update_ini_t> sources;
+  std::vector<file_rule_t*> plans;
+  hash_cache_t hashes;
+  inivars_t vars;
+  add_predefined_variables(vars, request);
+
+  for (const std::string& uri : request.uris) {
+    update_ini_t& record = sources.emplace_back();
+    record.uri = uri;
+    vars.apply(record.uri, variable_delimiters);
+    status.select_message(record.uri);
+    // Every source is fetched to the same local name, so each is compared,
+    // parsed and merged before the next one overwrites it.
+    if (!fetch_update_ini(record.uri, request.update_path, local_ini_name, handle.get(), request.params)) continue;
+    // check_source_file(sources, request.update_path, local_ini_name) takes its place here.
+    if (!load_update_ini(record, vars, hashes, request.update_path, local_ini_name, 0)) continue;
+    // merge_source(record, sources) takes its place here and sets record.merged.
+  }
+  select_first_message();
+
+  // reconcile_status(sources, status, plans, request.update_path) fills plans here.
+  for (file_rule_t* rule : plans) {
+    select_owner_message(*rule);
+    // plan_rule(*rule, request.update_path) takes its place here.
+    select_first_message();
+  }
+
+  if (runs_downloads(request.command)) download_step(plans, handle.get());
+  if (runs_installs(request.command)) install_step(plans, request);
+
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.verify_versions(request.update_path);
+  status.rehash();
+  status.log_files();
+}
+
+}  // namespace update

@@ -1,0 +1,160 @@
+// init: restores the status the last life of the service left behind and
+// queues finish_init, which opens the module.
+#include "frame/startup.h"
+
+#include <chrono>
+#include <memory>
+
+#include "description/inivars.h"
+#include "description/update_ini.h"
+#include "frame/module.h"
+#include "frame/path_vars.h"
+#include "frame/update.h"
+#include "platform/agent_paths.h"
+#include "platform/file_ops.h"
+#include "platform/log.h"
+#include "support/file_helpers.h"
+
+namespace update {
+
+std::list<path_var_t> path_vars;
+
+namespace {
+
+constexpr const char* local_ini_name = "corvid_update.ini";
+constexpr const char* loopback_host = "localhost";
+constexpr const char* no_status_xml =
+    "<update-status result=\"undefined\"><message>no update status</message></update-status>";
+
+// From the availability marks on: shared by a loaded status and by a saved
+// description that cannot be used.
+// REQUIRES: status lock held.
+void settle_status(status_t& status, const std::string& dir) {
+  for (auto& file : status.files) file.available = true;
+  const bool changed = status.verify_versions(dir);
+  status.result = status.derive_result();
+  // The file must learn what the disk says even while saves are off: this
+  // save alone ignores save_enabled and leaves revision alone.
+  if (changed) status.save();
+  if (status.result == status_error) status.client_visible = true;
+  status.log_files();
+  status_reported = false;
+}
+
+// No status file: plan what can be planned from the saved description.
+// REQUIRES: status lock held.
+void start_without_status_file(status_t& status, const std::string& dir) {
+  update_ini_t local_ini;
+  local_ini.uri = loopback_host;
+  status.messages.emplace_back();
+  status.current_message = &status.messages.back();
+  status.current_message->uri = loopback_host;
+  // Errors of the load land in the loopback message but must not reach the
+  // file: start-up has not decided anything yet.
+  status.result = status_error;
+  status.save_enabled = false;
+  hash_cache_t hashes;
+  inivars_t no_variables;
+  const bool loaded = load_update_ini(local_ini, no_variables, hashes, dir, local_ini_name, 1);
+  status.save_enabled = true;
+  status.current_message = nullptr;
+  if (loaded) {
+    status_reported = false;
+    status.log_files();
+    return;
+  }
+  const std::string path = dir + local_ini_name;
+  std::unique_ptr<FILE, file_closer_t> saved(fopen_utf8(path.c_str(), "rb", sizeof "rb"));
+  if (saved) {
+    saved.reset();
+    status.result = status_undefined;
+    status.set_failure("No update status");
+    settle_status(status, dir);
+    return;
+  }
+  status.xml = no_status_xml;
+  status.result = status_undefined;
+}
+
+}  // namespace
+
+std::string without_trailing_separator(const std::string& text) {
+  if (!text.empty() && (text.back() == '\\' || text.back() == '/')) return text.substr(0, text.size() - 1);
+  return text;
+}
+
+void build_path_vars() {
+  const std::string& version = current_version_text();
+  path_vars = {
+      {"$update_path", ""},
+      {"$download_path", agentTmpDir()},
+      {"$current_version", version},
+      {"$update_uri", ""},
+      {"$agent_tmp", agentTmpDir()},
+      {"$agent_bin", agentBinDir()},
+      {"$agent_lib", agentLibDir()},
+      {"$agent_etc", agentEtcDir()},
+      {"$system_etc", systemEtcDir()},
+      {"$system_log", systemLogDir()},
+      {"$system_var", systemVarDir()},
+      {"$system_var_etc", systemVarEtcDir()},
+      {"$system_tmp", systemTmpDir()},
+      {"$agent_version", version},
+      {"$current_product_specs", product_specs_text()},
+  };
+  for (auto& var : path_vars) var.value = without_trailing_separator(var.value);
+}
+
+bool status_is_plausible(const status_t& status) {
+  size_t with_error = 0;
+  for (const auto& file : status.files) {
+    const bool has_error = !file.error.empty();
+    if (has_error) ++with_error;
+    switch (file.state) {
+      case file_uptodate:
+      case file_downloaded:
+      case file_installed:
+        if (has_error) return false;
+        break;
+      case file_outofdate:
+      case file_download:
+      case file_install:
+        // A stage that fails leaves its error; one that was cut off leaves none.
+        if (!has_error) return false;
+        break;
+      default:
+        return false;
+    }
+  }
+  return with_error == 0 || !status.messages.empty();
+}
+
+void recover_loaded_status(status_t& status, const std::string& dir) {
+  if (!status_is_plausible(status)) status.set_failure("Process was not correctly terminated");
+  settle_status(status, dir);
+}
+
+void init() {
+  {
+    TLogMessage log(log_id_course);
+    log.append_attr(log_attr_text, "start").append_attr(log_attr_text, "init");
+  }
+  build_path_vars();
+  std::string dir;
+  update_dir_path(dir);
+  dir += platform::path_separator;
+  {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+    status.revision = static_cast<uint64_t>(seconds.count()) << 32;
+    if (status.load()) {
+      recover_loaded_status(status, dir);
+    } else {
+      start_without_status_file(status, dir);
+    }
+  }
+  EM_AsyncCall(finish_init, nullptr);
+}
+
+}  // namespace update
