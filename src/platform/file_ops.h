@@ -1,6 +1,8 @@
 // Operating-system file calls. Paths are UTF-8 bytes. Nothing here reports:
-// results are false, null or 0, and callers word their own messages.
+// results are false, null or 0, and callers word their own messages. Every
+// operation is safe from any thread; a stream is used by one thread at a time.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -11,39 +13,51 @@ namespace update::platform {
 extern const char path_separator;
 extern const char* const path_separator_text;
 
-// Opens a C stream with an fopen mode ("rb", "wb", "ab", "r+b", ...).
-// deny_write: while the stream is open, other writers are kept out where the
-// system allows it (an advisory lock on POSIX). Null on failure.
+// Opens a C stream with an fopen mode: "r", "w" or "a", then any of "b",
+// "t" and "+" (other letters are ignored). Directories do not open.
+// deny_write: if the mode writes, the stream holds an exclusive advisory lock
+// (flock) on the file while it is open; a second such open of the same file,
+// from this process or another, fails instead of waiting, and the file is
+// not truncated by that failed open. Reading opens take no lock, so readers
+// are never kept out. The descriptor is not inherited by child processes.
+// Null on failure.
 FILE* open_file(const char* path, const char* mode, bool deny_write);
 
-// Size of the file in bytes; false if it cannot be queried.
+// Size of the object at path in bytes (0 for anything but a regular file);
+// false if it cannot be queried.
 bool query_file_size(const char* path, uint64_t& size);
 
 // True if the path names an existing file system object.
 bool path_exists(const char* path);
 
-// Cuts an open stream's file to size bytes (flushing the stream first).
+// Cuts an open stream's file to size bytes, flushing the stream first. The
+// stream's position is not moved.
 bool truncate_file(FILE* file, uint64_t size);
 
-// Flushes the stream and asks the system to put the file's data on disk.
+// Flushes the stream and waits until the file's data are on disk.
 bool sync_file(FILE* file);
 
-// Renames source onto target, replacing it, and makes the rename durable
-// (the directory of the target is synchronised) before returning.
+// Renames source onto target, replacing it atomically: a reader sees the old
+// or the new file, never a mix. When it returns true the source's data and
+// the new name are on disk (the file and the directory were synchronised).
+// On false the target is as it was, unless only the final directory
+// synchronisation failed. Does not copy across file systems.
 bool replace_file(const char* source, const char* target);
 
 // Deletes a file. False if it was not there or could not be deleted.
 bool remove_file(const char* path);
 
 // Creates a directory and its missing parents with the given mode bits.
+// True if the directory exists afterwards.
 bool make_directories(const char* path, unsigned mode);
 
-// Fault injection for tests: while set, the named operation fails as the
-// system would. Production code never sets these.
+// Fault injection for tests: while a flag is set, the named operation fails
+// as the system would, with errno set. Production code never sets these.
 struct file_faults_t {
-  bool fail_replace = false;
-  bool fail_truncate = false;
-  bool fail_open_write = false;  // open with "w", "a" or "+" modes
+  std::atomic<bool> fail_replace{false};
+  std::atomic<bool> fail_truncate{false};
+  std::atomic<bool> fail_open_write{false};  // any mode with "w", "a" or "+"
+  std::atomic<bool> fail_sync{false};        // the disk refuses the data
 };
 file_faults_t& file_faults();
 

@@ -36,14 +36,15 @@ void report(int level, const std::string& text) {
   log.append_attr(log_attr_text, text);
 }
 
-void report_error(const char* text) { report(0, text); }
+// A null text is told as an empty one rather than taking the process down.
+void report_error(const char* text) { report(0, text ? text : ""); }
 
 void report_progress(const char* text) {
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   TLogMessage log(log_id_course);
   log.append_attr(log_attr_text, status.current_file ? file_state_text(status.current_file->state)
                                                      : status_code_text(status.result));
-  log.append_attr(log_attr_text, text);
+  log.append_attr(log_attr_text, text ? text : "");
 }
 
 }  // namespace update

@@ -4,6 +4,7 @@
 
 #include "description/update_ini.h"
 #include "platform/log.h"
+#include "support/message_format.h"
 #include "support/time_text.h"
 
 namespace update {
@@ -59,11 +60,12 @@ void status_t::select_message(const std::string& uri) {
 }
 
 void status_t::begin_run(Command command, const std::string& id) {
-  std::string line = std::string("processing command: ") + command_text(command);
-  if (!id.empty()) line += " (" + id + ")";
   {
     TLogMessage log(log_id_course);
-    log.append_attr(log_attr_text, "start").append_attr(log_attr_text, line);
+    log.append_attr(log_attr_text, "start")
+        .append_attr(log_attr_text, id.empty() ? format_message("processing command: %s", command_text(command))
+                                               : format_message("processing command: %s (%s)", command_text(command),
+                                                                id.c_str()));
   }
   std::lock_guard<std::recursive_mutex> hold(lock);
   messages.clear();
@@ -95,8 +97,8 @@ void status_t::end_run(Command command) {
   {
     TLogMessage log(log_id_course);
     log.append_attr(log_attr_text, "done")
-        .append_attr(log_attr_text, std::string("command: ") + command_text(command) + ", result: " +
-                                        status_code_text(result));
+        .append_attr(log_attr_text,
+                     format_message("command: %s, result: %s", command_text(command), status_code_text(result)));
   }
   status_reported = false;
 }

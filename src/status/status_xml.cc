@@ -1,9 +1,166 @@
-// Placeholder until the status file lands.
+#include <charconv>
+#include <string_view>
+
+#include "frame/module.h"
+#include "platform/agent_paths.h"
+#include "platform/file_ops.h"
+#include "platform/log.h"
 #include "status/status.h"
+#include "support/file_helpers.h"
+#include "support/message_format.h"
 
 namespace update {
-void status_t::render_xml() {}
-void status_t::save() { render_xml(); }
+
+namespace {
+
+const char status_file_name[] = "corvid_update_status.xml";
+const char xml_declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+
+// Appends text with "&", "<", ">" replaced and, for attribute values, the
+// double quote too; every other byte passes as it is.
+void append_escaped(std::string& out, std::string_view text, bool attribute) {
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char* entity;
+    switch (text[i]) {
+      case '&': entity = "&amp;"; break;
+      case '<': entity = "&lt;"; break;
+      case '>': entity = "&gt;"; break;
+      case '"':
+        if (!attribute) continue;
+        entity = "&quot;";
+        break;
+      default: continue;
+    }
+    out.append(text.data() + run, i - run);
+    out += entity;
+    run = i + 1;
+  }
+  out.append(text.data() + run, text.size() - run);
+}
+
+void append_attr_escaped(std::string& out, std::string_view text) { append_escaped(out, text, true); }
+void append_text_escaped(std::string& out, std::string_view text) { append_escaped(out, text, false); }
+
+// Decimal of an unsigned 64-bit value, as "%llu" writes it.
+void append_decimal(std::string& out, uint64_t value) {
+  char digits[24];
+  auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  out.append(digits, end);
+}
+
+// The attributes on further lines of a file element: line feed, tab, name.
+void open_file_attr(std::string& out, const char* name) {
+  out += "\n\t";
+  out += name;
+  out += "=\"";
+}
+
+void append_plain_file_attr(std::string& out, const char* name, const std::string& value) {
+  if (value.empty()) return;
+  open_file_attr(out, name);
+  out += value;
+  out += '"';
+}
+
+void append_size_file_attr(std::string& out, const char* name, uint64_t value) {
+  if (value == 0) return;
+  open_file_attr(out, name);
+  append_decimal(out, value);
+  out += '"';
+}
+
+void render_file(std::string& out, const file_status_t& f) {
+  out += "<file name=\"";
+  append_attr_escaped(out, f.name);
+  out += "\" state=\"";
+  out += file_state_text(f.state);
+  out += '"';
+  append_plain_file_attr(out, "current_version", f.current_version);
+  append_plain_file_attr(out, "update_version", f.update_version);
+  append_plain_file_attr(out, "download_hash", f.download_hash);
+  append_size_file_attr(out, "download_size", f.download_size);
+  append_size_file_attr(out, "total_size", f.total_size);
+  if (!f.uri.empty()) {
+    open_file_attr(out, "uri");
+    append_attr_escaped(out, f.uri);
+    out += '"';
+  }
+  if (f.type == 1) out += "\n\ttype=\"agent\"";
+  append_plain_file_attr(out, "installed_time", f.installed_time);
+  append_plain_file_attr(out, "uptodate_time", f.uptodate_time);
+  if (f.error.empty()) {
+    out += "\n/>\n";
+  } else {
+    out += "\n>";
+    append_text_escaped(out, f.error);
+    out += "</file>\n";
+  }
+}
+
+}  // namespace
+
+void status_t::render_xml() {
+  // Built aside and swapped in: running out of memory midway leaves the old
+  // text, never half of a new one.
+  std::string out;
+  out.reserve(xml.capacity() ? xml.capacity() : 512);
+  // cmd, cmdid and start_time are the daemon's own words and times; they are
+  // written as they stand.
+  out += "<update-status result=\"";
+  out += status_code_text(result);
+  out += "\" download_size=\"";
+  append_decimal(out, sum_download_size());
+  out += "\" total_size=\"";
+  append_decimal(out, sum_total_size());
+  out += "\" cmd=\"";
+  out += cmd;
+  out += "\" cmdid=\"";
+  out += cmdid;
+  out += "\" start_time=\"";
+  out += start_time;
+  out += "\">\n";
+  for (const auto& m : messages) {
+    if (m.text.empty()) continue;
+    out += "<message uri=\"";
+    append_attr_escaped(out, m.uri);
+    out += "\" state=\"";
+    out += status_code_text(m.state);
+    out += "\">";
+    append_text_escaped(out, m.text);
+    out += "</message>\n";
+  }
+  for (const auto& f : files) render_file(out, f);
+  for (const auto& [file, list] : hashes.entries) {
+    for (const auto& hash : list) {
+      out += "<hash file=\"";
+      append_attr_escaped(out, file);
+      out += "\" hash=\"";
+      append_attr_escaped(out, hash);
+      out += "\" />\n";
+    }
+  }
+  out += "</update-status>\n";
+  xml.swap(out);
+}
+
+void status_t::save() {
+  render_xml();
+  std::string path;
+  update_dir_path(path);
+  path += platform::path_separator_text;
+  path += status_file_name;
+  agent_fs_chmod_bak_rw_usr(backup_name(path), path);
+  // Only a companion that cannot be created is told; a failed write or
+  // rename leaves the old file whole and the next save tries again.
+  if (write_file_durably(path, {xml_declaration, xml}) == durable_write_t::not_opened) {
+    TLogMessage log(log_id_failure);
+    log.append_attr(log_attr_text, format_message("Failed to save update status to file: %s", path.c_str()));
+  }
+}
+
+// The reader comes with start-up recovery.
 bool status_t::load() { return false; }
 void status_t::parse_xml(const XMLDeclaration&) {}
+
 }  // namespace update

@@ -5,12 +5,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 namespace std {
 
 // Input and output file streams that take a UTF-8 path. Other readers and
-// writers are not kept out. A failed open leaves the stream in fail state.
+// writers are not kept out. A failed open leaves the stream in fail state;
+// no exception leaves the constructor. The output stream honours the test
+// fault platform::file_faults().fail_open_write.
 class utf8_ifstream : public std::ifstream {
  public:
   explicit utf8_ifstream(const std::string& path, std::ios_base::openmode mode = std::ios_base::in);
@@ -28,8 +32,9 @@ class utf8_ofstream : public std::ofstream {
 namespace update {
 
 // Opens a stream; null path or mode gives null. While a stream opened for
-// writing is open, other writers are kept out where the system allows it.
-// mode_size is the length of the mode including its terminator.
+// writing is open, other writers that ask the same way are kept out (the open
+// fails at once, see platform::open_file); readers are not. mode_size is the
+// length of the mode including its terminator; the mode is read up to it.
 FILE* fopen_utf8(const char* path, const char* mode, size_t mode_size);
 
 // True if the file can be opened for reading.
@@ -50,6 +55,22 @@ std::string download_name(const std::string& path, const std::string& version);
 
 // path + ".bak".
 std::string backup_name(const std::string& path);
+
+// How write_file_durably ended. Only not_opened leaves no trace on disk.
+enum class durable_write_t {
+  done,
+  not_opened,    // the companion could not be created
+  not_written,   // a write, the flush or the sync failed; the companion stays
+  not_replaced,  // the companion is whole, the rename failed
+};
+
+// Replaces the file at path with the concatenated parts so that a crash at
+// any moment leaves either the old file or the new one whole: writes the
+// companion backup_name(path) (created or truncated), flushes and syncs it,
+// renames it over path and syncs the directory. Stops at the first failure;
+// the file at path is then untouched, unless the rename was done and only the
+// directory sync failed. The status writer's one way to disk.
+durable_write_t write_file_durably(const std::string& path, std::initializer_list<std::string_view> parts);
 
 // Appends two upper-case hex digits per byte, separator (if not 0) between.
 void hex_text(const unsigned char* bytes, size_t count, std::string& text, char separator);

@@ -1,0 +1,217 @@
+#include "platform/file_ops.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+namespace update::platform {
+
+const char path_separator = '/';
+const char* const path_separator_text = "/";
+
+file_faults_t& file_faults() {
+  static file_faults_t faults;
+  return faults;
+}
+
+namespace {
+
+struct open_mode_t {
+  bool valid = false;
+  bool writes = false;
+  bool truncate = false;
+  int flags = 0;
+  const char* stdio_mode = nullptr;  // what fdopen is given
+};
+
+open_mode_t parse_mode(const char* mode) {
+  open_mode_t m;
+  if (!mode || !*mode) return m;
+  bool plus = false;
+  for (const char* c = mode + 1; *c; ++c)
+    if (*c == '+') plus = true;
+  switch (mode[0]) {
+    case 'r':
+      m.flags = plus ? O_RDWR : O_RDONLY;
+      m.stdio_mode = plus ? "r+b" : "rb";
+      break;
+    case 'w':
+      m.flags = (plus ? O_RDWR : O_WRONLY) | O_CREAT;
+      m.truncate = true;
+      m.stdio_mode = plus ? "w+b" : "wb";
+      break;
+    case 'a':
+      m.flags = (plus ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+      m.stdio_mode = plus ? "a+b" : "ab";
+      break;
+    default: return m;
+  }
+  m.valid = true;
+  m.writes = mode[0] != 'r' || plus;
+  return m;
+}
+
+// Closes a descriptor without disturbing the errno the caller reports.
+void close_keeping_errno(int fd) {
+  int saved = errno;
+  ::close(fd);
+  errno = saved;
+}
+
+std::string directory_of(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+// Some file systems cannot sync a directory (EINVAL); a rename there is as
+// durable as they allow, which is not a failure of ours.
+bool sync_directory(const std::string& dir) {
+  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = ::fsync(fd) == 0 || errno == EINVAL;
+  close_keeping_errno(fd);
+  return ok;
+}
+
+// The data must reach the disk before the new name does; otherwise a crash
+// can leave the target renamed but empty.
+bool sync_path(const char* path) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno == EACCES;  // not readable: the rename still works
+  bool ok = ::fsync(fd) == 0 || errno == EINVAL;
+  close_keeping_errno(fd);
+  return ok;
+}
+
+}  // namespace
+
+FILE* open_file(const char* path, const char* mode, bool deny_write) {
+  open_mode_t m = parse_mode(mode);
+  if (!path || !m.valid) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  if (m.writes && file_faults().fail_open_write) {
+    errno = EACCES;
+    return nullptr;
+  }
+  const bool lock = deny_write && m.writes;
+  // With a lock, truncation waits until the lock is ours, so that a refused
+  // open leaves the holder's data alone.
+  int flags = m.flags | O_CLOEXEC | (m.truncate && !lock ? O_TRUNC : 0);
+  int fd;
+  do {
+    fd = ::open(path, flags, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return nullptr;
+  if (!m.writes) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+      close_keeping_errno(fd);
+      return nullptr;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      ::close(fd);
+      errno = EISDIR;
+      return nullptr;
+    }
+  }
+  if (lock) {
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (m.truncate && ::ftruncate(fd, 0) != 0)) {
+      close_keeping_errno(fd);
+      return nullptr;
+    }
+  }
+  FILE* file = ::fdopen(fd, m.stdio_mode);
+  if (!file) close_keeping_errno(fd);
+  return file;
+}
+
+bool query_file_size(const char* path, uint64_t& size) {
+  struct stat st;
+  if (!path || ::stat(path, &st) != 0) return false;
+  size = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+  return true;
+}
+
+bool path_exists(const char* path) {
+  struct stat st;
+  return path && ::stat(path, &st) == 0;
+}
+
+bool truncate_file(FILE* file, uint64_t size) {
+  if (!file || size > static_cast<uint64_t>(INT64_MAX)) {
+    errno = EINVAL;
+    return false;
+  }
+  if (file_faults().fail_truncate) {
+    errno = EIO;
+    return false;
+  }
+  if (std::fflush(file) != 0) return false;
+  int rc;
+  do {
+    rc = ::ftruncate(::fileno(file), static_cast<off_t>(size));
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
+}
+
+bool sync_file(FILE* file) {
+  if (!file) {
+    errno = EINVAL;
+    return false;
+  }
+  if (std::fflush(file) != 0) return false;
+  if (file_faults().fail_sync) {
+    errno = ENOSPC;
+    return false;
+  }
+  return ::fsync(::fileno(file)) == 0 || errno == EINVAL;
+}
+
+bool replace_file(const char* source, const char* target) {
+  if (!source || !target) {
+    errno = EINVAL;
+    return false;
+  }
+  if (file_faults().fail_replace) {
+    errno = EIO;
+    return false;
+  }
+  if (!sync_path(source)) return false;
+  if (::rename(source, target) != 0) return false;
+  const std::string target_dir = directory_of(target);
+  const std::string source_dir = directory_of(source);
+  bool ok = sync_directory(target_dir);
+  if (source_dir != target_dir) ok = sync_directory(source_dir) && ok;
+  return ok;
+}
+
+bool remove_file(const char* path) { return path && ::unlink(path) == 0; }
+
+bool make_directories(const char* path, unsigned mode) {
+  if (!path || !*path) {
+    errno = EINVAL;
+    return false;
+  }
+  const std::string full(path);
+  struct stat st;
+  // Each prefix that ends before a separator, then the whole path.
+  for (size_t end = full.find('/', 1);; end = full.find('/', end + 1)) {
+    const std::string part = full.substr(0, end);
+    if (!part.empty() && part.back() != '/' && ::mkdir(part.c_str(), static_cast<::mode_t>(mode)) != 0 &&
+        errno != EEXIST)
+      return false;
+    if (end == std::string::npos) break;
+  }
+  return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace update::platform

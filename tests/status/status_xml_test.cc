@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "frame/update.h"
+#include "status/status_fixture.h"
+
+namespace update {
+namespace {
+
+using testing::StatusTest;
+
+const char declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+
+// The status of the worked example: one failed download of the agent.
+void fill_example() {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.result = status_error;
+  status.cmd = "download";
+  status.cmdid = "7";
+  status.start_time = "2026-01-02T03:04:05";
+  status.messages.push_back({"", "", 0});  // empty: leaves no trace
+  status.messages.push_back({"x/a", "Download error", status_download});
+  file_status_t& f = status.file_entry("agent");
+  f.state = file_download;
+  f.update_version = "5.1";
+  f.download_size = 100;
+  f.total_size = 200;
+  f.uri = "x/a?b=1&c=2";
+  f.type = 1;
+  f.available = true;
+  f.error = "Download error";
+  status.hashes.entries["a.txt"].push_back("#GOST3411_256_2012:ab12");
+}
+
+const char example_text[] =
+    "<update-status result=\"error\" download_size=\"100\" total_size=\"200\" cmd=\"download\" cmdid=\"7\" "
+    "start_time=\"2026-01-02T03:04:05\">\n"
+    "<message uri=\"x/a\" state=\"download\">Download error</message>\n"
+    "<file name=\"agent\" state=\"download\"\n"
+    "\tupdate_version=\"5.1\"\n"
+    "\tdownload_size=\"100\"\n"
+    "\ttotal_size=\"200\"\n"
+    "\turi=\"x/a?b=1&amp;c=2\"\n"
+    "\ttype=\"agent\"\n"
+    ">Download error</file>\n"
+    "<hash file=\"a.txt\" hash=\"#GOST3411_256_2012:ab12\" />\n"
+    "</update-status>\n";
+
+TEST_F(StatusTest, RendersTheWorkedExampleToTheByte) {
+  fill_example();
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.render_xml();
+  EXPECT_EQ(status.xml, example_text);
+}
+
+TEST_F(StatusTest, RendersEveryAttributeInOrderAndOnlyWhenSet) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.result = static_cast<status_code_t>(99);
+  status.messages.push_back({"", "bad", 42});
+  file_status_t& full = status.file_entry("full");
+  full.state = file_uptodate;
+  full.current_version = full.update_version = "1.0";
+  full.download_hash = "#H:00";
+  full.download_size = full.total_size = 18446744073709551615ull;
+  full.uri = "u";
+  full.installed_time = "2024-01-01T00:00:00";
+  full.uptodate_time = "2024-01-02T00:00:00";
+  full.skipped = true;
+  status.file_entry("undecided");  // state 0, not available: written all the same
+  status.hashes.entries["b"] = {"#T:", "#T:1"};
+  status.hashes.entries["a"] = {"#T:2"};
+  status.render_xml();
+  EXPECT_EQ(status.xml,
+            "<update-status result=\"undefined\" download_size=\"0\" total_size=\"0\" cmd=\"\" cmdid=\"\" "
+            "start_time=\"\">\n"
+            "<message uri=\"\" state=\"undefined\">bad</message>\n"
+            "<file name=\"full\" state=\"uptodate\"\n"
+            "\tcurrent_version=\"1.0\"\n"
+            "\tupdate_version=\"1.0\"\n"
+            "\tdownload_hash=\"#H:00\"\n"
+            "\tdownload_size=\"18446744073709551615\"\n"
+            "\ttotal_size=\"18446744073709551615\"\n"
+            "\turi=\"u\"\n"
+            "\tinstalled_time=\"2024-01-01T00:00:00\"\n"
+            "\tuptodate_time=\"2024-01-02T00:00:00\"\n"
+            "/>\n"
+            "<file name=\"undecided\" state=\"\"\n"
+            "/>\n"
+            "<hash file=\"a\" hash=\"#T:2\" />\n"
+            "<hash file=\"b\" hash=\"#T:\" />\n"
+            "<hash file=\"b\" hash=\"#T:1\" />\n"
+            "</update-status>\n");
+}
+
+TEST_F(StatusTest, EscapesAttributesAndTextsDifferently) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.cmdid = "a\"b&";  // the daemon's own words pass unescaped
+  status.messages.push_back({"u\"<&>", "t\"<&>\xd0\xb6", status_prepare});
+  file_status_t& f = status.file_entry("n\"a<m>e&");
+  f.error = "e\"<&>";
+  f.current_version = "v\"&";
+  status.hashes.entries["k\"&"] = {"h<\">"};
+  status.render_xml();
+  const std::string& x = status.xml;
+  EXPECT_NE(x.find("cmdid=\"a\"b&\""), std::string::npos);
+  EXPECT_NE(x.find("<message uri=\"u&quot;&lt;&amp;&gt;\" state=\"prepare\">t\"&lt;&amp;&gt;\xd0\xb6</message>"),
+            std::string::npos);
+  EXPECT_NE(x.find("<file name=\"n&quot;a&lt;m&gt;e&amp;\" state=\"\""), std::string::npos);
+  EXPECT_NE(x.find("\tcurrent_version=\"v\"&\""), std::string::npos);
+  EXPECT_NE(x.find("\n>e\"&lt;&amp;&gt;</file>\n"), std::string::npos);
+  EXPECT_NE(x.find("<hash file=\"k&quot;&amp;\" hash=\"h&lt;&quot;&gt;\" />"), std::string::npos);
+}
+
+TEST_F(StatusTest, SaveWritesDeclarationAndTextAndNoCompanion) {
+  fill_example();
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.xml = "stale";
+  status.save();
+  EXPECT_EQ(status.xml, example_text);
+  EXPECT_EQ(read(status_path()), std::string(declaration) + example_text);
+  EXPECT_FALSE(std::filesystem::exists(status_path() + ".bak"));
+  EXPECT_TRUE(log_with_id(log_id_failure).empty());
+}
+
+TEST_F(StatusTest, FailedReplaceLeavesOldFileWholeAndCompanionComplete) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.save();
+  const std::string old_text = read(status_path());
+  fill_example();
+  platform::file_faults().fail_replace = true;
+  status.save();
+  EXPECT_EQ(read(status_path()), old_text);
+  EXPECT_EQ(read(status_path() + ".bak"), std::string(declaration) + example_text);
+  // The next save goes through and takes the companion's place.
+  platform::file_faults().fail_replace = false;
+  status.save();
+  EXPECT_EQ(read(status_path()), std::string(declaration) + example_text);
+  EXPECT_FALSE(std::filesystem::exists(status_path() + ".bak"));
+  EXPECT_TRUE(log_with_id(log_id_failure).empty());
+}
+
+TEST_F(StatusTest, UnwritableDirectoryLogsEachSaveAndStatusStillAnswers) {
+  LPARAMS::server::set_update_dir(dir_.path("missing/"));
+  status.begin_run(Command::download, "");
+  status.record_error(0, "Download error: x");
+  auto failures = log_with_id(log_id_failure);
+  ASSERT_EQ(failures.size(), 2u);  // one line per save
+  EXPECT_EQ(failures[0].attrs,
+            std::vector<std::string>{"Failed to save update status to file: " + dir_.path("missing/corvid_update_status.xml")});
+  EXPECT_EQ(status.result, status_prepare);
+  EXPECT_EQ(status.messages.front().text, "Download error: x");
+  std::string text = "head:";
+  get_status_xml(text);
+  EXPECT_EQ(text.rfind("head:<update-status result=\"prepare\"", 0), 0u);
+  EXPECT_NE(text.find(">Download error: x</message>\n"), std::string::npos);
+}
+
+TEST_F(StatusTest, StatusXmlRendersOnlyWhenTheCacheIsEmpty) {
+  status.messages.push_back({"x", "", 3});  // an empty message leaves no trace
+  std::string text;
+  get_status_xml(text);
+  EXPECT_EQ(text,
+            "<update-status result=\"undefined\" download_size=\"0\" total_size=\"0\" cmd=\"\" cmdid=\"\" "
+            "start_time=\"\">\n</update-status>\n");
+  const std::string fixed = "<update-status result=\"undefined\"><message>no update status</message></update-status>";
+  status.xml = fixed;
+  status.result = status_uptodate;
+  text.clear();
+  get_status_xml(text);
+  EXPECT_EQ(text, fixed);
+}
+
+}  // namespace
+}  // namespace update
