@@ -1,8 +1,171 @@
-// Placeholder until the download engine lands.
 #include "transfer/download.h"
 
+#include <limits>
+#include <memory>
+#include <mutex>
+
+#include "frame/module.h"
+#include "platform/file_ops.h"
+#include "status/status.h"
+#include "support/file_helpers.h"
+#include "support/message_format.h"
+
 namespace update {
-bool download_file(CURL*, const std::string&, const std::string&, const params_t&, bool) { return false; }
-int xfer_progress_cb(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) { return 0; }
-int legacy_progress_cb(void*, double, double, double, double) { return 0; }
+
+namespace {
+
+using file_ptr = std::unique_ptr<FILE, file_closer_t>;
+using ull = unsigned long long;
+
+uint64_t counter(curl_off_t value) { return value > 0 ? static_cast<uint64_t>(value) : 0; }
+
+// Double to integer by truncation, without the undefined cases.
+curl_off_t truncated(double value) {
+  constexpr double limit = 9223372036854775808.0;  // 2^63
+  if (!(value == value)) return 0;
+  if (value >= limit) return std::numeric_limits<curl_off_t>::max();
+  if (value <= -limit) return std::numeric_limits<curl_off_t>::min();
+  return static_cast<curl_off_t>(value);
+}
+
+// Where a resumed attempt starts. The rollback gives up the tail of a partial
+// file, which a broken connection may have left damaged; once it has worked
+// it is not repeated in the same call, so retries keep what they received.
+uint64_t resume_offset(const std::string& url, const std::string& path, const params_t& params,
+                       bool& rolled_back) {
+  const uint64_t size = file_size(path);
+  if (rolled_back || params.download_rollback_size == 0) return size;
+  if (params.download_rollback_size >= size) return 0;
+  const uint64_t new_size = size - params.download_rollback_size;
+  bool cut = false;
+  {
+    file_ptr file(fopen_utf8(path.c_str(), "r+b", sizeof "r+b"));
+    cut = file && platform::truncate_file(file.get(), new_size);
+  }
+  rolled_back = cut;
+  if (!cut) {
+    report(1, format_message("Download error: %s -> can't truncate file: %s, size: %llu -> %llu", url.c_str(),
+                             path.c_str(), ull{size}, ull{new_size}));
+    return 0;
+  }
+  report(4, format_message("File truncated: %s, size: %llu -> %llu", path.c_str(), ull{size}, ull{new_size}));
+  return new_size;
+}
+
+void store_download_offset(uint64_t offset) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  if (status.current_file) status.current_file->download_offset = offset;
+}
+
+// Every attempt sets all options again, since the reset after each transfer
+// clears them. The order is kept fixed on purpose.
+void set_options(CURL* handle, const std::string& url, char* error_buffer, FILE* file, flush_context_t* context,
+                 const params_t& params, uint64_t offset) {
+  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error_buffer);
+  curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
+  curl_easy_setopt(handle, CURLOPT_FAILONERROR, 1L);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, file);
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  // Older libcurl only knows the legacy callback, so both are set.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  curl_easy_setopt(handle, CURLOPT_PROGRESSFUNCTION, legacy_progress_cb);
+  curl_easy_setopt(handle, CURLOPT_PROGRESSDATA, context);
+#pragma GCC diagnostic pop
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, xfer_progress_cb);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, context);
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 0L);
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(params.connect_timeout));
+  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(params.download_lowtime));
+  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(params.download_lowspeed));
+  curl_easy_setopt(handle, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(offset));
+  const long keepalive = params.download_keepalive_interval;
+  curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, keepalive != 0 ? 1L : 0L);
+  if (keepalive != 0) {
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPIDLE, keepalive);
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPINTVL, keepalive);
+  }
+  if (!params.tcp_nodelay.empty())
+    curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, parse_bool_text(params.tcp_nodelay) ? 1L : 0L);
+}
+
+// A stream whose buffered tail cannot be written out (a full disk) holds
+// less than libcurl delivered, so it fails the attempt like a write error.
+bool close_stream(file_ptr& file) {
+  bool written = std::fflush(file.get()) == 0;
+  return std::fclose(file.release()) == 0 && written;
+}
+
+}  // namespace
+
+int xfer_progress_cb(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t, curl_off_t) {
+  if (current_module_state() == module_stopped) return 1;
+  const uint64_t now = counter(dlnow);
+  {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    if (file_status_t* file = status.current_file) {
+      ++status.revision;
+      status.xml.clear();
+      file->download_size = file->download_offset + now;
+      if (dltotal != 0) file->total_size = file->download_offset + counter(dltotal);
+    }
+  }
+  auto* flush = static_cast<flush_context_t*>(context);
+  if (flush && now >= flush->last_flushed + flush->flush_interval) {
+    flush->last_flushed = now;
+    std::fflush(flush->file);
+  }
+  return 0;
+}
+
+int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultotal, double ulnow) {
+  return xfer_progress_cb(context, truncated(dltotal), truncated(dlnow), truncated(ultotal), truncated(ulnow));
+}
+
+bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
+                   bool resume) {
+  char error_buffer[CURL_ERROR_SIZE] = {};
+  int32_t retry = 0;
+  bool rolled_back = false;
+  CURLcode result = CURLE_OK;
+  for (;;) {
+    uint64_t offset = resume ? resume_offset(url, path, params, rolled_back) : 0;
+    for (;;) {
+      store_download_offset(offset);
+      file_ptr file(fopen_utf8(path.c_str(), offset != 0 ? "ab" : "wb", sizeof "ab"));
+      if (!file) {
+        report_error(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(),
+                                    path.c_str()).c_str());
+        return false;
+      }
+      report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
+                               ull{offset}, retry, params.download_retry));
+      flush_context_t context{file.get(), 0, params.download_fsync_size};
+      set_options(handle, url, error_buffer, file.get(), params.download_fsync_size != 0 ? &context : nullptr,
+                  params, offset);
+      result = curl_easy_perform(handle);
+      curl_easy_reset(handle);
+      if (!close_stream(file) && result == CURLE_OK) result = CURLE_WRITE_ERROR;
+      if (result == CURLE_OK) {
+        report(4, format_message("Download completed: %s -> %s", url.c_str(), path.c_str()));
+        return true;
+      }
+      if (!resume || (result != CURLE_RANGE_ERROR && result != CURLE_BAD_DOWNLOAD_RESUME)) break;
+      // The server will not continue the file: take it whole from byte 0.
+      report(1, format_message("Download resume failed: %s -> %s : %s", url.c_str(), curl_easy_strerror(result),
+                               error_buffer));
+      resume = false;
+      offset = 0;
+    }
+    if (current_module_state() == module_stopped) break;
+    if (retry >= params.download_retry) break;
+    ++retry;
+  }
+  const char* reason = error_buffer[0] != 0 ? error_buffer : curl_easy_strerror(result);
+  report_error(format_message("Download error: %s -> %s", url.c_str(), reason).c_str());
+  return false;
+}
+
 }  // namespace update

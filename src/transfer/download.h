@@ -1,5 +1,6 @@
 // The one libcurl transfer of the module: one URL into one local file, with
 // resume, rollback, retries, periodic flushes and progress into the status.
+// The only place that sets libcurl transfer options.
 #pragma once
 #include <cstdint>
 #include <cstdio>
@@ -11,21 +12,34 @@
 
 namespace update {
 
-// Handed to the progress callbacks when download_fsync_size is not 0.
+// Handed to the progress callbacks when download_fsync_size is not 0. Lives
+// on the stack of download_file and is filled anew for each attempt.
 struct flush_context_t {
   FILE* file = nullptr;
-  uint64_t last_flushed = 0;
-  uint64_t flush_interval = 0;
+  uint64_t last_flushed = 0;    // dlnow of this attempt at the last flush
+  uint64_t flush_interval = 0;  // download_fsync_size
 };
 
-// Runs on the update worker and returns when the file is complete (true),
-// or when the attempts are used up or the module was stopped (false, already
-// reported). Never deletes the target. The handle is reset afterwards.
+// Called on the update worker by the retrieval of update.ini (resume false)
+// and by the download stage (resume true). Returns true when the file is
+// complete. False when the target cannot be opened, the attempts
+// (download_retry + 1) are used up, or the module was stopped; the failure
+// has then been reported through report_error, and the caller only stops.
+// Never deletes the target: a partial file is what the next call resumes
+// from. A server that will not continue a file (CURLE_RANGE_ERROR or
+// CURLE_BAD_DOWNLOAD_RESUME) restarts the transfer from byte 0 without
+// resume and without using an attempt. The handle holds no options after
+// the call. Takes the module lock and the status lock, one at a time.
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
                    const params_t& params, bool resume);
 
-// libcurl progress callbacks; both are always set. 0 goes on, 1 aborts.
+// libcurl progress callbacks; both are always set, and the libcurl in use
+// picks one. context is a flush_context_t or null. Returns 1 (abort) once
+// the module is stopped, else moves the progress of current_file in the
+// status (revision up, xml emptied, nothing saved), flushes the stream every
+// flush_interval bytes of this attempt, and returns 0. Update worker only.
 int xfer_progress_cb(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow);
+// Truncates the counters to integers and hands over to xfer_progress_cb.
 int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultotal, double ulnow);
 
 }  // namespace update

@@ -1,7 +1,35 @@
-// Placeholder until retrieval lands.
 #include "transfer/update_ini_fetch.h"
 
+#include "status/status.h"
+#include "support/message_format.h"
+#include "transfer/download.h"
+
 namespace update {
-bool fetch_update_ini(const std::string&, const std::string&, const char*, CURL*, const params_t&) { return false; }
-std::string& uri_join(std::string& base, const std::string& name) { return base += "/" + name; }
+
+bool fetch_update_ini(const std::string& uri, const std::string& update_path, const char* file_name,
+                      CURL* handle, const params_t& params) {
+  if (uri.empty()) {
+    report_error(format_message("%sDownload error: URI not specified (should be obtained from the Policy "
+                                "Managment Server)", "").c_str());
+    return false;
+  }
+  const std::string local_path = update_path + (file_name ? file_name : "");
+  std::string url = uri;
+  uri_join(url, "update.ini");
+  return download_file(handle, url, local_path, params, false);
+}
+
+std::string& uri_join(std::string& base, const std::string& name) {
+  if (!base.empty() && base.back() == '/') return base += name;
+  size_t q = base.rfind('?');
+  if (q == std::string::npos) {
+    base += '/';
+    return base += name;
+  }
+  if (name.find('?') != std::string::npos) base.resize(q);
+  const bool slash_before = q > 0 && base[q - 1] == '/';
+  if (!slash_before && name.compare(0, 1, "/") != 0) base.insert(q++, 1, '/');
+  return base.insert(q, name);
+}
+
 }  // namespace update

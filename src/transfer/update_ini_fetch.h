@@ -8,13 +8,19 @@
 
 namespace update {
 
-// Fetches uri's "update.ini" to update_path + file_name (update_path ends in
-// a separator). False when the URI is empty or the transfer failed; the
-// failure has been reported into the current message.
+// Called by the run driver for each source, on the update worker. Fetches
+// uri's "update.ini" whole (no resume) to update_path + file_name; no
+// separator is added, so update_path ends in one. The local copy is
+// overwritten from its first byte. False when the URI is empty (the target
+// is not touched and libcurl is not called) or the transfer failed; the
+// failure has been reported into the status's current message, which the
+// caller selected.
 bool fetch_update_ini(const std::string& uri, const std::string& update_path, const char* file_name,
                       CURL* handle, const params_t& params);
 
-// Adds a file name to a URI in place, keeping a query at the end; returns base.
+// Adds a file name to a URI in place, keeping a query at the end:
+// "a/b?k=1" + "update.ini" gives "a/b/update.ini?k=1". A name with a query
+// of its own replaces the base's query. Returns base.
 std::string& uri_join(std::string& base, const std::string& name);
 
 }  // namespace update

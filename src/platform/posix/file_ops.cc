@@ -63,6 +63,14 @@ void close_keeping_errno(int fd) {
   errno = saved;
 }
 
+// Truncating a file that is already empty is not free: ext4 then treats the
+// next close as the end of a replace-by-truncate and flushes the whole file.
+bool truncate_if_not_empty(int fd) {
+  struct stat st;
+  if (::fstat(fd, &st) == 0 && st.st_size == 0) return true;
+  return ::ftruncate(fd, 0) == 0;
+}
+
 std::string directory_of(const std::string& path) {
   size_t slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";
@@ -124,7 +132,7 @@ FILE* open_file(const char* path, const char* mode, bool deny_write) {
     }
   }
   if (lock) {
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (m.truncate && ::ftruncate(fd, 0) != 0)) {
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (m.truncate && !truncate_if_not_empty(fd))) {
       close_keeping_errno(fd);
       return nullptr;
     }
