@@ -229,14 +229,18 @@ int main(int argc, char** argv) {
   const double ours_speed = big_mb / median(t_ours);
   std::vector<row_t> rows;
   std::printf("file %zu MiB, %d alternating rounds, medians; %d files of 4 KiB\n\n", size_mib, pairs, small_files);
+  const double bare_speed = big_mb / median(t_bare);
   if (rhash) {
     const double rhash_speed = big_mb / median(t_rhash);
-    rows.push_back({"GOST-256 of the big file vs rhash", ours_speed, rhash_speed, "MB/s", ">= 1.40", ours_speed >= 1.4 * rhash_speed});
+    rows.push_back({"GOST-256 of the big file vs rhash", ours_speed, rhash_speed, "MB/s", ">= 1.40",
+                    ours_speed >= 1.4 * rhash_speed});
+    // The most any hashing over libgcrypt can reach against rhash on this host.
+    rows.push_back({"(bare libgcrypt vs rhash: the ceiling)", bare_speed, rhash_speed, "MB/s", "context", true});
   }
-  const double bare_speed = big_mb / median(t_bare);
   rows.push_back({"GOST-256 of the big file vs bare libgcrypt", ours_speed, bare_speed, "MB/s", ">= 0.95",
                   ours_speed >= 0.95 * bare_speed});
-  rows.push_back({"peak RSS of a hashing process vs limit", rss_kib / 1024.0, 16.0, "MiB ", "<= 1.00", rss_kib <= 16 * 1024});
+  rows.push_back({"peak RSS of a hashing process vs limit", rss_kib / 1024.0, 16.0, "MiB ", "<= 1.00",
+                  rss_kib <= 16 * 1024});
   if (rhash) {
     const double ours_files = small_files / median(s_ours), rhash_files = small_files / median(s_rhash);
     rows.push_back({"4 KiB files vs rhash (one process for all)", ours_files, rhash_files, "f/s ", "report", true});

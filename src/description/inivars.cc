@@ -1,10 +1,44 @@
-// Placeholder until variables land.
 #include "description/inivars.h"
 
 namespace update {
+
 const delimiters_t variable_delimiters{"$(", ")"};
+
+// Three passes resolve references nested two deep within one set; a
+// self-reference dies out instead of looping.
+constexpr int substitution_passes = 3;
+
 bool inivars_t::apply(inivar_t&) { return true; }
+
 void inivars_t::add(const std::string& name, const std::string& value) { vars.push_back({name, value}); }
-std::string_view inivars_t::find(std::string_view) const { return {}; }
-bool inivars_t::apply(std::string&, const delimiters_t&) { return false; }
+
+std::string_view inivars_t::find(std::string_view name) const {
+  for (const auto& v : vars)
+    if (v.name == name) return v.value;
+  return {};
+}
+
+bool inivars_t::apply(std::string& s, const delimiters_t& delimiters) {
+  if (vars.empty()) return false;
+  // Every token begins with the left delimiter: a text without one is done.
+  if (!delimiters.first.empty() && s.find(delimiters.first) == std::string::npos) return false;
+  bool any = false;
+  std::string token;
+  for (int pass = 0; pass < substitution_passes; ++pass) {
+    bool replaced = false;
+    for (auto& var : vars) {
+      token.assign(delimiters.first).append(var.name).append(delimiters.second);
+      for (size_t at = s.find(token); at != std::string::npos; at = s.find(token, at)) {
+        if (!apply(var)) break;  // a computed variable that cannot be given a value now
+        s.replace(at, token.size(), var.value);
+        at += var.value.size();  // the inserted value is not rescanned in this pass
+        replaced = true;
+      }
+    }
+    if (!replaced) break;
+    any = true;
+  }
+  return any;
+}
+
 }  // namespace update

@@ -1,9 +1,73 @@
-// Placeholder until the description loader lands.
+#include "description/loader.h"
+
+#include <exception>
+
+#include "description/indexed_rules.h"
+#include "description/section_rules.h"
 #include "description/update_ini.h"
+#include "platform/agent_paths.h"
+#include "status/status.h"
+#include "support/file_helpers.h"
+#include "support/ini_file.h"
+#include "support/message_format.h"
 
 namespace update {
-bool parse_bool_text(const std::string&) { return false; }
-int32_t parse_int_or(const std::string&, int32_t fallback) { return fallback; }
-bool parse_size(uint64_t& out, const std::string&) { out = 0; return false; }
-bool load_update_ini(update_ini_t&, const inivars_t&, hash_cache_t&, const std::string&, const char*, int) { return false; }
+
+namespace {
+
+void report_text(const std::string& text) { report_error(text.c_str()); }
+
+// Steps after the file is open; everything they throw is reported by the caller.
+bool parse_description(std::istream& in, update_ini_t& ini, const inivars_t& predefined, hash_cache_t& hashes,
+                       const std::string& dir, int mode) {
+  const std::string& section = product_section_name();
+  CIniFile ini_file(in);
+  if (mode == 1) return read_indexed_rules(ini_file, section, ini, dir, mode);
+  if (read_section_rules(ini_file, section, ini, dir, predefined, hashes)) {
+    read_params(ini_file, section, ini);
+    return true;
+  }
+  if (!read_indexed_rules(ini_file, section, ini, dir, mode)) return false;
+  read_params(ini_file, section, ini);
+  if (ini.rules.empty()) {
+    // Only the indexed format needs a rule: without one the source says nothing.
+    report_text(format_message("Parse 'update.ini' error: parameter not found: 'version', in section: [%s]",
+                               section.c_str()));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+const std::string& product_section_name() {
+  static const std::string name = productTarget();
+  return name;
+}
+
+bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_t& hashes, const std::string& dir,
+                     const char* file_name, int mode) {
+  const std::string path = dir + file_name;
+  std::utf8_ifstream in(path);
+  if (!in) {
+    if (mode != 1) report_text(format_message("Can't open file for reading: %s", path.c_str()));
+    return false;
+  }
+  try {
+    return parse_description(in, ini, predefined, hashes, dir, mode);
+  } catch (const CIniFileGroupNotFound& e) {
+    report_text(format_message("Parse 'update.ini' error: section not found [%s]", e.what()));
+  } catch (const CIniFileVarNameNotFound& e) {
+    report_text(format_message("Parse 'update.ini' error: parameter not found: '%s', in section: [%s]", e.what(),
+                               e.group.c_str()));
+  } catch (const std::exception& e) {
+    report_text(format_message("Parse 'update.ini' error: %s", e.what()));
+  } catch (const std::string& text) {
+    report_text(format_message("Parse 'update.ini' error: %s", text.c_str()));
+  } catch (const char* text) {
+    report_text(format_message("Parse 'update.ini' error: %s", text ? text : ""));
+  }
+  return false;
+}
+
 }  // namespace update

@@ -4,6 +4,8 @@
 #include <list>
 #include <string>
 
+class CIniFile;  // the ini engine keeps its own global name
+
 namespace update {
 
 using string_list_t = std::list<std::string>;
@@ -70,7 +72,6 @@ struct update_ini_t : params_t {
 
 class inivars_t;
 struct hash_cache_t;
-class CIniFile;
 
 // True for "1", "on", "yes" or "true", without regard to case.
 bool parse_bool_text(const std::string& text);

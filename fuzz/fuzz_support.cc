@@ -1,0 +1,36 @@
+// The few services the fuzzed sources call, kept minimal so that the target
+// builds from the ini engine and the indexed reader alone. Reports are
+// counted: a reader that fails must have said why.
+#include "fuzz/fuzz_support.h"
+
+#include "platform/file_ops.h"
+#include "platform/local_params.h"
+#include "status/status.h"
+#include "transfer/update_ini_fetch.h"
+
+namespace fuzz {
+int reports = 0;
+bool verify_downloads = true;
+}  // namespace fuzz
+
+namespace update {
+namespace platform {
+const char path_separator = '/';
+const char* const path_separator_text = "/";
+}  // namespace platform
+
+void report(int level, const std::string&) {
+  if (level == 0) ++fuzz::reports;
+}
+void report_error(const char* text) { report(0, text); }
+
+std::string& uri_join(std::string& base, const std::string& name) {
+  if (!base.empty() && base.back() != '/') base += '/';
+  return base += name;
+}
+}  // namespace update
+
+namespace LPARAMS {
+bool server::verify_downloads() { return fuzz::verify_downloads; }
+std::string server::verify_downloads_name() { return "verify_downloads"; }
+}  // namespace LPARAMS

@@ -1,0 +1,151 @@
+#include "description/indexed_rules.h"
+
+#include "platform/file_ops.h"
+#include "platform/local_params.h"
+#include "status/status.h"
+#include "support/ini_file.h"
+#include "support/message_format.h"
+#include "transfer/update_ini_fetch.h"
+
+namespace update {
+
+namespace {
+
+// The file's name is what follows the last "/", else the last "\": the
+// directories of an item count on the server, not on the disk.
+std::string base_name(const std::string& item) {
+  size_t cut = item.rfind('/');
+  if (cut == std::string::npos) cut = item.rfind('\\');
+  return cut == std::string::npos ? item : item.substr(cut + 1);
+}
+
+// Trailing separators go, unless nothing else is there; then exactly one
+// separator ends it, also an empty path.
+void normalise_download_path(std::string& path) {
+  const size_t end = path.find_last_not_of("\\/");
+  if (end != std::string::npos) path.erase(end + 1);
+  path += platform::path_separator;
+}
+
+void report_list_error(const std::string& text) { report_error(text.c_str()); }
+
+}  // namespace
+
+std::string indexed_key(const std::string& key, unsigned index) {
+  return index == 0 ? key : key + "." + std::to_string(index);
+}
+
+bool next_list_item(const char*& cursor, std::string& item) {
+  if (*cursor == '\0') return false;
+  while (*cursor == ' ' || *cursor == '\t') ++cursor;
+  const char* start = cursor;
+  while (*cursor != '\0' && *cursor != ',') ++cursor;
+  item.assign(start, cursor);
+  if (*cursor == ',') ++cursor;
+  return true;
+}
+
+bool read_file_list(const std::string& files, const std::string& hashes, const std::string& sizes,
+                    const std::string& download_path, const std::string& base_uri, std::list<file_entry_t>& entries) {
+  const char* file_cursor = files.c_str();
+  const char* hash_cursor = hashes.c_str();
+  const char* size_cursor = sizes.c_str();
+  std::string item, hash_item, size_item;
+  for (unsigned count = 1; next_list_item(file_cursor, item); ++count) {
+    if (item.empty()) {
+      report_list_error(format_message("empty file name specified in file list(#%u): %s", count, files.c_str()));
+      return false;
+    }
+    file_entry_t& entry = entries.emplace_back();
+    entry.name = base_name(item);
+    entry.local_path = download_path + entry.name;
+    entry.uri = base_uri;
+    uri_join(entry.uri, item);
+    if (!hashes.empty()) {
+      if (!next_list_item(hash_cursor, hash_item)) {
+        report_list_error(
+            format_message("files count greater than hashes count: %s > %s", files.c_str(), hashes.c_str()));
+        return false;
+      }
+      entry.hash = hash_item;
+    }
+    if (!sizes.empty()) {
+      if (!next_list_item(size_cursor, size_item)) {
+        report_list_error(
+            format_message("files count greater than sizes count: %s > %s", files.c_str(), sizes.c_str()));
+        return false;
+      }
+      if (!parse_size(entry.size, size_item)) {
+        report_list_error(format_message("bad filesize value: %s", size_item.c_str()));
+        return false;
+      }
+    }
+    for (auto earlier = entries.begin(); &*earlier != &entry; ++earlier) {
+      if (earlier->name == entry.name) {
+        report_list_error(format_message("duplicated file name: %s", item.c_str()));
+        return false;
+      }
+    }
+  }
+  if (!entries.empty()) {
+    if (next_list_item(hash_cursor, hash_item)) {
+      report_list_error(format_message("files count less than hashes count: %s < %s", files.c_str(), hashes.c_str()));
+      return false;
+    }
+    if (next_list_item(size_cursor, size_item)) {
+      report_list_error(format_message("files count less than sizes count: %s < %s", files.c_str(), sizes.c_str()));
+      return false;
+    }
+  }
+  return true;
+}
+
+bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, update_ini_t& ini,
+                        const std::string& dir, int mode) {
+  CIniFile::group_list_t sections;
+  ini_file.groups_named(section_name, sections);
+  if (sections.empty()) return true;
+  auto value = [&](const std::string& key, unsigned index, const char* default_value) {
+    return value_in_groups(sections, section_name, indexed_key(key, index), default_value);
+  };
+
+  for (unsigned index = 0;; ++index) {
+    if (index == 1 && mode == 1) return !ini.rules.empty();
+    file_rule_t rule;
+    rule.update_version = value("version", index, "");
+    if (rule.update_version.empty()) {
+      if (index != 0) return true;
+      continue;
+    }
+    if (index == 0) rule.is_main = true;
+    if (index == 1 && !ini.rules.empty()) ini.rules.clear();  // numbered rules replace the bare one
+
+    rule.file_name = value("file", index, "");
+    rule.hash = value("hash", index, "");
+    if (rule.hash.empty() && !rule.file_name.empty() && LPARAMS::server::verify_downloads()) {
+      report_list_error(format_message("Parse 'update.ini' error: missing required field 'hash'. Turn off local "
+                                       "parameter '%s' to disable downloaded files verification",
+                                       LPARAMS::server::verify_downloads_name().c_str()));
+      return false;
+    }
+    rule.filesize = value("filesize", index, "");
+    rule.download_path = value("download_path", index, dir.c_str());
+    normalise_download_path(rule.download_path);
+    if (!read_file_list(rule.file_name, rule.hash, rule.filesize, rule.download_path, ini.uri, rule.entries))
+      return false;
+
+    rule.exec_sys = value("exec_sys", index, "");
+    rule.exec_user = value("exec_user", index, "");
+    if (rule.exec_sys.empty() && rule.exec_user.empty()) rule.exec_sys = value("exec", index, nullptr);
+    const std::string exec_wait = value("exec_wait", index, "");
+    rule.exec_sys_wait = value("exec_sys_wait", index, exec_wait.c_str());
+    rule.exec_user_wait = value("exec_user_wait", index, exec_wait.c_str());
+
+    rule.display_name = rule.is_main ? rule.update_version : rule.update_version + " (" + rule.file_name + ")";
+    rule.owner = &ini;
+    rule.legacy_exec = true;
+    ini.rules.push_back(std::move(rule));
+  }
+}
+
+}  // namespace update

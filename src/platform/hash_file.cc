@@ -1,0 +1,157 @@
+#include "platform/hash_file.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include <gcrypt.h>
+
+#include "platform/file_ops.h"
+
+namespace {
+
+struct hash_type_t {
+  std::string_view name;  // canonical spelling, as decorations carry it
+  int algo;
+};
+
+constexpr hash_type_t hash_types[] = {
+    {"GOST3411_256_2012", GCRY_MD_STRIBOG256},
+    {"GOST3411_512_2012", GCRY_MD_STRIBOG512},
+    {"SHA256", GCRY_MD_SHA256},
+    {"SHA512", GCRY_MD_SHA512},
+};
+constexpr const hash_type_t& default_type = hash_types[0];
+
+// Large enough that the per-call overhead vanishes next to the hashing, small
+// enough to keep the footprint flat whatever the file size.
+constexpr size_t read_block = size_t{1} << 20;
+
+bool gcrypt_ready() {
+  // libgcrypt wants one initialisation before any use; since 1.6 it is
+  // thread-safe without callbacks. Respect a host that did it already.
+  static const bool ready = [] {
+    if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) return true;
+    if (!gcry_check_version(GCRYPT_VERSION)) return false;
+    gcry_control(GCRYCTL_DISABLE_SECMEM, 0);  // digests of public files need no locked memory
+    gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+    return true;
+  }();
+  return ready;
+}
+
+bool equal_ignoring_case(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
+    if (x >= 'a' && x <= 'z') x = static_cast<unsigned char>(x - 'a' + 'A');
+    if (y >= 'a' && y <= 'z') y = static_cast<unsigned char>(y - 'a' + 'A');
+    if (x != y) return false;
+  }
+  return true;
+}
+
+const hash_type_t* type_named(std::string_view name) {
+  for (const auto& t : hash_types)
+    if (equal_ignoring_case(t.name, name)) return &t;
+  return nullptr;
+}
+
+bool is_hex(std::string_view text) {
+  for (char c : text) {
+    bool digit = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    if (!digit) return false;
+  }
+  return true;
+}
+
+// The type a text names, and the first character of its decoration: the
+// text's own "$" or "#", else "#".
+const hash_type_t* resolve_type(std::string_view text, char& lead) {
+  lead = '#';
+  if (text.empty()) return nullptr;
+  if (text[0] == '#' || text[0] == '$') {
+    size_t colon = text.find(':');
+    if (colon == std::string_view::npos) return nullptr;
+    lead = text[0];
+    return type_named(text.substr(1, colon - 1));
+  }
+  if (const hash_type_t* t = type_named(text)) return t;
+  if ((text.size() == 64 || text.size() == 128) && is_hex(text))
+    return &hash_types[text.size() == 64 ? 0 : 1];
+  return nullptr;
+}
+
+std::string decoration(const hash_type_t& type, char lead) {
+  std::string out;
+  out.reserve(type.name.size() + 2);
+  out += lead;
+  out += type.name;
+  out += ':';
+  return out;
+}
+
+struct md_owner_t {
+  gcry_md_hd_t hd = nullptr;
+  md_owner_t() = default;
+  md_owner_t(const md_owner_t&) = delete;
+  md_owner_t& operator=(const md_owner_t&) = delete;
+  ~md_owner_t() {
+    if (hd) gcry_md_close(hd);
+  }
+};
+
+}  // namespace
+
+namespace HashFileChecker {
+
+bool CalcHash(const std::string& path, const std::string& type, std::string& result) {
+  char lead = '#';
+  const hash_type_t* t = type.empty() ? &default_type : resolve_type(type, lead);
+  if (!t || !gcrypt_ready()) return false;
+
+  // Unbuffered: each read of a block goes straight from the system into the
+  // buffer, with no copy through the stream's own.
+  std::unique_ptr<FILE, int (*)(FILE*)> file(update::platform::open_file(path.c_str(), "rb", false), std::fclose);
+  if (!file || std::setvbuf(file.get(), nullptr, _IONBF, 0) != 0) return false;
+
+  // A small file gets a small buffer, so that hashing many of them costs no
+  // large allocations; a file that grows meanwhile is still read to its end.
+  uint64_t size = 0;
+  size_t capacity = read_block;
+  if (update::platform::query_file_size(path.c_str(), size) && size < read_block)
+    capacity = (static_cast<size_t>(size) / 4096 + 1) * 4096;
+  std::unique_ptr<unsigned char[]> buffer(new unsigned char[capacity]);
+
+  md_owner_t md;
+  if (gcry_md_open(&md.hd, t->algo, 0) != 0) return false;
+  for (;;) {
+    const size_t n = std::fread(buffer.get(), 1, capacity, file.get());
+    if (n > 0) gcry_md_write(md.hd, buffer.get(), n);
+    if (n < capacity) break;  // fread comes back short only at the end or on an error
+  }
+  if (std::ferror(file.get())) return false;
+
+  const unsigned char* digest = gcry_md_read(md.hd, t->algo);
+  if (!digest) return false;
+  static const char hex[] = "0123456789abcdef";
+  const unsigned length = gcry_md_get_algo_dlen(t->algo);
+  std::string out = decoration(*t, lead);
+  out.reserve(out.size() + 2 * length);
+  for (unsigned i = 0; i < length; ++i) {
+    out += hex[digest[i] >> 4];
+    out += hex[digest[i] & 15];
+  }
+  result = std::move(out);
+  return true;
+}
+
+}  // namespace HashFileChecker
+
+std::string getHashTypeDecorStr(const std::string& text) {
+  char lead = '#';
+  const hash_type_t* t = resolve_type(text, lead);
+  return t ? decoration(*t, lead) : std::string();
+}

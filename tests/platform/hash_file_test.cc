@@ -1,0 +1,101 @@
+#include "platform/hash_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+
+#include "fixtures/scratch_dir.h"
+
+namespace {
+
+std::string command_output(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = popen(command.c_str(), "r")) {
+    char buffer[512];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    pclose(pipe);
+  }
+  return out;
+}
+
+// The digits example of GOST R 34.11-2012, in each type and decoration form.
+TEST(CalcHash, HashesTheStandardExampleInEveryTypeAndDecoration) {
+  fixtures::scratch_dir_t dir;
+  const std::string path = dir.write("m1", "012345678901234567890123456789012345678901234567890123456789012");
+  const std::string gost256 = "9d151eefd8590b89daa6ba6cb74af9275dd051026bb149a452fd84e5e57b5500";
+  const std::string sha256 = "074f6e9ac301d5d1b6df6f1dfb8c6f89c187ea945d352ce6a29279a9c630680b";
+  const std::pair<std::string, std::string> rows[] = {
+      {"", "#GOST3411_256_2012:" + gost256},
+      {"#GOST3411_512_2012:",
+       "#GOST3411_512_2012:1b54d01a4af5b9d5cc3d86d68d285462b19abc2475222f35c085122be4ba1ffa00ad30f8767b3a82384c6574f0"
+       "24c311e2a481332b08ef7f41797891c1646f48"},
+      {"#SHA512:",
+       "#SHA512:5c0eafd3eb15f309fa9fa28bb63f088f0727578843cbd1317937c0b586b9c00ae9959be971139dcd6df33c6750ecac5031f305"
+       "c8b3a238b66251748d40fd4386"},
+      {"#SHA256:", "#SHA256:" + sha256},
+      {"$SHA256:", "$SHA256:" + sha256},      // the decoration follows the text passed in
+      {"$sha256:0000", "$SHA256:" + sha256},  // a stale whole hash names its type
+      {"sha256", "#SHA256:" + sha256},
+  };
+  for (const auto& [type, expected] : rows) {
+    std::string result;
+    ASSERT_TRUE(HashFileChecker::CalcHash(path, type, result)) << type;
+    EXPECT_EQ(result, expected) << type;
+  }
+}
+
+// Sizes around the read block and the algorithms' 64-byte blocks, where a
+// streaming fault would show, against an independent implementation.
+TEST(CalcHash, AgreesWithRhashOnRandomFiles) {
+  if (command_output("command -v rhash").empty()) GTEST_SKIP() << "rhash is not installed";
+  fixtures::scratch_dir_t dir;
+  const size_t block = size_t{1} << 20;
+  std::mt19937 gen(7);
+  for (size_t size : {size_t{0}, size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{4097}, block - 1, block,
+                      block + 1, 3 * block + 17}) {
+    std::string bytes(size, '\0');
+    for (auto& c : bytes) c = static_cast<char>(gen());
+    const std::string path = dir.write("r", bytes);
+    std::string ours256, ours512;
+    ASSERT_TRUE(HashFileChecker::CalcHash(path, "#GOST3411_256_2012:", ours256));
+    ASSERT_TRUE(HashFileChecker::CalcHash(path, "#GOST3411_512_2012:", ours512));
+    EXPECT_EQ(ours256 + " " + ours512,
+              command_output("rhash --printf='#GOST3411_256_2012:%{gost12-256} #GOST3411_512_2012:%{gost12-512}' " +
+                             path))
+        << size;
+  }
+}
+
+TEST(CalcHash, FailsWithoutTouchingTheResult) {
+  fixtures::scratch_dir_t dir;
+  const std::string path = dir.write("f", "data");
+  const std::pair<std::string, std::string> rows[] = {
+      {dir.path("absent"), ""}, {dir.path(), ""}, {path, "#MD5:"}, {path, "#SHA256"}, {path, "SHA256:"}};
+  for (const auto& [file, type] : rows) {
+    std::string result = "kept";
+    EXPECT_FALSE(HashFileChecker::CalcHash(file, type, result)) << file << " " << type;
+    EXPECT_EQ(result, "kept");
+  }
+}
+
+TEST(GetHashTypeDecorStr, MapsEveryFormOfATypeToItsDecoration) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"GOST3411_256_2012", "#GOST3411_256_2012:"},
+      {"gost3411_512_2012", "#GOST3411_512_2012:"},
+      {"$sha256:", "$SHA256:"},
+      {"#SHA512:whatever", "#SHA512:"},
+      {std::string(64, 'a'), "#GOST3411_256_2012:"},  // a bare digest by its length
+      {std::string(128, 'F'), "#GOST3411_512_2012:"},
+      {std::string(63, 'a') + "g", ""},
+      {std::string(65, 'a'), ""},
+      {"", ""},
+      {"#:", ""},
+      {"#MD5:", ""},
+      {"SHA256 ", ""},
+      {"#SHA256", ""},
+  };
+  for (const auto& [text, expected] : rows) EXPECT_EQ(getHashTypeDecorStr(text), expected) << "'" << text << "'";
+}
+
+}  // namespace
