@@ -46,17 +46,9 @@ const char* command_text(Command command) {
   return "UNDEFINED";
 }
 
-request_t::request_t(Command command, const std::list<std::string>& uris) : command(command), uris(uris) {
-  // Every fetch of update.ini runs with these, whatever a description says.
-  params.connect_timeout = 300;
-  params.download_lowtime = 300;
-  params.download_lowspeed = 10;
-  params.download_keepalive_interval = 30;
-  params.download_retry = 0;
-  params.download_rollback_size = 0;
-  params.download_fsync_size = 0;
-  params.tcp_nodelay.clear();
-}
+// params_t's own defaults are the fixed settings every fetch of update.ini
+// runs with, whatever a description says.
+request_t::request_t(Command command, const std::list<std::string>& uris) : command(command), uris(uris) {}
 
 module_state_t current_module_state() {
   std::lock_guard<std::mutex> hold(module_lock);

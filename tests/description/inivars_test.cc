@@ -9,14 +9,6 @@ namespace {
 using update::inivars_t;
 using vars_t = std::vector<std::pair<std::string, std::string>>;
 
-TEST(Inivars, FindGivesTheFirstOfANameOrNothing) {
-  inivars_t set;
-  for (const auto& [name, value] : vars_t{{"a", "1"}, {"a", "3"}, {"e", ""}}) set.add(name, value);
-  EXPECT_EQ(set.find("a"), "1");
-  EXPECT_TRUE(set.find("A").empty());
-  EXPECT_TRUE(set.find("none").empty());
-}
-
 TEST(Inivars, ApplySubstitutesByTheTable) {
   const struct {
     vars_t vars;

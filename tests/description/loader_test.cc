@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "description/indexed_rules.h"
 #include "description/inivars.h"
 #include "description/loader.h"
 #include "description/update_ini.h"
@@ -15,21 +16,32 @@ using update::update_ini_t;
 
 class LoadUpdateIni : public ::testing::Test {
  protected:
-  void SetUp() override { update::reset_module_for_tests(); }
-  void TearDown() override { update::status.reset(); }
+  void SetUp() override {
+    update::reset_module_for_tests();
+    LPARAMS::server::set_verify_downloads(true);
+  }
+  void TearDown() override {
+    LPARAMS::server::set_verify_downloads(verify_before_);
+    update::status.reset();
+  }
 
-  // Loads text as the saved description into a fresh record, with an empty
-  // current message to receive the report.
-  bool load(const std::string& text, int mode, const char* name = "corvid_update.ini") {
+  // Loads the product section's body as the saved description into a fresh
+  // record, with an empty current message to receive the report: the first
+  // error stands.
+  static void fresh_message() {
     update::status.reset();
     update::status.save_enabled = false;
     update::status.select_message("http://source/");
-    if (!text.empty()) dir_.write(name, text);
+  }
+  bool load(const std::string& body, int mode = 0, const char* name = "corvid_update.ini") {
+    fresh_message();
+    dir_.write(name, head_ + body);
     ini_ = update_ini_t{};
     return update::load_update_ini(ini_, vars_, hashes_, dir_.path(), name, mode);
   }
   static std::string reported() { return update::status.current_message->text; }
 
+  const bool verify_before_ = LPARAMS::server::verify_downloads();
   const std::string head_ = "[" + update::product_section_name() + "]\n";
   fixtures::scratch_dir_t dir_;
   update_ini_t ini_;
@@ -38,48 +50,139 @@ class LoadUpdateIni : public ::testing::Test {
 };
 
 TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
-  const std::string no_version = "Parse 'update.ini' error: parameter not found: 'version', in section: [" +
-                                 update::product_section_name() + "]";
+  const std::string not_found = "Parse 'update.ini' error: parameter not found: ";
+  const std::string section = ", in section: [" + update::product_section_name() + "]";
   const std::pair<std::string, std::string> rows[] = {
-      {head_ + "version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
-      {head_ + "message=hello\n", no_version},
-      {"[elsewhere]\nversion=1\n", no_version},
-      {head_ + "version.1=2\n", "Parse 'update.ini' error: parameter not found: 'exec.1', in section: [" +
-                                    update::product_section_name() + "]"},
-      {head_ + "version=1\nfile=a,a\nhash=1,2\nexec=x\n", "duplicated file name: a"},
+      {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
+      {"message=hello\n", not_found + "'version'" + section},
+      {"[elsewhere]\nversion=1\n", not_found + "'version'" + section},
+      {"version.1=2\n", not_found + "'exec.1'" + section},
+      {"version=1\nfile=a,a\nhash=1,2\nexec=x\n", "duplicated file name: a"},
+      {"version=1\nfile=a\nexec=x\n", "Parse 'update.ini' error: missing required field 'hash'. Turn off local "
+                                      "parameter '" + LPARAMS::server::verify_downloads_name() +
+                                      "' to disable downloaded files verification"},
   };
   for (const auto& [text, message] : rows) {
-    EXPECT_FALSE(load(text, 0)) << text;
+    EXPECT_FALSE(load(text)) << text;
     EXPECT_EQ(reported(), message) << text;
   }
-  EXPECT_FALSE(load("", 1, "absent.ini"));
+  EXPECT_TRUE(load("version=1\nexec=x\n"));  // no file, no hash needed
+  LPARAMS::server::set_verify_downloads(false);
+  EXPECT_TRUE(load("version=1\nfile=a\nexec=x\n"));
+
+  const std::string absent = dir_.path("absent.ini");
+  update::status.select_message("other");
+  EXPECT_FALSE(update::load_update_ini(ini_, vars_, hashes_, dir_.path(), "absent.ini", 1));
   EXPECT_EQ(reported(), "");  // start-up does not report a missing file
-  EXPECT_FALSE(load("", 0, "absent.ini"));
-  EXPECT_EQ(reported(), "Can't open file for reading: " + dir_.path("absent.ini"));
+  EXPECT_FALSE(update::load_update_ini(ini_, vars_, hashes_, dir_.path(), "absent.ini", 0));
+  EXPECT_EQ(reported(), "Can't open file for reading: " + absent);
 }
 
-TEST_F(LoadUpdateIni, RunReadsSettingsAndStartUpOnlyTheBareRule) {
-  const std::string text = head_ + "version=3.1\nexec=x\nversion.1=4\nexec.1=y\nconnect_timeout=7\n";
-  ASSERT_TRUE(load(text, 0));
-  EXPECT_EQ(ini_.rules.front().update_version, "4");
-  EXPECT_EQ(ini_.rules.front().download_path, dir_.path());
+// The bare rule is a fallback: any numbered rule replaces it, and start-up
+// (mode 1) reads it alone.
+TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
+  const std::string bare = "version=1\nfile=a\nhash=h\nexec=x\n";
+  const std::string first = "version.1=2\nfile.1=p/b,c\nhash.1=h1,h2\nexec.1=y\n";
+  const struct {
+    std::string body;
+    int mode;
+    bool result;
+    std::string rules;  // display names, main rules marked with "*"
+  } rows[] = {
+      {bare, 0, true, "*1;"},
+      {bare, 1, true, "*1;"},
+      {bare + first, 0, true, "2 (p/b,c);"},
+      {bare + first, 1, true, "*1;"},
+      {first, 1, false, ""},
+      {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
+      {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
+      {"file=a\nhash=h\n", 0, false, ""},
+      {"file=a\nhash=h\n", 1, false, ""},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(load(row.body, row.mode), row.result) << row.body;
+    std::string rules;
+    for (const auto& r : ini_.rules) {
+      rules += (r.is_main ? "*" : "") + r.display_name + ";";
+      EXPECT_TRUE(r.owner == &ini_ && r.legacy_exec);
+    }
+    EXPECT_EQ(rules, row.rules) << row.body << " mode " << row.mode;
+  }
+}
+
+TEST_F(LoadUpdateIni, ReadsTheFieldsOfARuleAndSettingsOnlyInARun) {
+  const std::string text = "version=3.1\nexec=x\nconnect_timeout=7\nversion.1=2.0\nfile.1=bin/a.exe,\t b.dll\n"
+                           "hash.1=#T:1 ,#T:2\nfilesize.1=10,20\nexec_sys.1=install.sh\nexec_user.1=notify\n"
+                           "exec_wait.1=1\nexec_user_wait.1=0\n";
+  ASSERT_TRUE(load(text));
   EXPECT_EQ(ini_.connect_timeout, 7);
+  ASSERT_EQ(ini_.rules.size(), 1u);
+  const auto& rule = ini_.rules.front();
+  EXPECT_EQ(rule.update_version, "2.0");
+  EXPECT_EQ(rule.download_path, dir_.path());  // the load's directory by default
+  EXPECT_EQ(rule.exec_sys + "|" + rule.exec_user + "|" + rule.exec_sys_wait + "|" + rule.exec_user_wait,
+            "install.sh|notify|1|0");
+  ASSERT_EQ(rule.entries.size(), 2u);
+  const auto& a = rule.entries.front();
+  EXPECT_EQ(a.uri, "/bin/a.exe");  // directories count on the server...
+  EXPECT_EQ(a.name, "a.exe");
+  EXPECT_EQ(a.local_path, dir_.path("a.exe"));  // ...and not on the disk
+  EXPECT_EQ(a.hash, "#T:1 ");  // list items keep blanks behind, lose those in front
+  EXPECT_EQ(a.size, 10u);
+  EXPECT_EQ(rule.entries.back().name + " " + std::to_string(rule.entries.back().size), "b.dll 20");
+
   ASSERT_TRUE(load(text, 1));
   EXPECT_EQ(ini_.rules.front().update_version, "3.1");
   EXPECT_EQ(ini_.connect_timeout, 300);  // the constructor's value stands
 }
 
+TEST_F(LoadUpdateIni, DownloadPathEndsInExactlyOneSeparator) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"C:\\dir\\\\/", "C:\\dir/"}, {"/srv/files///", "/srv/files/"}, {"/", "//"},  // only separators: kept
+      {"", "/"},                    {"rel", "rel/"},
+  };
+  for (const auto& [value, expected] : rows) {
+    ASSERT_TRUE(load("version=1\nexec=x\ndownload_path=" + value + "\n")) << value;
+    EXPECT_EQ(ini_.rules.front().download_path, expected) << value;
+  }
+}
+
 // Until its reader lands, a description of file sections is recognised and
 // passed over: no rule and no report in a run, false at start-up.
 TEST_F(LoadUpdateIni, FileSectionFormatIsPassedOverQuietly) {
-  const std::string text =
-      head_ + "connect_timeout=9\n[" + update::product_section_name() + ".file=tool.exe]\nversion=2\n";
-  EXPECT_TRUE(load(text, 0));
+  const std::string text = "connect_timeout=9\n[" + update::product_section_name() + ".file=tool.exe]\nversion=2\n";
+  EXPECT_TRUE(load(text));
   EXPECT_TRUE(ini_.rules.empty());
   EXPECT_EQ(ini_.connect_timeout, 9);
-  EXPECT_EQ(reported(), "");
   EXPECT_FALSE(load(text, 1));
   EXPECT_EQ(reported(), "");
+}
+
+TEST_F(LoadUpdateIni, FileListMismatchesAreReported) {
+  const struct {
+    std::string files, hashes, sizes, message;
+  } rows[] = {
+      {"a,b", "1", "", "files count greater than hashes count: a,b > 1"},
+      {"a", "1, ", "", "files count less than hashes count: a < 1, "},
+      {"a,b", "", "10", "files count greater than sizes count: a,b > 10"},
+      {"a", "", "10,20", "files count less than sizes count: a < 10,20"},
+      {"a,b", "", "10,-1", "bad filesize value: -1"},
+      {"x/a,y/a", "", "", "duplicated file name: y/a"},
+      {"x\\a,a", "", "", "duplicated file name: a"},
+      {"a,,b", "", "", "empty file name specified in file list(#2): a,,b"},
+      {"a, ", "", "", "empty file name specified in file list(#2): a, "},
+      {"a,A", "", "", ""},     // names compare with regard to case
+      {"a,", "1,", "5,", ""},  // a final comma adds no item
+      {"a,b", ",h2", "", ""},  // an empty hash counts as the first file's
+      {"", "1,2", "3", ""},    // without files nothing is checked
+  };
+  for (const auto& row : rows) {
+    fresh_message();
+    std::list<update::file_entry_t> entries;
+    const bool ok = update::read_file_list(row.files, row.hashes, row.sizes, "/d/", "http://h", entries);
+    EXPECT_EQ(ok, row.message.empty()) << row.files << " | " << row.hashes << " | " << row.sizes;
+    EXPECT_EQ(reported(), row.message) << row.files << " | " << row.hashes;
+  }
 }
 
 }  // namespace

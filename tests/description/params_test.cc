@@ -32,12 +32,12 @@ std::string settings_text(const update_ini_t& ini) {
 }
 
 TEST(ReadParams, ValueRulesByTheTable) {
+  const std::string head = "[" + update::product_section_name() + "]\n";
   const std::pair<std::string, std::string> rows[] = {
       // A loaded record never keeps a constructor value.
       {"", "connect_timeout=60 download_lowtime=10 download_lowspeed=10 download_keepalive_interval=30 "
            "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
       {"connect_timeout=abc", "connect_timeout=60"},
-      {"connect_timeout=", "connect_timeout=60"},
       {"connect_timeout=-1", "connect_timeout=-1"},
       {"connect_timeout=12abc", "connect_timeout=60"},
       {"connect_timeout=99999999999", "connect_timeout=2147483647"},
@@ -59,19 +59,14 @@ TEST(ReadParams, ValueRulesByTheTable) {
       {"download_fsync_size=99999999999999999999", "download_fsync_size=0"},
       {"download_fsync_size=65536", "download_fsync_size=65536"},
       {"tcp_nodelay=on", "tcp_nodelay=on"},
+      // Repeated product sections are searched from the last.
+      {"connect_timeout=5\nmessage=a\n" + head, "connect_timeout=5"},
+      {"message=a\n[other]\nmessage=b\n" + head + "message=c", "message=c"},
   };
   for (const auto& [lines, expected] : rows) {
-    update_ini_t ini = read_params_of("[" + update::product_section_name() + "]\n" + lines + "\n");
+    update_ini_t ini = read_params_of(head + lines + "\n");
     EXPECT_NE(settings_text(ini).find(" " + expected + " "), std::string::npos) << lines << "\n" << settings_text(ini);
   }
-}
-
-TEST(ReadParams, RepeatedProductSectionsAreSearchedFromTheLast) {
-  const std::string head = "[" + update::product_section_name() + "]\n";
-  update_ini_t ini = read_params_of(head + "connect_timeout=5\nmessage=first\n[other]\nmessage=no\n" + head +
-                                    "message=second\n");
-  EXPECT_EQ(ini.connect_timeout, 5);
-  EXPECT_EQ(ini.message, "second");
 }
 
 TEST(ReadParams, WarnsAboutKeepaliveUnlessTurnedOff) {

@@ -11,11 +11,14 @@ using testing::held_run_t;
 
 class StateMachineTest : public testing::ModuleTest {};
 
+const std::pair<std::string, std::string> untouched = {"untouched", "untouched"};
+const std::string no_uri = "Download error: URI not specified (should be obtained from the Policy Managment Server)";
+
 TEST_F(StateMachineTest, PendingSlotKeepsOnlyTheLatestCommand) {
   start_module();
   run_curl_init = held_run_t::hold;
   submit(Command::check, {"http://127.0.0.1:1/"}, "first");
-  held_run_t::wait_entered(1);
+  held_run_t::wait_entered();
   ASSERT_EQ(current_module_state(), module_busy);
 
   submit(Command::download, {"http://127.0.0.1:1/"}, "second");
@@ -25,7 +28,7 @@ TEST_F(StateMachineTest, PendingSlotKeepsOnlyTheLatestCommand) {
   held_run_t::release();
   agent::drain_event_manager();
   // The first run and the third: the second was replaced without a trace.
-  EXPECT_EQ(held_run_t::entered(), 2);
+  EXPECT_EQ(held_run_t::entered, 2);
   EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (first)"}), 1u);
   EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: download (second)"}), 0u);
   EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: install (third)"}), 1u);
@@ -37,54 +40,32 @@ TEST_F(StateMachineTest, PendingSlotKeepsOnlyTheLatestCommand) {
 
 TEST_F(StateMachineTest, CommandBeforeStartupWaitsForFinishInit) {
   // Keep the worker busy so that finish_init stays queued behind it.
-  std::mutex m;
-  std::condition_variable cv;
-  bool release = false;
-  struct blocker_t {
-    std::mutex* m;
-    std::condition_variable* cv;
-    bool* release;
-  } blocker{&m, &cv, &release};
-  EM_AsyncCall(
-      [](em_call_t* call) {
-        auto* b = static_cast<blocker_t*>(call->arg);
-        std::unique_lock<std::mutex> lock(*b->m);
-        b->cv->wait(lock, [&] { return *b->release; });
-      },
-      &blocker);
+  EM_AsyncCall([](em_call_t*) { held_run_t::hold(); }, nullptr);
   init();
   submit(Command::check, {}, "early");
   EXPECT_EQ(count_logged(log_id_course, {"request pended", "module UPDATE initializing"}), 1u);
   EXPECT_EQ(current_module_state(), module_stopped);
-  std::string state = "untouched", message = "untouched";
-  get_status(state, message, true);
-  EXPECT_EQ(state, "untouched");
-  EXPECT_EQ(message, "untouched");
+  EXPECT_EQ(status_line(true), untouched);
 
-  {
-    std::lock_guard<std::mutex> lock(m);
-    release = true;
-  }
-  cv.notify_all();
+  held_run_t::release();
   agent::drain_event_manager();
   EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (early)"}), 1u);
   EXPECT_EQ(current_module_state(), module_idle);
-  EXPECT_EQ(first_message_text(),
-            "Download error: URI not specified (should be obtained from the Policy Managment Server)");
+  EXPECT_EQ(status_line(false).second, "update_msg=" + no_uri);
 }
 
 TEST_F(StateMachineTest, FiniDuringRunDropsPendingAndStaysStopped) {
   start_module();
   run_curl_init = held_run_t::hold;
   submit(Command::check, {"http://127.0.0.1:1/"}, "running");
-  held_run_t::wait_entered(1);
+  held_run_t::wait_entered();
   submit(Command::install, {"http://127.0.0.1:1/"}, "pending");
   fini();
   EXPECT_EQ(current_module_state(), module_stopped);
 
   held_run_t::release();
   agent::drain_event_manager();
-  EXPECT_EQ(held_run_t::entered(), 1);
+  EXPECT_EQ(held_run_t::entered, 1);
   EXPECT_EQ(current_module_state(), module_stopped);
   {
     std::lock_guard<std::mutex> hold(module_lock);
@@ -96,9 +77,7 @@ TEST_F(StateMachineTest, FiniDuringRunDropsPendingAndStaysStopped) {
   submit(Command::check, {}, "late");
   agent::drain_event_manager();
   EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (late)"}), 0u);
-  std::string state = "untouched", message;
-  get_status(state, message, true);
-  EXPECT_EQ(state, "untouched");
+  EXPECT_EQ(status_line(true), untouched);
 }
 
 TEST_F(StateMachineTest, AbandonedCallFreesTheRequestAndLeavesBusy) {
@@ -118,41 +97,22 @@ TEST_F(StateMachineTest, AbandonedCallFreesTheRequestAndLeavesBusy) {
 
 TEST_F(StateMachineTest, GetStatusTellsEachMomentOnceUnlessForced) {
   start_module();
-  submit(Command::check, {});
-  agent::drain_event_manager();
-
-  std::string state, message;
-  get_status(state, message, false);
-  EXPECT_EQ(state, "update_state=error");
-  EXPECT_EQ(message,
-            "update_msg=Download error: URI not specified (should be obtained from the Policy Managment Server)");
-  std::string again_state = "untouched", again_message = "untouched";
-  get_status(again_state, again_message, false);
-  EXPECT_EQ(again_state, "untouched");
-  EXPECT_EQ(again_message, "untouched");
-  get_status(again_state, again_message, true);
-  EXPECT_EQ(again_state, "update_state=error");
+  run_and_wait(Command::check, {});
+  EXPECT_EQ(status_line(false), std::make_pair(std::string("update_state=error"), "update_msg=" + no_uri));
+  EXPECT_EQ(status_line(false), untouched);
+  EXPECT_EQ(status_line(true).first, "update_state=error");
 
   // A new run makes news again.
-  submit(Command::unknown, {"x"});
-  agent::drain_event_manager();
-  state.clear();
-  message.clear();
-  get_status(state, message, false);
-  EXPECT_EQ(message, "update_msg=Unknown update command");
+  run_and_wait(Command::unknown, {"x"});
+  EXPECT_EQ(status_line(false).second, "update_msg=Unknown update command");
 }
 
 TEST(UpdateDirPath, StripsTrailingSeparatorsOrFallsBackToTheVarDirectory) {
   agent::configure_paths(agent::paths_under("/srv/agent"));
   const std::pair<const char*, const char*> rows[] = {
-      {"", "/srv/agent/var/update"},
-      {"/data/upd", "/data/upd"},
-      {"/data/upd/", "/data/upd"},
-      {"/data/upd\\/\\//", "/data/upd"},
-      {"/data\\upd", "/data\\upd"},
-      {"/", "/"},
-      {"\\/\\", "\\/\\"},
-      {"rel", "rel"},
+      {"", "/srv/agent/var/update"}, {"/data/upd", "/data/upd"}, {"/data/upd/", "/data/upd"},
+      {"/data/upd\\/\\//", "/data/upd"}, {"/data\\upd", "/data\\upd"}, {"/", "/"},
+      {"\\/\\", "\\/\\"}, {"rel", "rel"},
   };
   for (const auto& [configured, expected] : rows) {
     LPARAMS::server::set_update_dir(configured);

@@ -12,34 +12,36 @@ struct pair_row_t {
   bool expected;
 };
 
-TEST(VersionLess, OrdersByTheTable) {
-  const pair_row_t rows[] = {
-      {"1.9", "1.10", true},
-      {"1.10", "1.9", false},
-      {"1.2", "1.2.1", true},
-      {"1.2a", "1.2b", true},
-      {"1.2", "1.2-beta", true},
-      {"1", "1.0", true},
-      {"1.0", "1", false},
-      {"1.10", "1.010", false},
-      {"1.99999999999999999999999", "1.100000000000000000000000", true},  // beyond 64 bits
-      {"1.5a", "1.10", false},  // once a component is no plain number, bytes decide
-      {"1.10", "1.5a", true},
-      {"1.a", "1.\xe9", true},  // bytes compare unsigned
-      {"", "0", true},  // unknown is below everything
-      {"", "", false},
-      {"!1.2", "1.3", true},
-      {"1.3", "~1.2", false},
-      {"!!1", "1", true},  // only one mark is dropped
+// Equality compares the text after one mark, so it is no mirror of the order.
+TEST(VersionOrder, LessAndEqualByTheTable) {
+  const struct {
+    std::string a, b;
+    bool less, equal;
+  } rows[] = {
+      {"1.9", "1.10", true, false},
+      {"1.10", "1.9", false, false},
+      {"1.2", "1.2.1", true, false},
+      {"1.2a", "1.2b", true, false},
+      {"1.2", "1.2-beta", true, false},
+      {"1", "1.0", true, false},
+      {"1.0", "1", false, false},
+      {"1.10", "1.010", false, false},
+      {"1.99999999999999999999999", "1.100000000000000000000000", true, false},  // beyond 64 bits
+      {"1.5a", "1.10", false, false},  // once a component is no plain number, bytes decide
+      {"1.10", "1.5a", true, false},
+      {"1.a", "1.\xe9", true, false},  // bytes compare unsigned
+      {"1.0a", "1.0A", false, false},
+      {"", "0", true, false},  // unknown is below everything
+      {"", "", false, true},
+      {"!1.2", "1.3", true, false},
+      {"1.3", "~1.2", false, false},
+      {"!1.0", "~1.0", false, true},
+      {"!!1", "1", true, false},  // only one mark is dropped
   };
-  for (const auto& r : rows) EXPECT_EQ(update::version_less(r.a, r.b), r.expected) << r.a << " < " << r.b;
-}
-
-TEST(VersionEqual, ComparesTextAfterOneMark) {
-  const pair_row_t rows[] = {{"", "", true},          {"", "1", false},        {"1", "", false},
-                             {"!1.0", "~1.0", true},  {"!1.0", "1.0", true},   {"1.10", "1.010", false},
-                             {"1.0a", "1.0A", false}, {"!!1", "1", false}};
-  for (const auto& r : rows) EXPECT_EQ(update::version_equal(r.a, r.b), r.expected) << r.a << " == " << r.b;
+  for (const auto& r : rows) {
+    EXPECT_EQ(update::version_less(r.a, r.b), r.less) << r.a << " < " << r.b;
+    EXPECT_EQ(update::version_equal(r.a, r.b), r.equal) << r.a << " == " << r.b;
+  }
 }
 
 TEST(HashEqual, ComparesAlignedDecorationsAndDigestsWithoutCase) {

@@ -83,17 +83,14 @@ TEST(GetHashTypeDecorStr, MapsEveryFormOfATypeToItsDecoration) {
   const std::pair<std::string, std::string> rows[] = {
       {"GOST3411_256_2012", "#GOST3411_256_2012:"},
       {"gost3411_512_2012", "#GOST3411_512_2012:"},
-      {"$sha256:", "$SHA256:"},
       {"#SHA512:whatever", "#SHA512:"},
       {std::string(64, 'a'), "#GOST3411_256_2012:"},  // a bare digest by its length
       {std::string(128, 'F'), "#GOST3411_512_2012:"},
       {std::string(63, 'a') + "g", ""},
       {std::string(65, 'a'), ""},
       {"", ""},
-      {"#:", ""},
       {"#MD5:", ""},
       {"SHA256 ", ""},
-      {"#SHA256", ""},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(getHashTypeDecorStr(text), expected) << "'" << text << "'";
 }

@@ -1,10 +1,7 @@
 // A clean module whose update directory is a fresh scratch directory, with a
-// record of every log line, for the tests of the status.
+// record of every log line.
 #pragma once
 #include <gtest/gtest.h>
-
-#include <fstream>
-#include <sstream>
 
 #include "fixtures/log_records.h"
 #include "fixtures/scratch_dir.h"
@@ -16,6 +13,8 @@
 
 namespace update::testing {
 
+using fixtures::read_file;
+
 class StatusTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -24,24 +23,22 @@ class StatusTest : public ::testing::Test {
     LPARAMS::server::set_update_dir(dir_.path());
   }
   void TearDown() override {
-    auto& faults = platform::file_faults();
-    faults.fail_replace = faults.fail_truncate = faults.fail_open_write = faults.fail_sync = false;
+    platform::file_faults().fail_replace = false;
     LPARAMS::server::set_update_dir("");
     status.reset();
   }
-  std::vector<fixtures::log_record_t> log_with_id(uint16_t id) const {
-    std::vector<fixtures::log_record_t> found;
-    for (auto& r : log_.all())
-      if (r.id == id) found.push_back(r);
-    return found;
+  // The log so far as "id attr attr;" per record, of one id or of all.
+  std::string log_text(uint16_t id = 0) const {
+    std::string text;
+    for (const auto& r : log_.all()) {
+      if (id && r.id != id) continue;
+      text += std::to_string(r.id);
+      for (const auto& a : r.attrs) text += " " + a;
+      text += ";";
+    }
+    return text;
   }
   std::string status_path() const { return dir_.path("corvid_update_status.xml"); }
-  static std::string read(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
 
   fixtures::scratch_dir_t dir_;
   fixtures::log_records_t log_;

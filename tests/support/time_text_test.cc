@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ctime>
 
 namespace update {
 namespace {
@@ -17,32 +16,22 @@ TEST(TimeText, PacksFieldsByWeight) {
   time_text_iso(example, text);
   EXPECT_EQ(text, "2024-03-05T07:08:09");
   EXPECT_EQ(packed_to_time(example), example_seconds);
-  // Later times are larger integers.
   EXPECT_LT(parse_time("2024.03.05 07:08:10"), parse_time("2024.03.06 00:00:00"));
-  EXPECT_LT(parse_time("2023.12.31 23:59:59"), example);
 }
 
 TEST(TimeText, ParsesLikeTheScanOfSixUnsignedFields) {
-  struct row_t {
+  const struct {
     const char* text;
     packed_time_t expected;
-  };
-  const row_t rows[] = {
-      {"2024.03.05 07:08:09", example},
+  } rows[] = {
       {"  2024.3.5   7:8:9 trailing", example},  // blanks before numbers, anything after
-      {"2024.03.05\t07:08:09", example},
       {"2024.03.0507:08:09", bad_time},           // the day swallows the hours
-      {"2024.00.05 07:08:09", bad_time},          // month below 1
-      {"2024.03.00 07:08:09", bad_time},          // day below 1
-      {"1899.12.31 23:59:59", bad_time},
-      {"16777216.01.01 00:00:00", bad_time},      // year beyond 24 bits
-      {"2024.03.05", bad_time},
-      {"2024.03.05 07:08", bad_time},
-      {"", bad_time},
-      {"2024-03-05 07:08:09", bad_time},
-      {"2024.13.05 99:08:09", 0x7E80C05630809ull},  // packed as it stands
+      {"2024.00.05 07:08:09", bad_time},          {"2024.03.00 07:08:09", bad_time},
+      {"1899.12.31 23:59:59", bad_time},          {"16777216.01.01 00:00:00", bad_time},
+      {"2024.03.05 07:08", bad_time},             {"2024-03-05 07:08:09", bad_time},
+      {"", bad_time},                             {"99999999999999999999999.01.01 00:00:00", bad_time},
+      {"2024.13.05 99:08:09", 0x7E80C05630809ull},   // packed as it stands
       {"2024.03.300 07:08:09", 0x7E8022C070809ull},  // cut to 8 bits
-      {"99999999999999999999999.01.01 00:00:00", bad_time},
       {"2024.-1.05 07:08:09", 0x7E8FE05070809ull},   // -1 wraps; the month byte keeps 0xFE
   };
   for (const auto& row : rows) EXPECT_EQ(parse_time(row.text), row.expected) << row.text;
@@ -56,10 +45,7 @@ TEST(TimeText, EveryFormHasItsOwnPlaceholder) {
     time_text_gmt(bad, gmt);
     time_text_dmy_gmt(bad, dmy);
     time_text_local(bad, local);
-    EXPECT_EQ(iso, "0000-00-00T00:00:00");
-    EXPECT_EQ(gmt, "0000.00.00 00:00:00");
-    EXPECT_EQ(dmy, "xError time");
-    EXPECT_EQ(local, "xError time");
+    EXPECT_EQ(iso + "|" + gmt + "|" + dmy + "|" + local, "0000-00-00T00:00:00|0000.00.00 00:00:00|xError time|xError time");
     EXPECT_EQ(packed_to_time(bad), -1);
   }
   std::string gmt, dmy = "at ";
@@ -69,57 +55,27 @@ TEST(TimeText, EveryFormHasItsOwnPlaceholder) {
   EXPECT_EQ(dmy, "at 05.03.2024 07:08:09 GMT");
 }
 
-class LocalTimeText : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* tz = std::getenv("TZ");
-    had_tz_ = tz != nullptr;
-    if (tz) saved_tz_ = tz;
-    setenv("TZ", "UTC-3", 1);  // three hours east of UTC, no daylight saving
-    tzset();
-  }
-  void TearDown() override {
-    if (had_tz_)
-      setenv("TZ", saved_tz_.c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-  }
-  bool had_tz_ = false;
-  std::string saved_tz_;
-};
-
-TEST_F(LocalTimeText, SuffixTellsHowFarTheConversionGot) {
+TEST(TimeText, LocalFormsFollowTheZoneAndSayHowFarTheConversionGot) {
+  const char* tz = std::getenv("TZ");
+  const std::string saved = tz ? tz : "";
+  setenv("TZ", "UTC-3", 1);  // three hours east of UTC, no daylight saving
+  tzset();
   std::string text;
   time_text_local(example, text);
   EXPECT_EQ(text, "05.03.2024 10:08:09");
   text.clear();
   time_text_local(parse_time("1960.01.02 03:04:05"), text);  // no seconds before 1970
   EXPECT_EQ(text, "02.01.1960 03:04:05 GMT");
-
   char buffer[32];
   EXPECT_STREQ(time_local_text(example_seconds, buffer), "2024.03.05 10:08:09");
-  EXPECT_STREQ(time_local_text(-1, buffer), "0000.00.00 00:00:00");
-  EXPECT_STREQ(time_local_text(int64_t{1} << 40, buffer), "0000.00.00 00:00:00");
-
   text = "at ";
   time_ctime_text(example_seconds, text);
   EXPECT_EQ(text, "at Tue Mar  5 10:08:09 2024");
   text.clear();
   time_ctime_text(-5, text);
   EXPECT_EQ(text, "Bad time");
-}
-
-TEST(TimeText, NowIsTheClockInUtc) {
-  const int64_t before = static_cast<int64_t>(std::time(nullptr));
-  const packed_time_t now = packed_now();
-  const int64_t after = static_cast<int64_t>(std::time(nullptr));
-  ASSERT_NE(now, bad_time);
-  EXPECT_GE(packed_to_time(now), before);
-  EXPECT_LE(packed_to_time(now), after);
-  const std::string text = now_text();
-  EXPECT_EQ(text.size(), 19u);
-  EXPECT_EQ(text[10], 'T');
+  tz ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
+  tzset();
 }
 
 }  // namespace

@@ -1,19 +1,17 @@
-// What the transfer tests share: file bytes, log texts, and a module that is
-// running with a quiet status.
+// What the transfer tests share: a running module with a quiet status, a
+// source file, the servers that offer it, and the texts logged.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdint>
-#include <fstream>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <curl/curl.h>
 
+#include "fixtures/fault_server.h"
 #include "fixtures/log_records.h"
 #include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
@@ -21,8 +19,12 @@
 #include "platform/file_ops.h"
 #include "platform/log.h"
 #include "status/status.h"
+#include "transfer/download.h"
 
 namespace update::transfer_test {
+
+using fixtures::read_file;
+using fixtures::write_file;
 
 inline std::string random_bytes(size_t count, uint32_t seed) {
   std::mt19937 engine(seed);
@@ -31,38 +33,20 @@ inline std::string random_bytes(size_t count, uint32_t seed) {
   return bytes;
 }
 
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-inline void write_file(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 // -1 when the file is missing.
 inline int64_t disk_size(const std::string& path) {
   struct stat st{};
   return stat(path.c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
 }
 
-// The last attribute of each record with this id that starts with prefix,
-// in order; with id 367 only the records of the "download" stage count.
-inline std::vector<std::string> texts(const fixtures::log_records_t& log, uint16_t id, const std::string& prefix) {
-  std::vector<std::string> found;
-  for (const auto& r : log.all(prefix)) {
-    if (r.id != id || r.attrs.back().compare(0, prefix.size(), prefix) != 0) continue;
-    if (id == log_id_course && (r.attrs.size() != 2 || r.attrs.front() != "download")) continue;
-    found.push_back(r.attrs.back());
-  }
-  return found;
+inline std::string ranges_of(const std::vector<fixtures::served_request_t>& requests) {
+  std::string text;
+  for (const auto& r : requests) text += "[" + (r.range.empty() ? "-" : r.range) + " " + std::to_string(r.status) + "]";
+  return text;
 }
 
-// The module running (a stopped module aborts every transfer), a status
-// that is never written to disk, a fresh handle, no injected faults.
+// The module running (a stopped module aborts every transfer), a status that
+// is never written to disk, a fresh handle, no injected faults.
 class transfer_test_t : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -73,9 +57,7 @@ class transfer_test_t : public ::testing::Test {
   }
   void TearDown() override {
     curl_easy_cleanup(handle);
-    auto& faults = platform::file_faults();
-    faults.fail_truncate = false;
-    faults.fail_open_write = false;
+    platform::file_faults().fail_truncate = false;
     reset_module_for_tests();
   }
 
@@ -83,32 +65,47 @@ class transfer_test_t : public ::testing::Test {
     std::lock_guard<std::mutex> hold(module_lock);
     module_state = state;
   }
-
   // Limits that keep a broken test short; nothing here slows a good one.
-  static params_t quick_params() {
+  static params_t quick_params(int retry = 0) {
     params_t p;
     p.connect_timeout = 5;
     p.download_lowtime = 10;
     p.download_lowspeed = 1;
+    p.download_retry = retry;
     return p;
   }
-
   // Makes the status entry of name current, as the download stage does.
   static file_status_t& make_current_file(const std::string& name) {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     status.current_file = &status.file_entry(name);
     return *status.current_file;
   }
-
-  static std::string ranges_of(const std::vector<fixtures::served_request_t>& requests) {
-    std::string text;
-    for (const auto& r : requests) text += "[" + (r.range.empty() ? std::string("-") : r.range) + " " + std::to_string(r.status) + "]";
-    return text;
+  // The last attribute of each record with this id that starts with prefix;
+  // with the course id only the records of the "download" stage count.
+  std::vector<std::string> texts(uint16_t id, const std::string& prefix, const fixtures::log_records_t* from = nullptr) {
+    std::vector<std::string> found;
+    for (const auto& r : (from ? from : &log)->all(prefix)) {
+      if (r.id != id || r.attrs.back().compare(0, prefix.size(), prefix) != 0) continue;
+      if (id == log_id_course && (r.attrs.size() != 2 || r.attrs.front() != "download")) continue;
+      found.push_back(r.attrs.back());
+    }
+    return found;
   }
+  bool start_nginx() {
+    std::string error;
+    const bool ok = nginx.start(error) && nginx.put_file("f.bin", source);
+    EXPECT_TRUE(ok) << error;
+    return ok;
+  }
+  bool serve(const std::vector<std::string>& faults) { return server.start(dir.write("source", source), faults); }
 
   CURL* handle = curl_easy_init();
   fixtures::scratch_dir_t dir;
   fixtures::log_records_t log;
+  const std::string source = random_bytes(3000, 7);
+  const std::string target = dir.path("f.bin.download.2");
+  fixtures::nginx_server_t nginx;
+  fixtures::fault_server_t server;
 };
 
 }  // namespace update::transfer_test

@@ -1,7 +1,6 @@
 // Fetching a source's description, and adding a file name to a URI.
 #include <gtest/gtest.h>
 
-#include "fixtures/nginx_server.h"
 #include "transfer/transfer_support.h"
 #include "transfer/update_ini_fetch.h"
 
@@ -36,15 +35,14 @@ TEST(UriJoin, KeepsTheQueryAtTheEnd) {
 
 class FetchUpdateIni : public transfer_test_t {
  protected:
-  std::string update_path = dir.path();
-  std::string local = update_path + "corvid_update.ini";
+  std::string local = dir.path("corvid_update.ini");
 };
 
 TEST_F(FetchUpdateIni, EmptyUriFailsWithoutTouchingFileOrNetwork) {
   write_file(local, "earlier");
   status.select_message("");
 
-  EXPECT_FALSE(fetch_update_ini("", update_path, "corvid_update.ini", nullptr, params_t{}));
+  EXPECT_FALSE(fetch_update_ini("", dir.path(), "corvid_update.ini", nullptr, params_t{}));
 
   EXPECT_EQ(read_file(local), "earlier");
   std::lock_guard<std::recursive_mutex> hold(status.lock);
@@ -55,9 +53,7 @@ TEST_F(FetchUpdateIni, EmptyUriFailsWithoutTouchingFileOrNetwork) {
 // Each source is fetched whole over the one local copy, and a failing source
 // leaves its error in its own message.
 TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
-  fixtures::nginx_server_t nginx;
-  std::string error;
-  ASSERT_TRUE(nginx.start(error)) << error;
+  ASSERT_TRUE(start_nginx());
   const std::string first(5000, 'a');
   ASSERT_TRUE(nginx.put_file("one/update.ini", first));
   ASSERT_TRUE(nginx.put_file("two/update.ini", "[short]\n"));
@@ -73,16 +69,13 @@ TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
   };
   for (const auto& source : sources) {
     status.select_message(source.uri);
-    EXPECT_EQ(fetch_update_ini(source.uri, update_path, "corvid_update.ini", handle, params_t{}), source.fetched);
+    EXPECT_EQ(fetch_update_ini(source.uri, dir.path(), "corvid_update.ini", handle, params_t{}), source.fetched);
     EXPECT_TRUE(read_file(local) == source.copy) << source.uri;
   }
 
-  auto requests = nginx.requests(3);
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[0].target, "/one/update.ini?k=1");
-  EXPECT_EQ(requests[1].target, "/missing/update.ini");
-  EXPECT_EQ(requests[2].target, "/two/update.ini");
-  for (const auto& r : requests) EXPECT_TRUE(r.range.empty()) << r.target;
+  std::string asked;
+  for (const auto& r : nginx.requests(3)) asked += "[" + r.target + " " + r.range + "]";
+  EXPECT_EQ(asked, "[/one/update.ini?k=1 ][/missing/update.ini ][/two/update.ini ]");
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   ASSERT_EQ(status.messages.size(), 3u);
   auto message = status.messages.begin();
