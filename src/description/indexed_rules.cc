@@ -4,6 +4,7 @@
 #include "platform/local_params.h"
 #include "status/status.h"
 #include "support/ini_file.h"
+#include "support/file_helpers.h"
 #include "support/message_format.h"
 #include "transfer/update_ini_fetch.h"
 
@@ -22,8 +23,7 @@ std::string base_name(const std::string& item) {
 // Trailing separators go, unless nothing else is there; then exactly one
 // separator ends it, also an empty path.
 void normalise_download_path(std::string& path) {
-  const size_t end = path.find_last_not_of("\\/");
-  if (end != std::string::npos) path.erase(end + 1);
+  path = without_trailing_separators(path);
   path += platform::path_separator;
 }
 

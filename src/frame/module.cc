@@ -8,6 +8,7 @@
 #include "platform/local_params.h"
 #include "platform/log.h"
 #include "status/status.h"
+#include "support/file_helpers.h"
 
 namespace update {
 
@@ -105,9 +106,7 @@ void update_dir_path(std::string& path) {
     path = systemVarDir() + "update";
     return;
   }
-  const size_t last = configured.find_last_not_of("\\/");
-  if (last != std::string::npos) configured.erase(last + 1);
-  path = std::move(configured);
+  path = without_trailing_separators(configured);
 }
 
 void fini() {
@@ -117,6 +116,7 @@ void fini() {
     pending_request.reset();
   }
   EM_DelTimer(status_timer_proc);
+  std::lock_guard<std::mutex> hold(path_vars_lock);
   path_vars.clear();
 }
 
@@ -152,7 +152,10 @@ void reset_module_for_tests() {
     pending_request.reset();
   }
   status.reset();
-  path_vars.clear();
+  {
+    std::lock_guard<std::mutex> hold(path_vars_lock);
+    path_vars.clear();
+  }
   host_callbacks = callbacks_t{};
 }
 

@@ -14,6 +14,7 @@
 #include "platform/agent_paths.h"
 #include "planning/hash_cache.h"
 #include "status/status.h"
+#include "support/file_helpers.h"
 #include "support/message_format.h"
 #include "transfer/update_ini_fetch.h"
 
@@ -36,27 +37,21 @@ bool runs_downloads(Command command) {
 
 bool runs_installs(Command command) { return command == Command::install || command == Command::install_manual; }
 
-std::string without_trailing_separators(std::string text) {
-  const size_t last = text.find_last_not_of("\\/");
-  text.erase(last == std::string::npos ? 0 : last + 1);
-  return text;
-}
-
 void add_predefined_variables(inivars_t& vars, const request_t& request) {
   vars.add("agent_version", current_version_text());
   vars.add("agent_specs", product_specs_text());
   vars.add("current_product_specs", product_specs_text());
   vars.add("update_path", without_trailing_separators(request.update_path));
   vars.add("update_ini_format", "1.0");
-  vars.add("agent_tmp", without_trailing_separator(agentTmpDir()));
-  vars.add("agent_bin", without_trailing_separator(agentBinDir()));
-  vars.add("agent_lib", without_trailing_separator(agentLibDir()));
-  vars.add("agent_etc", without_trailing_separator(agentEtcDir()));
-  vars.add("system_etc", without_trailing_separator(systemEtcDir()));
-  vars.add("system_log", without_trailing_separator(systemLogDir()));
-  vars.add("system_var", without_trailing_separator(systemVarDir()));
-  vars.add("system_var_etc", without_trailing_separator(systemVarEtcDir()));
-  vars.add("system_tmp", without_trailing_separator(systemTmpDir()));
+  vars.add("agent_tmp", without_trailing_separators(agentTmpDir(), 1));
+  vars.add("agent_bin", without_trailing_separators(agentBinDir(), 1));
+  vars.add("agent_lib", without_trailing_separators(agentLibDir(), 1));
+  vars.add("agent_etc", without_trailing_separators(agentEtcDir(), 1));
+  vars.add("system_etc", without_trailing_separators(systemEtcDir(), 1));
+  vars.add("system_log", without_trailing_separators(systemLogDir(), 1));
+  vars.add("system_var", without_trailing_separators(systemVarDir(), 1));
+  vars.add("system_var_etc", without_trailing_separators(systemVarEtcDir(), 1));
+  vars.add("system_tmp", without_trailing_separators(systemTmpDir(), 1));
 }
 
 // Errors outside any source land in the run's general message.

@@ -12,12 +12,11 @@
 #include "frame/update.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
+#include "planning/reconcile.h"
 #include "platform/log.h"
 #include "support/file_helpers.h"
 
 namespace update {
-
-std::list<path_var_t> path_vars;
 
 namespace {
 
@@ -59,6 +58,7 @@ void start_without_status_file(status_t& status, const std::string& dir) {
   status.save_enabled = true;
   status.current_message = nullptr;
   if (loaded) {
+    seed_status(status, local_ini, dir);
     status_reported = false;
     status.log_files();
     return;
@@ -77,33 +77,6 @@ void start_without_status_file(status_t& status, const std::string& dir) {
 }
 
 }  // namespace
-
-std::string without_trailing_separator(const std::string& text) {
-  if (!text.empty() && (text.back() == '\\' || text.back() == '/')) return text.substr(0, text.size() - 1);
-  return text;
-}
-
-void build_path_vars() {
-  const std::string& version = current_version_text();
-  path_vars = {
-      {"$update_path", ""},
-      {"$download_path", agentTmpDir()},
-      {"$current_version", version},
-      {"$update_uri", ""},
-      {"$agent_tmp", agentTmpDir()},
-      {"$agent_bin", agentBinDir()},
-      {"$agent_lib", agentLibDir()},
-      {"$agent_etc", agentEtcDir()},
-      {"$system_etc", systemEtcDir()},
-      {"$system_log", systemLogDir()},
-      {"$system_var", systemVarDir()},
-      {"$system_var_etc", systemVarEtcDir()},
-      {"$system_tmp", systemTmpDir()},
-      {"$agent_version", version},
-      {"$current_product_specs", product_specs_text()},
-  };
-  for (auto& var : path_vars) var.value = without_trailing_separator(var.value);
-}
 
 bool status_is_plausible(const status_t& status) {
   size_t with_error = 0;

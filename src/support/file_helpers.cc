@@ -64,6 +64,15 @@ std::string download_name(const std::string& path, const std::string& version) {
   return path + ".download." + version;
 }
 
+std::string without_trailing_separators(std::string_view text, size_t most) {
+  size_t end = text.size();
+  while (end > 0 && most > 0 && (text[end - 1] == '\\' || text[end - 1] == '/')) {
+    --end;
+    --most;
+  }
+  return std::string(end == 0 ? text : text.substr(0, end));
+}
+
 std::string backup_name(const std::string& path) { return path + ".bak"; }
 
 void hex_text(const unsigned char* bytes, size_t count, std::string& text, char separator) {

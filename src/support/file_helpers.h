@@ -53,6 +53,10 @@ void remove_download(const std::string& path, const std::string& version);
 // The name of a partial download: path + ".download." + version.
 std::string download_name(const std::string& path, const std::string& version);
 
+// text without up to `most` trailing separators ("\\" or "/"). A text made
+// only of separators stays as it is, so that a root keeps its name.
+std::string without_trailing_separators(std::string_view text, size_t most = SIZE_MAX);
+
 // path + ".bak".
 std::string backup_name(const std::string& path);
 
