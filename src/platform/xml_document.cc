@@ -7,10 +7,12 @@
 
 namespace {
 
-// Escapes decoded, line ends normalised, CDATA kept; a text made of white
-// space alone survives when it is the element's only content, so that an
-// error text of blanks reads back as written.
-constexpr unsigned parse_options = pugi::parse_default | pugi::parse_ws_pcdata_single;
+// Escapes decoded, line ends normalised, CDATA kept. Tabs and line feeds in
+// attribute values stay as they are, and a text of white space alone
+// survives as an element's only content: writers that escape only the
+// markup characters get back what they wrote.
+constexpr unsigned parse_options =
+    (pugi::parse_default & ~pugi::parse_wconv_attribute) | pugi::parse_ws_pcdata_single;
 
 pugi::xml_node node(pugi::xml_node_struct* n) { return pugi::xml_node(n); }
 

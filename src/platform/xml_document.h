@@ -1,8 +1,9 @@
 // XML reader of the agent's class library, over pugixml: reads a whole
 // document into memory and walks its elements. Bytes pass through as UTF-8;
 // entities and character references are decoded, line ends become line
-// feeds. Nothing is validated beyond well-formedness and the root's name.
-// A document and the elements taken from it are used by one thread at a time.
+// feeds, other white space in values stays as written. Nothing is validated
+// beyond well-formedness and the root's name. A document and the elements
+// taken from it are used by one thread at a time.
 #pragma once
 #include <cstddef>
 #include <istream>
