@@ -98,21 +98,25 @@ void status_t::parse_xml(const XMLDeclaration& root) {
   }
 }
 
+void read_status(status_t& status, std::istream& in, const std::string& path) {
+  try {
+    XMLDocument document("update-status");
+    document.Read(in);
+    status.parse_xml(document);
+  } catch (const std::exception& e) {
+    // What was read before the fault stays; the file itself stays until the
+    // next save replaces it.
+    status.set_failure("Update status file corrupted");
+    TLogMessage log(log_id_notice);
+    log.append_attr(log_attr_text, format_message("%s, xml syntax error: %s", path.c_str(), e.what()));
+  }
+}
+
 bool status_t::load() {
   const std::string path = status_file_path();
   std::utf8_ifstream in(path);
   if (!in.is_open()) return false;
-  try {
-    XMLDocument document("update-status");
-    document.Read(in);
-    parse_xml(document);
-  } catch (const std::exception& e) {
-    // What was read before the fault stays; the file itself stays until the
-    // next save replaces it.
-    set_failure("Update status file corrupted");
-    TLogMessage log(log_id_notice);
-    log.append_attr(log_attr_text, format_message("%s, xml syntax error: %s", path.c_str(), e.what()));
-  }
+  read_status(*this, in, path);
   return true;
 }
 
