@@ -5,7 +5,11 @@
 //  - what was read keeps the record's invariants (states in range, sizes
 //    that fit the size rule, only decorated hashes under non-empty names);
 //  - what was read, written and read again renders the same, unless a field
-//    the writer puts out unescaped holds markup (kept so on purpose).
+//    the writer puts out unescaped holds markup (kept so on purpose);
+//  - a record made from the same bytes, written and read, comes back with
+//    every stored field, as far as the file keeps it.
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -70,9 +74,68 @@ bool writes_back_whole(const update::status_t& status) {
   return true;
 }
 
+// Text as the writer may get it; a field written unescaped loses markup.
+std::string text(FuzzedDataProvider& in, bool unescaped) {
+  std::string t = in.ConsumeRandomLengthString(24);
+  std::erase_if(t, [&](char c) { return c == '\0' || c == '\r' || (unescaped && (c == '"' || c == '<' || c == '&')); });
+  return t;
+}
+
+void make_record(update::status_t& status, FuzzedDataProvider& in) {
+  status.cmd = text(in, true), status.cmdid = text(in, true), status.start_time = text(in, true);
+  for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n)
+    status.messages.push_back({text(in, false), text(in, false), in.ConsumeIntegral<int32_t>()});
+  for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) {
+    update::file_status_t& f = status.files.emplace_back();
+    f.name = text(in, false), f.type = in.ConsumeIntegral<int32_t>();
+    f.state = static_cast<update::file_state_t>(in.ConsumeIntegral<int32_t>());
+    f.current_version = text(in, true), f.update_version = text(in, true), f.download_hash = text(in, true);
+    f.download_size = in.ConsumeIntegral<uint64_t>(), f.total_size = in.ConsumeIntegral<uint64_t>();
+    f.uri = text(in, false), f.error = text(in, false);
+    f.installed_time = text(in, true), f.uptodate_time = text(in, true);
+  }
+  for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) status.hashes.store(text(in, false), text(in, false));
+}
+
+uint64_t kept_size(uint64_t size) { return (size >> 63) ? 0 : size; }
+
+void check_written_and_read(const update::status_t& made, const update::status_t& read) {
+  check(read.cmd == made.cmd && read.cmdid == made.cmdid && read.start_time == made.start_time, "root fields");
+  auto m = made.messages.begin();
+  for (const auto& r : read.messages) {
+    while (m->text.empty()) ++m;  // an empty message leaves no trace
+    check(r.uri == m->uri && r.text == m->text, "message fields");
+    check(r.state == (m->state >= 1 && m->state <= 3 ? m->state : 0), "message state");
+    ++m;
+  }
+  for (; m != made.messages.end(); ++m) check(m->text.empty(), "every message with a text is written");
+  check(read.files.size() == made.files.size(), "every file is written");
+  auto f = made.files.begin();
+  for (const auto& r : read.files) {
+    check(r.name == f->name && r.current_version == f->current_version && r.update_version == f->update_version &&
+              r.download_hash == f->download_hash && r.uri == f->uri && r.error == f->error &&
+              r.installed_time == f->installed_time && r.uptodate_time == f->uptodate_time,
+          "file texts");
+    check(r.type == (f->type == 1) && r.state == (f->state >= 1 && f->state <= 6 ? f->state : 0), "type and state");
+    check(r.download_size == kept_size(f->download_size) && r.total_size == kept_size(f->total_size), "sizes");
+    ++f;
+  }
+  check(read.hashes.entries == made.hashes.entries, "hashes");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  {
+    FuzzedDataProvider in(data, size);
+    update::status_t made, read_back;
+    std::scoped_lock hold(made.lock, read_back.lock);
+    make_record(made, in);
+    made.render_xml();
+    read(read_back, made.xml);
+    check(!corrupted(read_back), "a record the writer wrote reads back");
+    check_written_and_read(made, read_back);
+  }
   update::status_t first;
   std::lock_guard<std::recursive_mutex> hold(first.lock);
   read(first, std::string(reinterpret_cast<const char*>(data), size));
