@@ -1,9 +1,10 @@
 // XML reader of the agent's class library, over pugixml: reads a whole
 // document into memory and walks its elements. Bytes pass through as UTF-8;
 // entities and character references are decoded, line ends become line
-// feeds, other white space in values stays as written. Nothing is validated
-// beyond well-formedness and the root's name. A document and the elements
-// taken from it are used by one thread at a time.
+// feeds, other white space in values stays as written. Syntax is checked as
+// far as the parser checks it (an unknown entity stays as text, a repeated
+// attribute passes and the first counts), then the root's name; nothing
+// else is validated. A document and its elements are used by one thread at a time.
 #pragma once
 #include <cstddef>
 #include <istream>
