@@ -10,6 +10,8 @@
 #include "frame/command.h"
 #include "planning/hash_cache.h"
 
+class XMLDeclaration;  // platform/xml_document.h
+
 namespace update {
 
 struct file_rule_t;
@@ -74,8 +76,6 @@ struct status_message_t {
   int32_t state = 0;
 };
 
-class XMLDeclaration;
-
 struct status_t {
   status_t() = default;
   status_t(const status_t&) = delete;
@@ -127,8 +127,12 @@ struct status_t {
   // REQUIRES: lock held. How every change reaches the disk: when save_enabled,
   // revision up by one and save.
   void save_change();
-  // REQUIRES: lock held. Read the status file at start-up.
+  // REQUIRES: lock held, the record as constructed. Reads the status file at
+  // start-up: false if it cannot be opened; true otherwise, a corrupted file
+  // included, which sets the failure "Update status file corrupted".
   bool load();
+  // Fills the record from a read document; fields it cannot use stay as
+  // they are. REQUIRES: lock held.
   void parse_xml(const XMLDeclaration& root);
   // REQUIRES: lock held. End-of-run passes.
   bool verify_versions(const std::string& update_dir);

@@ -6,6 +6,7 @@
 #include "platform/file_ops.h"
 #include "platform/log.h"
 #include "status/status.h"
+#include "status/status_file.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
 
@@ -88,7 +89,11 @@ void render_file(std::string& out, const file_status_t& f) {
     append_attr_escaped(out, f.uri);
     out += '"';
   }
-  if (f.type == 1) out += "\n\ttype=\"agent\"";
+  if (f.type == 1) {
+    open_file_attr(out, "type");
+    out += agent_type_text;
+    out += '"';
+  }
   append_plain_file_attr(out, "installed_time", f.installed_time);
   append_plain_file_attr(out, "uptodate_time", f.uptodate_time);
   if (f.error.empty()) {
@@ -101,6 +106,14 @@ void render_file(std::string& out, const file_status_t& f) {
 }
 
 }  // namespace
+
+std::string status_file_path() {
+  std::string path;
+  update_dir_path(path);
+  path += platform::path_separator_text;
+  path += status_file_name;
+  return path;
+}
 
 void status_t::render_xml() {
   // Built aside and swapped in: running out of memory midway leaves the old
@@ -149,10 +162,7 @@ void status_t::render_xml() {
 void status_t::save(bool lasting) {
   status_saves.fetch_add(1, std::memory_order_relaxed);
   render_xml();
-  std::string path;
-  update_dir_path(path);
-  path += platform::path_separator_text;
-  path += status_file_name;
+  const std::string path = status_file_path();
   agent_fs_chmod_bak_rw_usr(backup_name(path), path);
   // Only a companion that cannot be created is told; a failed write or
   // rename leaves the old file whole and the next save tries again.
@@ -163,9 +173,5 @@ void status_t::save(bool lasting) {
   }
   if (lasting && written == atomic_write_t::done) platform::sync_directory_of(path.c_str());
 }
-
-// The reader comes with start-up recovery.
-bool status_t::load() { return false; }
-void status_t::parse_xml(const XMLDeclaration&) {}
 
 }  // namespace update

@@ -6,6 +6,7 @@
 
 #include "frame/frame_fixture.h"
 #include "frame/startup.h"
+#include "platform/agent_paths.h"
 
 namespace update {
 namespace {
@@ -118,6 +119,30 @@ TEST_F(StartupTest, UnusableDescriptionIsToldAndItsErrorsNeverReachTheFile) {
   EXPECT_FALSE(std::filesystem::exists(update_dir_ + "/corvid_update_status.xml"));
   agent::drain_event_manager();
   EXPECT_EQ(status_line(true).second, "update_msg=No update status");
+}
+
+TEST_F(StartupTest, RestartFindsTheFileTellsACutOffRunAndSavesWhatTheDiskSays) {
+  std::filesystem::create_directories(update_dir_);
+  const std::string path = update_dir_ + "/corvid_update_status.xml";
+  fixtures::write_file(path, "<update-status><file name=\"a\" state=\"download\" update_version=\"2\"/>"
+                             "<file name=\"b\" state=\"installed\" update_version=\"1\"/></update-status>");
+  fixtures::write_file(update_dir_ + "/b.version", "1\n");
+  init();
+  const std::string saved = fixtures::read_file(path);
+  EXPECT_NE(saved.find(">Process was not correctly terminated<"), std::string::npos) << saved;
+  EXPECT_NE(saved.find("\"a\" state=\"download\""), std::string::npos) << saved;
+  EXPECT_NE(saved.find("\"b\" state=\"uptodate\""), std::string::npos) << saved;
+}
+
+TEST_F(StartupTest, SavedDescriptionSeedsTheStatusWhenThereIsNoStatusFile) {
+  std::filesystem::create_directories(update_dir_);
+  fixtures::write_file(update_dir_ + "/corvid_update.ini",  // the bare rule is the agent's
+                       "[corvid]\nversion=" + productVersion() + "\nfile=a.bin\nhash=#SHA256:00\nexec=x\n");
+  init();
+  const std::string saved = fixtures::read_file(update_dir_ + "/corvid_update_status.xml");
+  EXPECT_EQ(saved.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<update-status result=\"uptodate\"", 0), 0u)
+      << "what seeding says, not the error start-up set while loading";
+  EXPECT_NE(saved.find("<file name=\"a.bin\" state=\"uptodate\""), std::string::npos) << saved;
 }
 
 }  // namespace
