@@ -103,4 +103,26 @@ TEST_F(HostTest, CheckFetchesTheServedDescriptionIntoTheRootLayout) {
   EXPECT_EQ(xml.out.rfind("<update-status result=", 0), 0u) << xml.out;
 }
 
+// One file-section description, two agents that differ in version: each log
+// tells which section its conditions chose.
+TEST_F(HostTest, CheckChoosesFileSectionsByTheAgentsVersion) {
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  std::filesystem::copy(CORVID_SOURCE_DIR "/examples/sections", server.root() + "/sections",
+                        std::filesystem::copy_options::recursive);
+  const std::pair<std::string, std::string> rows[] = {
+      {"1.0", "corvid-tool.sh\tapply file section #2\n"},
+      {"2.0", "corvid-tool.sh\tapply file section #1\n"},
+  };
+  for (const auto& [version, chosen] : rows) {
+    const std::string root = dir_.path("agent-" + version);
+    const outcome_t o = run({"--root", root, "--product-version", version, "check", server.url("/sections/")});
+    EXPECT_EQ(o.exit_code, 0) << o.out << o.err;
+    const std::string log = read_file(root + "/log/corvid_update.log");
+    EXPECT_NE(log.find(chosen), std::string::npos) << log;
+    EXPECT_EQ(log.find("corvid-plugin.sh\tapply file section #3") != std::string::npos, version == "2.0") << log;
+  }
+}
+
 }  // namespace
