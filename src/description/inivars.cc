@@ -7,6 +7,8 @@ const delimiters_t variable_delimiters{"$(", ")"};
 // Three passes resolve references nested two deep within one set; a
 // self-reference dies out instead of looping.
 constexpr int substitution_passes = 3;
+// Values may repeat their references, so a few lines can grow without bound.
+constexpr size_t max_substituted_length = 65536;
 
 bool inivars_t::apply(inivar_t&) { return true; }
 
@@ -33,6 +35,8 @@ bool inivars_t::apply(std::string& s, const delimiters_t& delimiters) {
         // A set applied to its own values may meet a variable's own text.
         const std::string* value = &var.value;
         if (value == &s) value = &own.assign(s);
+        if (s.size() - token.size() + value->size() > max_substituted_length)
+          throw "text too long after substitution of " + token + ": " + s.substr(0, 64) + "...";
         s.replace(at, token.size(), *value);
         at += value->size();  // the inserted value is not rescanned in this pass
         replaced = true;

@@ -41,8 +41,9 @@ class inivars_t : public inivar_t::apply_cb_t {
   // The value of the first variable of exactly this name, or an empty view.
   std::string_view find(std::string_view name) const;
   // Substitutes references in s, up to three passes over the set; true if at
-  // least one was made. A token of no variable stays as it is. Throws what a
-  // computed set throws when it cannot give a referred variable its value.
+  // least one was made. A token of no variable stays as it is. Throws a
+  // text when s would outgrow 64 KiB, and what a computed set throws when it
+  // cannot give a referred variable its value.
   bool apply(std::string& s, const delimiters_t& delimiters);
   // apply on the value of every variable of other, which may be this set.
   bool apply_to_values(inivars_t& other, const delimiters_t& delimiters);
