@@ -1,29 +1,67 @@
 #!/usr/bin/env bash
-# Builds the ini engine's fuzz target with libFuzzer and the address and
-# undefined-behaviour sanitizers, from the sources it needs only, and runs it.
-# Usage: fuzz/run.sh [seconds]      (default 600)
-# New inputs go to fuzz-out/corpus, findings to fuzz-out/ as crash-* files.
+# Builds the fuzz targets with libFuzzer and the address and undefined-
+# behaviour sanitizers, and runs them one after the other:
+#   ini_fuzz     the ini engine and the indexed reader, from their sources
+#   loader_fuzz  the whole description loader, both formats, from the
+#                module's and the agent's sources
+# Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, both targets)
+# Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
+# to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files. Both are
+# seeded with fuzz/corpus and the examples' descriptions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 RUN_SECONDS=${1:-600}
+shift || true
+TARGETS=("$@")
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini_fuzz loader_fuzz)
 OUT=$ROOT/fuzz-out
-mkdir -p "$OUT/corpus"
+FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
+       -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
+CALC_HASH=_ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_RS5_
 
-SOURCES=(
-  fuzz/ini_fuzz.cc
-  fuzz/fuzz_support.cc
-  src/support/ini_file.cc
-  src/support/message_format.cc
-  src/description/indexed_rules.cc
-  src/description/params.cc
-)
-echo "fuzz: building $OUT/ini_fuzz" >&2
-clang++ -std=c++20 -O1 -g -fno-omit-frame-pointer \
-  -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-  -I"$ROOT/src" -I"$ROOT" "${SOURCES[@]}" -o "$OUT/ini_fuzz"
+sources_of() {
+  case $1 in
+    ini_fuzz) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
+                   src/description/indexed_rules.cc src/description/params.cc ;;
+    loader_fuzz) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
+    *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
+  esac
+}
 
-echo "fuzz: running for $RUN_SECONDS s" >&2
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  "$OUT/ini_fuzz" -max_total_time="$RUN_SECONDS" -print_final_stats=1 -max_len=4096 \
-  -artifact_prefix="$OUT/" "$OUT/corpus" "$ROOT/fuzz/corpus"
+# Compiles each source to its own object, two at a time, when it is newer
+# than the object; headers are not tracked, so a changed header wants
+# rm -r fuzz-out/TARGET/obj.
+build() {
+  local target=$1 objects=() pending=()
+  mkdir -p "$OUT/$target/obj" "$OUT/$target/corpus"
+  for src in $(sources_of "$target"); do
+    local obj="$OUT/$target/obj/${src//\//_}.o"
+    objects+=("$obj")
+    [ "$obj" -nt "$src" ] || pending+=("$src")
+  done
+  echo "fuzz: building $target (${#pending[@]} of ${#objects[@]} sources)" >&2
+  if [ ${#pending[@]} -gt 0 ]; then
+    printf '%s\n' "${pending[@]}" | OUTDIR="$OUT/$target/obj" xargs -P 2 -I{} sh -c \
+      'clang++ "$@" -c "$0" -o "$OUTDIR/$(echo "$0" | tr / _).o"' {} "${FLAGS[@]}"
+  fi
+  local libs=()
+  [ "$target" = loader_fuzz ] && libs=(-Wl,--wrap="$CALC_HASH" -lcurl -lgcrypt -lpugixml -lpthread)
+  clang++ -fsanitize=fuzzer,address,undefined "${objects[@]}" "${libs[@]}" -o "$OUT/$target/$target"
+}
+
+# The seeds: the fuzz corpus and every example description.
+seeds() {
+  mkdir -p "$OUT/seeds"
+  cp fuzz/corpus/* "$OUT/seeds/"
+  for ini in examples/*/update.ini; do cp "$ini" "$OUT/seeds/example_$(basename "$(dirname "$ini")").ini"; done
+}
+
+seeds
+for target in "${TARGETS[@]}"; do
+  build "$target"
+  echo "fuzz: running $target for $RUN_SECONDS s" >&2
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    "$OUT/$target/$target" -max_total_time="$RUN_SECONDS" -print_final_stats=1 -max_len=4096 -timeout=10 \
+    -artifact_prefix="$OUT/$target/" "$OUT/$target/corpus" "$OUT/seeds"
+done
