@@ -1,9 +1,8 @@
 // The few services the fuzzed sources call, kept minimal so that the target
-// builds from the ini engine and the indexed reader alone. Reports are
+// builds from the ini engine, the indexed reader and the file helpers. Reports are
 // counted: a reader that fails must have said why.
 #include "fuzz/fuzz_support.h"
 
-#include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "status/status.h"
 #include "transfer/update_ini_fetch.h"
@@ -14,11 +13,6 @@ bool verify_downloads = true;
 }  // namespace fuzz
 
 namespace update {
-namespace platform {
-const char path_separator = '/';
-const char* const path_separator_text = "/";
-}  // namespace platform
-
 void report(int level, const std::string&) {
   if (level == 0) ++fuzz::reports;
 }
