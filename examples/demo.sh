@@ -104,11 +104,17 @@ step "update source $SECTIONS serves:"
 sed -n '/^\[/,$p' "$EXAMPLES/sections/update.ini"
 for version in 1.0 2.0; do
   agent_root="$WORK/agent-$version"
-  step "corvid-update --root $agent_root --product-version $version check $SECTIONS"
-  set +e
-  "$HOST" --root "$agent_root" --product-version "$version" --cmdid "demo-$version" check "$SECTIONS"
-  echo "(exit status $?)"
-  set -e
-  step "how agent $version chose among the sections (from its log)"
-  grep -a -e 'file section #' -e 'sections were skipped' "$agent_root/log/corvid_update.log" | cut -f3- | tr '\t' ' '
+  for command in check download; do
+    step "corvid-update --root $agent_root --product-version $version $command $SECTIONS"
+    set +e
+    "$HOST" --root "$agent_root" --product-version "$version" --cmdid "demo-$version" "$command" "$SECTIONS"
+    echo "(exit status $?)"
+    set -e
+  done
+  step "what agent $version downloaded"
+  ls "$agent_root/var/update"
+  sed -n 3p "$agent_root/var/update/corvid-tool.sh"
+  step "how agent $version chose among the sections (from its log of the download)"
+  sed -n '/processing command: download/,$p' "$agent_root/log/corvid_update.log" |
+    grep -a -e 'file section #' -e 'sections were skipped' | cut -f3- | tr '\t' ' '
 done

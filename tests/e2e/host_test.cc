@@ -103,25 +103,28 @@ TEST_F(HostTest, CheckFetchesTheServedDescriptionIntoTheRootLayout) {
   EXPECT_EQ(xml.out.rfind("<update-status result=", 0), 0u) << xml.out;
 }
 
-// One file-section description, two agents that differ in version: each log
-// tells which section its conditions chose.
-TEST_F(HostTest, CheckChoosesFileSectionsByTheAgentsVersion) {
+// One file-section description, two agents that differ in version: the
+// sections that their conditions choose decide which tool each downloads.
+TEST_F(HostTest, DownloadFollowsTheFileSectionsThatTheAgentsVersionChooses) {
   fixtures::nginx_server_t server;
   std::string error;
   ASSERT_TRUE(server.start(error)) << error;
   std::filesystem::copy(CORVID_SOURCE_DIR "/examples/sections", server.root() + "/sections",
                         std::filesystem::copy_options::recursive);
-  const std::pair<std::string, std::string> rows[] = {
-      {"1.0", "corvid-tool.sh\tapply file section #2\n"},
-      {"2.0", "corvid-tool.sh\tapply file section #1\n"},
+  const std::tuple<std::string, std::string, bool> rows[] = {
+      {"1.0", "corvid-tool 1.4 (for agents 1.x)", false},
+      {"2.0", "corvid-tool 2.1 (for agents 2.0 and later)", true},
   };
-  for (const auto& [version, chosen] : rows) {
+  for (const auto& [version, tool, plugin] : rows) {
     const std::string root = dir_.path("agent-" + version);
-    const outcome_t o = run({"--root", root, "--product-version", version, "check", server.url("/sections/")});
-    EXPECT_EQ(o.exit_code, 0) << o.out << o.err;
-    const std::string log = read_file(root + "/log/corvid_update.log");
-    EXPECT_NE(log.find(chosen), std::string::npos) << log;
-    EXPECT_EQ(log.find("corvid-plugin.sh\tapply file section #3") != std::string::npos, version == "2.0") << log;
+    for (const char* command : {"check", "download"}) {
+      const outcome_t o = run({"--root", root, "--product-version", version, command, server.url("/sections/")});
+      EXPECT_EQ(o.exit_code, 0) << command << " " << o.out << o.err;
+    }
+    EXPECT_NE(read_file(root + "/var/update/corvid-tool.sh").find(tool), std::string::npos) << version;
+    EXPECT_EQ(std::filesystem::exists(root + "/var/update/corvid-plugin.sh"), plugin) << version;
+    EXPECT_NE(read_file(root + "/var/update/corvid_update_status.xml").find("result=\"downloaded\""),
+              std::string::npos);
   }
 }
 
