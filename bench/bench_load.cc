@@ -58,13 +58,15 @@ std::string file_bytes(uint64_t seed) {
 // both kinds of condition hash every one of the 100 files, ten times over.
 std::string description(const std::string& dir, const std::vector<std::string>& hashes) {
   std::string text = "[corvid]\n";
-  for (int f = 0; f < file_count; ++f) text += "global.big" + std::to_string(f) + "=" + dir + "big" + std::to_string(f) + "\n";
+  for (int f = 0; f < file_count; ++f)
+    text += "global.big" + std::to_string(f) + "=" + dir + "big" + std::to_string(f) + "\n";
   for (int s = 0; s < section_count; ++s) {
     const int f = s / 2 % file_count;
     const std::string big = "big" + std::to_string(f);
     text += "[corvid.file=out" + std::to_string(s / 2) + "]\n";
     text += s % 2 == 0 ? "apply_if.version_of." + big + "=9.0-\n" : "apply_if.hash_of." + big + "=" + hashes[f] + "\n";
-    text += "update_version=$(version_of." + big + ")\ndownload_hash=#GOST3411_256_2012:00\nexec=install $(download_file)\n";
+    text += "update_version=$(version_of." + big + ")\n";
+    text += "download_hash=#GOST3411_256_2012:00\nexec=install $(download_file)\n";
   }
   for (int f = 0; f < file_count; ++f)
     text += "[corvid.hash_to_version.big" + std::to_string(f) + "]\nhash." + hashes[f].substr(19) + "=1.0\n";
