@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -51,6 +52,10 @@ void make_scratch_dir() {
   std::string pattern = std::string(base) + "/corvid-loader-fuzz-XXXXXX";
   check(mkdtemp(pattern.data()) != nullptr, "scratch directory made");
   dir = pattern + "/";
+  std::atexit([] {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+  });
   check(write_text(dir + "tool.exe", "tool 2.1") && write_text(dir + "tool.exe.version", "2.1\n"), "seed files");
 }
 
