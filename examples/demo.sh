@@ -95,3 +95,26 @@ step "what the run left in the update directory ($ROOT/var/update)"
 ls -l "$ROOT/var/update"
 step "the log ($ROOT/log/corvid_update.log)"
 cat "$ROOT/log/corvid_update.log"
+
+# ---- The file-section example: one description, two machines ----------------
+# examples/sections/update.ini lets conditions choose per machine; two agent
+# roots that differ only in --product-version get different rules from it.
+SECTIONS="http://127.0.0.1:$PORT/sections/"
+step "update source $SECTIONS serves:"
+sed -n '/^\[/,$p' "$EXAMPLES/sections/update.ini"
+for version in 1.0 2.0; do
+  agent_root="$WORK/agent-$version"
+  for command in check download; do
+    step "corvid-update --root $agent_root --product-version $version $command $SECTIONS"
+    set +e
+    "$HOST" --root "$agent_root" --product-version "$version" --cmdid "demo-$version" "$command" "$SECTIONS"
+    echo "(exit status $?)"
+    set -e
+  done
+  step "what agent $version downloaded"
+  ls "$agent_root/var/update"
+  sed -n 3p "$agent_root/var/update/corvid-tool.sh"
+  step "how agent $version chose among the sections (from its log of the download)"
+  sed -n '/processing command: download/,$p' "$agent_root/log/corvid_update.log" |
+    grep -a -e 'file section #' -e 'sections were skipped' | cut -f3- | tr '\t' ' '
+done

@@ -1,5 +1,5 @@
 // The few services the fuzzed sources call, kept minimal so that the target
-// builds from the ini engine and the indexed reader alone. Reports are
+// builds from the ini engine, the indexed reader and the file helpers. Reports are
 // counted: a reader that fails must have said why.
 #include "fuzz/fuzz_support.h"
 
@@ -13,7 +13,6 @@ bool verify_downloads = true;
 }  // namespace fuzz
 
 namespace update {
-
 void report(int level, const std::string&) {
   if (level == 0) ++fuzz::reports;
 }

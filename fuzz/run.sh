@@ -1,62 +1,89 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets with libFuzzer and the address and
-# undefined-behaviour sanitizers, each from the sources it needs only, and
-# runs them one after the other.
-# Usage: fuzz/run.sh [seconds] [target...]   (default 600 s each; targets:
-# ini, status; default all)
-# New inputs go to fuzz-out/TARGET/corpus, findings to fuzz-out/TARGET/ as
-# crash-* files.
+# Builds the fuzz targets with libFuzzer and the address and undefined-
+# behaviour sanitizers, and runs them one after the other:
+#   ini     the ini engine and the indexed reader, from their sources
+#   loader  the whole description loader, both formats, from the module's
+#           and the agent's sources; it starts no process
+#   status  the status reader, and the writer and reader together
+#   bridge  the bridge's frames, the client's reply and the module's messages
+# Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
+# Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
+# to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$PWD
 RUN_SECONDS=${1:-600}
 shift || true
 TARGETS=("$@")
-[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini status)
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge)
+OUT=$ROOT/fuzz-out
+FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
+       -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
+CALC_HASH=_ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_RS5_
 
-# Sources, libraries and seed corpus of each target.
-INI_SOURCES=(
-  fuzz/ini_fuzz.cc
-  fuzz/fuzz_support.cc
-  src/support/ini_file.cc
-  src/support/message_format.cc
-  src/description/indexed_rules.cc
-  src/description/params.cc
-  src/support/file_helpers.cc
-  src/platform/posix/file_ops.cc
-)
-INI_LIBS=()
-INI_SEEDS=fuzz/corpus
-STATUS_SOURCES=(
-  fuzz/status_fuzz.cc
-  fuzz/status_fuzz_support.cc
-  src/status/status_read.cc
-  src/status/status.cc
-  src/status/status_xml.cc
-  src/platform/xml_document.cc
-  src/planning/hash_cache.cc
-  src/support/message_format.cc
-  src/support/time_text.cc
-  src/support/file_helpers.cc
-  src/platform/posix/file_ops.cc
-)
-STATUS_LIBS=(-lpugixml)
-STATUS_SEEDS=fuzz/corpus_status
+sources_of() {
+  case $1 in
+    ini) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
+              src/description/indexed_rules.cc src/description/params.cc \
+              src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
+    loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
+    status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \
+                 src/status/status_xml.cc src/platform/xml_document.cc src/planning/hash_cache.cc \
+                 src/support/message_format.cc src/support/time_text.cc src/support/file_helpers.cc \
+                 src/platform/posix/file_ops.cc ;;
+    bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
+                 src/install/notify.cc src/platform/posix/process.cc ;;
+    *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
+  esac
+}
+
+libs_of() {
+  case $1 in
+    loader) echo -Wl,--wrap="$CALC_HASH" -lcurl -lgcrypt -lpugixml -lpthread ;;
+    status) echo -lpugixml ;;
+  esac
+}
+
+# Compiles each source to its own object, two at a time, when it is newer
+# than the object; headers are not tracked, so a changed header wants
+# rm -r fuzz-out/TARGET/obj.
+build() {
+  local target=$1 objects=() pending=()
+  mkdir -p "$OUT/$target/obj" "$OUT/$target/corpus"
+  for src in $(sources_of "$target"); do
+    local obj="$OUT/$target/obj/${src//\//_}.o"
+    objects+=("$obj")
+    [ "$obj" -nt "$src" ] || pending+=("$src")
+  done
+  echo "fuzz: building $target (${#pending[@]} of ${#objects[@]} sources)" >&2
+  if [ ${#pending[@]} -gt 0 ]; then
+    printf '%s\n' "${pending[@]}" | OUTDIR="$OUT/$target/obj" xargs -P 2 -I{} sh -c \
+      'clang++ "$@" -c "$0" -o "$OUTDIR/$(echo "$0" | tr / _).o"' {} "${FLAGS[@]}"
+  fi
+  # shellcheck disable=SC2046
+  clang++ -fsanitize=fuzzer,address,undefined "${objects[@]}" $(libs_of "$target") -o "$OUT/$target/${target}_fuzz"
+}
+
+# The seeds of each target: its corpus in fuzz/, and for the description
+# readers every example description.
+seeds_of() {
+  local dir="$OUT/$1/seeds"
+  rm -rf "$dir" && mkdir -p "$dir"
+  case $1 in
+    ini|loader)
+      cp fuzz/corpus/* "$dir/"
+      for ini in examples/*/update.ini; do cp "$ini" "$dir/example_$(basename "$(dirname "$ini")").ini"; done ;;
+    status) cp fuzz/corpus_status/* "$dir/" ;;
+    bridge) cp fuzz/bridge_corpus/* "$dir/" ;;
+  esac
+  echo "$dir"
+}
 
 for target in "${TARGETS[@]}"; do
-  name=${target^^}
-  sources="${name}_SOURCES[@]"
-  libs="${name}_LIBS[@]"
-  seeds="${name}_SEEDS"
-  [ -n "${!seeds:-}" ] || { echo "fuzz: unknown target $target" >&2; exit 2; }
-  out=$ROOT/fuzz-out/$target
-  mkdir -p "$out/corpus"
-  echo "fuzz: building $out/${target}_fuzz" >&2
-  clang++ -std=c++20 -O1 -g -fno-omit-frame-pointer \
-    -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
-    -I"$ROOT/src" -I"$ROOT" "${!sources}" "${!libs}" -o "$out/${target}_fuzz"
+  build "$target"
+  seeds=$(seeds_of "$target")
   echo "fuzz: running $target for $RUN_SECONDS s" >&2
   ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-    "$out/${target}_fuzz" -max_total_time="$RUN_SECONDS" -print_final_stats=1 -max_len=4096 \
-    -artifact_prefix="$out/" "$out/corpus" "$ROOT/${!seeds}"
+    "$OUT/$target/${target}_fuzz" -max_total_time="$RUN_SECONDS" -print_final_stats=1 -max_len=4096 -timeout=10 \
+    -artifact_prefix="$OUT/$target/" "$OUT/$target/corpus" "$seeds"
 done

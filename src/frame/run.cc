@@ -62,6 +62,19 @@ void select_first_message() {
   status.current_message = status.messages.empty() ? nullptr : &status.messages.front();
 }
 
+// A URI that outgrows what substitution allows is its source's error; the
+// message keeps the URI as it came.
+bool expand_uri(inivars_t& vars, std::string& uri) {
+  try {
+    vars.apply(uri, variable_delimiters);
+    return true;
+  } catch (const std::string& text) {
+    status.select_message(uri);
+    report_error(text.c_str());
+    return false;
+  }
+}
+
 void select_owner_message(const file_rule_t& rule) { status.select_message(rule.owner ? rule.owner->uri : ""); }
 
 void download_step(const plans_t& plans, CURL* handle) {
@@ -145,7 +158,7 @@ void run_command(request_t& request) {
   for (const std::string& uri : request.uris) {
     update_ini_t& record = sources.emplace_back();
     record.uri = uri;
-    vars.apply(record.uri, variable_delimiters);
+    if (!expand_uri(vars, record.uri)) continue;
     status.select_message(record.uri);
     // Every source is fetched to the same local name, so each is compared,
     // parsed and merged before the next one overwrites it.

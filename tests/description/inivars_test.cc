@@ -37,6 +37,12 @@ TEST(Inivars, ApplySubstitutesByTheTable) {
   }
 }
 
+TEST(Inivars, RefusesToGrowPast64KiB) {
+  inivars_t set;
+  set.add("a", "$(a)$(a)$(a)$(a)$(a)$(a)$(a)$(a)");
+  EXPECT_THROW(set.apply_to_values(set, update::variable_delimiters), std::string);
+}
+
 // A computed set is asked before each use, and a refusal leaves the token.
 class counting_vars_t : public inivars_t {
  public:

@@ -147,17 +147,6 @@ TEST_F(LoadUpdateIni, DownloadPathEndsInExactlyOneSeparator) {
   }
 }
 
-// Until its reader lands, a description of file sections is recognised and
-// passed over: no rule and no report in a run, false at start-up.
-TEST_F(LoadUpdateIni, FileSectionFormatIsPassedOverQuietly) {
-  const std::string text = "connect_timeout=9\n[" + update::product_section_name() + ".file=tool.exe]\nversion=2\n";
-  EXPECT_TRUE(load(text));
-  EXPECT_TRUE(ini_.rules.empty());
-  EXPECT_EQ(ini_.connect_timeout, 9);
-  EXPECT_FALSE(load(text, 1));
-  EXPECT_EQ(reported(), "");
-}
-
 TEST_F(LoadUpdateIni, FileListMismatchesAreReported) {
   const struct {
     std::string files, hashes, sizes, message;

@@ -103,4 +103,27 @@ TEST_F(HostTest, CheckFetchesTheServedDescriptionIntoTheRootLayout) {
   EXPECT_EQ(xml.out.rfind("<update-status result=", 0), 0u) << xml.out;
 }
 
+// One file-section description, two agents that differ in version: the
+// sections that their conditions choose decide which tool each downloads.
+TEST_F(HostTest, DownloadFollowsTheFileSectionsThatTheAgentsVersionChooses) {
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  std::filesystem::copy(CORVID_SOURCE_DIR "/examples/sections", server.root() + "/sections",
+                        std::filesystem::copy_options::recursive);
+  const std::tuple<std::string, std::string, bool> rows[] = {
+      {"1.0", "corvid-tool 1.4 (for agents 1.x)", false},
+      {"2.0", "corvid-tool 2.1 (for agents 2.0 and later)", true},
+  };
+  for (const auto& [version, tool, plugin] : rows) {
+    const std::string root = dir_.path("agent-" + version);
+    for (const char* command : {"check", "download"}) {
+      const outcome_t o = run({"--root", root, "--product-version", version, command, server.url("/sections/")});
+      EXPECT_EQ(o.exit_code, 0) << command << " " << o.out << o.err;
+    }
+    EXPECT_NE(read_file(root + "/var/update/corvid-tool.sh").find(tool), std::string::npos) << version;
+    EXPECT_EQ(std::filesystem::exists(root + "/var/update/corvid-plugin.sh"), plugin) << version;
+  }
+}
+
 }  // namespace
