@@ -11,6 +11,7 @@
 #include "frame/module.h"
 #include "frame/path_vars.h"
 #include "frame/run_gates.h"
+#include "install/install.h"
 #include "platform/agent_paths.h"
 #include "planning/hash_cache.h"
 #include "status/status.h"
@@ -71,11 +72,11 @@ void download_step(const std::vector<file_rule_t*>& plans, [[maybe_unused]] CURL
   }
 }
 
-void install_step(const std::vector<file_rule_t*>& plans, [[maybe_unused]] const request_t& request) {
+void install_step(const std::vector<file_rule_t*>& plans, const request_t& request) {
   if (!open_install_gate(status)) return;
   for (file_rule_t* rule : plans) {
     select_owner_message(*rule);
-    // install_rule(*rule, request.command, request.update_path) takes its place here.
+    install_rule(*rule, request.command, request.update_path);
     select_first_message();
   }
 }
