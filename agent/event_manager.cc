@@ -4,6 +4,10 @@
 #include "platform/event_manager.h"
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -50,15 +54,31 @@ manager_t& manager() {
   return m;
 }
 
+// What a procedure lets escape leaves the module in a state nobody can
+// vouch for (a run that never ended keeps it busy for ever), so the process
+// ends with a failure: a service manager starts it again, and start-up finds
+// the interrupted run in the status file.
+[[noreturn]] void end_process(const std::string& what) {
+  const std::string text = "event manager: a queued call ended with an exception: " + what;
+  {
+    TLogMessage log(log_id_failure);
+    log.append_attr(log_attr_text, text);
+  }
+  std::fprintf(stderr, "%s\n", text.c_str());
+  std::fflush(stderr);
+  std::_Exit(EXIT_FAILURE);
+}
+
 void call(em_proc_t proc, void* arg, bool cancel) {
   em_call_t record{arg, nullptr, cancel ? 1 : 0};
   try {
     proc(&record);
+  } catch (const std::exception& e) {
+    end_process(e.what());
+  } catch (const char* text) {
+    end_process(text ? text : "");
   } catch (...) {
-    // What a procedure lets escape ends that call, not the worker: the
-    // owner of the call reads the loss from its own state.
-    TLogMessage log(log_id_failure);
-    log.append_attr(log_attr_text, "event manager: a queued call ended with an exception");
+    end_process("of an unknown type");
   }
 }
 

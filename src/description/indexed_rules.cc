@@ -1,5 +1,7 @@
 #include "description/indexed_rules.h"
 
+#include <unordered_set>
+
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "status/status.h"
@@ -27,8 +29,6 @@ void normalise_download_path(std::string& path) {
   path += platform::path_separator;
 }
 
-void report_list_error(const std::string& text) { report_error(text.c_str()); }
-
 }  // namespace
 
 std::string indexed_key(const std::string& key, unsigned index) {
@@ -51,9 +51,12 @@ bool read_file_list(const std::string& files, const std::string& hashes, const s
   const char* hash_cursor = hashes.c_str();
   const char* size_cursor = sizes.c_str();
   std::string item, hash_item, size_item;
+  // Names of this list so far: a long list must not cost a walk per name.
+  std::unordered_set<std::string> names;
+  for (const auto& earlier : entries) names.insert(earlier.name);
   for (unsigned count = 1; next_list_item(file_cursor, item); ++count) {
     if (item.empty()) {
-      report_list_error(format_message("empty file name specified in file list(#%u): %s", count, files.c_str()));
+      report_error(format_message("empty file name specified in file list(#%u): %s", count, files.c_str()));
       return false;
     }
     file_entry_t& entry = entries.emplace_back();
@@ -63,7 +66,7 @@ bool read_file_list(const std::string& files, const std::string& hashes, const s
     uri_join(entry.uri, item);
     if (!hashes.empty()) {
       if (!next_list_item(hash_cursor, hash_item)) {
-        report_list_error(
+        report_error(
             format_message("files count greater than hashes count: %s > %s", files.c_str(), hashes.c_str()));
         return false;
       }
@@ -71,29 +74,27 @@ bool read_file_list(const std::string& files, const std::string& hashes, const s
     }
     if (!sizes.empty()) {
       if (!next_list_item(size_cursor, size_item)) {
-        report_list_error(
+        report_error(
             format_message("files count greater than sizes count: %s > %s", files.c_str(), sizes.c_str()));
         return false;
       }
       if (!parse_size(entry.size, size_item)) {
-        report_list_error(format_message("bad filesize value: %s", size_item.c_str()));
+        report_error(format_message("bad filesize value: %s", size_item.c_str()));
         return false;
       }
     }
-    for (auto earlier = entries.begin(); &*earlier != &entry; ++earlier) {
-      if (earlier->name == entry.name) {
-        report_list_error(format_message("duplicated file name: %s", item.c_str()));
-        return false;
-      }
+    if (!names.insert(entry.name).second) {
+      report_error(format_message("duplicated file name: %s", item.c_str()));
+      return false;
     }
   }
   if (!entries.empty()) {
     if (next_list_item(hash_cursor, hash_item)) {
-      report_list_error(format_message("files count less than hashes count: %s < %s", files.c_str(), hashes.c_str()));
+      report_error(format_message("files count less than hashes count: %s < %s", files.c_str(), hashes.c_str()));
       return false;
     }
     if (next_list_item(size_cursor, size_item)) {
-      report_list_error(format_message("files count less than sizes count: %s < %s", files.c_str(), sizes.c_str()));
+      report_error(format_message("files count less than sizes count: %s < %s", files.c_str(), sizes.c_str()));
       return false;
     }
   }
@@ -123,7 +124,7 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
     rule.file_name = value("file", index, "");
     rule.hash = value("hash", index, "");
     if (rule.hash.empty() && !rule.file_name.empty() && LPARAMS::server::verify_downloads()) {
-      report_list_error(format_message("Parse 'update.ini' error: missing required field 'hash'. Turn off local "
+      report_error(format_message("Parse 'update.ini' error: missing required field 'hash'. Turn off local "
                                        "parameter '%s' to disable downloaded files verification",
                                        LPARAMS::server::verify_downloads_name().c_str()));
       return false;

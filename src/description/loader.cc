@@ -15,8 +15,6 @@ namespace update {
 
 namespace {
 
-void report_text(const std::string& text) { report_error(text.c_str()); }
-
 // Steps after the file is open; everything they throw is reported by the caller.
 bool parse_description(std::istream& in, update_ini_t& ini, const inivars_t& predefined, hash_cache_t& hashes,
                        const std::string& dir, int mode) {
@@ -31,7 +29,7 @@ bool parse_description(std::istream& in, update_ini_t& ini, const inivars_t& pre
   read_params(ini_file, section, ini);
   if (ini.rules.empty()) {
     // Only the indexed format needs a rule: without one the source says nothing.
-    report_text(format_message("Parse 'update.ini' error: parameter not found: 'version', in section: [%s]",
+    report_error(format_message("Parse 'update.ini' error: parameter not found: 'version', in section: [%s]",
                                section.c_str()));
     return false;
   }
@@ -50,22 +48,22 @@ bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_
   const std::string path = dir + file_name;
   std::utf8_ifstream in(path);
   if (!in) {
-    if (mode != 1) report_text(format_message("Can't open file for reading: %s", path.c_str()));
+    if (mode != 1) report_error(format_message("Can't open file for reading: %s", path.c_str()));
     return false;
   }
   try {
     return parse_description(in, ini, predefined, hashes, dir, mode);
   } catch (const CIniFileGroupNotFound& e) {
-    report_text(format_message("Parse 'update.ini' error: section not found [%s]", e.what()));
+    report_error(format_message("Parse 'update.ini' error: section not found [%s]", e.what()));
   } catch (const CIniFileVarNameNotFound& e) {
-    report_text(format_message("Parse 'update.ini' error: parameter not found: '%s', in section: [%s]", e.what(),
+    report_error(format_message("Parse 'update.ini' error: parameter not found: '%s', in section: [%s]", e.what(),
                                e.group.c_str()));
   } catch (const std::exception& e) {
-    report_text(format_message("Parse 'update.ini' error: %s", e.what()));
+    report_error(format_message("Parse 'update.ini' error: %s", e.what()));
   } catch (const std::string& text) {
-    report_text(format_message("Parse 'update.ini' error: %s", text.c_str()));
+    report_error(format_message("Parse 'update.ini' error: %s", text.c_str()));
   } catch (const char* text) {
-    report_text(format_message("Parse 'update.ini' error: %s", text ? text : ""));
+    report_error(format_message("Parse 'update.ini' error: %s", text ? text : ""));
   }
   return false;
 }

@@ -3,20 +3,22 @@
 #include <algorithm>
 #include <list>
 #include <memory>
-#include <vector>
 
 #include "description/inivars.h"
 #include "description/update_ini.h"
 #include "frame/curl_init.h"
 #include "frame/module.h"
-#include "frame/path_vars.h"
 #include "frame/run_gates.h"
 #include "install/install.h"
 #include "platform/agent_paths.h"
 #include "planning/hash_cache.h"
+#include "planning/merge.h"
+#include "planning/plan_rule.h"
+#include "planning/reconcile.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
+#include "transfer/download_stage.h"
 #include "transfer/update_ini_fetch.h"
 
 namespace update {
@@ -63,16 +65,16 @@ void select_first_message() {
 
 void select_owner_message(const file_rule_t& rule) { status.select_message(rule.owner ? rule.owner->uri : ""); }
 
-void download_step(const std::vector<file_rule_t*>& plans, [[maybe_unused]] CURL* handle) {
+void download_step(const plans_t& plans, CURL* handle) {
   if (!open_download_gate(status)) return;
   for (file_rule_t* rule : plans) {
     select_owner_message(*rule);
-    // download_rule(*rule, handle) takes its place here.
+    download_rule(*rule, handle);
     select_first_message();
   }
 }
 
-void install_step(const std::vector<file_rule_t*>& plans, const request_t& request) {
+void install_step(const plans_t& plans, const request_t& request) {
   if (!open_install_gate(status)) return;
   for (file_rule_t* rule : plans) {
     select_owner_message(*rule);
@@ -136,7 +138,7 @@ void run_command(request_t& request) {
 
   // Rules are referred to from plans and the status: sources must not move.
   std::list<update_ini_t> sources;
-  std::vector<file_rule_t*> plans;
+  plans_t plans;
   hash_cache_t hashes;
   inivars_t vars;
   add_predefined_variables(vars, request);
@@ -149,16 +151,17 @@ void run_command(request_t& request) {
     // Every source is fetched to the same local name, so each is compared,
     // parsed and merged before the next one overwrites it.
     if (!fetch_update_ini(record.uri, request.update_path, local_ini_name, handle.get(), request.params)) continue;
-    // check_source_file(sources, request.update_path, local_ini_name) takes its place here.
+    // A copy of an earlier source is gone from the list after this.
+    if (!check_source_file(sources, request.update_path, local_ini_name)) continue;
     if (!load_update_ini(record, vars, hashes, request.update_path, local_ini_name, 0)) continue;
-    // merge_source(record, sources) takes its place here and sets record.merged.
+    record.merged = merge_source(record, sources);
   }
   select_first_message();
 
-  // reconcile_status(sources, status, plans, request.update_path) fills plans here.
+  reconcile_status(sources, status, plans, request.update_path);
   for (file_rule_t* rule : plans) {
     select_owner_message(*rule);
-    // plan_rule(*rule, request.update_path) takes its place here.
+    plan_rule(*rule, request.update_path);
     select_first_message();
   }
 

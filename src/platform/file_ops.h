@@ -34,14 +34,31 @@ bool path_exists(const char* path);
 // stream's position is not moved.
 bool truncate_file(FILE* file, uint64_t size);
 
-// Flushes the stream and waits until the file's data are on disk.
+// Flushes the stream and waits until the file's data (and its size) are on
+// disk. The name is not synchronised: see sync_directory_of.
 bool sync_file(FILE* file);
+// The same for the file at path.
+bool sync_path(const char* path);
 
-// Renames source onto target, replacing it atomically: a reader sees the old
-// or the new file, never a mix. When it returns true the source's data and
-// the new name are on disk (the file and the directory were synchronised).
-// On false the target is as it was, unless only the final directory
-// synchronisation failed. Does not copy across file systems.
+// Asks the system to start writing the file's data to disk now, without
+// waiting, so that a later sync_path finds little left to do. A hint: does
+// nothing where the system has no such call.
+void start_writeback(const char* path);
+
+// Waits until the entries of the directory that holds path (renames,
+// creations, deletions) are on disk.
+bool sync_directory_of(const char* path);
+
+// How many times this process has waited for data or a directory to reach
+// the disk (sync_file, sync_path, sync_directory_of). For benchmarks.
+uint64_t syncs_done();
+
+// Renames source onto target, replacing it atomically: a reader, and the
+// disk after a crash or a power loss, see the old or the new file, never a
+// mix, provided the source's data were synced first. The new name itself
+// reaches the disk with the file system's next commit, or at once with
+// sync_directory_of. On false the target is as it was. Does not copy across
+// file systems.
 bool replace_file(const char* source, const char* target);
 
 // Deletes a file. False if it was not there or could not be deleted.

@@ -109,8 +109,20 @@ namespace HashFileChecker {
 
 bool CalcHash(const std::string& path, const std::string& type, std::string& result) {
   char lead = '#';
-  const hash_type_t* t = type.empty() ? &default_type : resolve_type(type, lead);
-  if (!t || !gcrypt_ready()) return false;
+  const hash_type_t* t = resolve_type(type, lead);
+  // The caller compares what comes back with what it wrote, case and all,
+  // so a decoration it wrote is given back as written. An unknown type still
+  // gets a hash, of the default type, so that there is something to show.
+  std::string out;
+  if (!t) {
+    t = &default_type;
+    out = decoration(*t, '#');
+  } else if (type[0] == '#' || type[0] == '$') {
+    out = type.substr(0, type.find(':') + 1);
+  } else {
+    out = decoration(*t, lead);
+  }
+  if (!gcrypt_ready()) return false;
 
   // Unbuffered: each read of a block goes straight from the system into the
   // buffer, with no copy through the stream's own.
@@ -138,7 +150,6 @@ bool CalcHash(const std::string& path, const std::string& type, std::string& res
   if (!digest) return false;
   static const char hex[] = "0123456789abcdef";
   const unsigned length = gcry_md_get_algo_dlen(t->algo);
-  std::string out = decoration(*t, lead);
   out.reserve(out.size() + 2 * length);
   for (unsigned i = 0; i < length; ++i) {
     out += hex[digest[i] >> 4];

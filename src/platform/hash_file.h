@@ -6,11 +6,13 @@
 
 namespace HashFileChecker {
 
-// Hashes the file at path (UTF-8) in the type named by the decoration of
-// type (a bare decoration, a whole decorated hash, or empty for the default
-// "#GOST3411_256_2012:"), streaming it in large blocks. On success writes the
-// decorated hash into result and returns true; false if the type is unknown
-// or the file cannot be read, leaving result unchanged. Safe from any thread.
+// Hashes the file at path (UTF-8) in the type named by type: a bare
+// decoration, a whole decorated hash, a type name or a bare digest; empty or
+// unknown means the default "#GOST3411_256_2012:". Streams the file in large
+// blocks. On success writes the decorated hash into result, with type's own
+// decoration exactly as written when type has a known one ("$sha256:" in,
+// "$sha256:" out), and returns true; false if the file cannot be read,
+// leaving result unchanged. Safe from any thread.
 bool CalcHash(const std::string& path, const std::string& type, std::string& result);
 
 }  // namespace HashFileChecker

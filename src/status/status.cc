@@ -76,10 +76,7 @@ void status_t::begin_run(Command command, const std::string& id) {
   cmdid = id;
   start_time = now_text();
   result = status_prepare;
-  if (save_enabled) {
-    ++revision;
-    save();
-  }
+  save_change();
   status_reported = false;
 }
 
@@ -90,9 +87,10 @@ void status_t::end_run(Command command) {
   current_rule = nullptr;
   result = derive_result();
   if (result == status_installed) client_visible = true;
+  // The outcome of a command must outlast a power loss.
   if (save_enabled) {
     ++revision;
-    save();
+    save(true);
   }
   {
     TLogMessage log(log_id_course);
@@ -126,10 +124,7 @@ bool status_t::begin_install(const file_rule_t& rule) {
     if (f.skipped || !f.available || !f.skip_downloading || f.state != file_outofdate) return false;
     f.state = file_install;
   }
-  if (save_enabled) {
-    ++revision;
-    save();
-  }
+  save_change();
   return true;
 }
 
@@ -147,10 +142,7 @@ void status_t::end_install(const file_rule_t& rule) {
   } else {
     finish(rule.file_name);
   }
-  if (save_enabled) {
-    ++revision;
-    save();
-  }
+  save_change();
 }
 
 void status_t::record_error(int level, const std::string& text) {
@@ -167,10 +159,7 @@ void status_t::record_error(int level, const std::string& text) {
       if (f.error.empty()) f.error = text;
     }
   }
-  if (save_enabled) {
-    ++revision;
-    save();
-  }
+  save_change();
 }
 
 void status_t::set_failure(const std::string& text) {
@@ -178,6 +167,12 @@ void status_t::set_failure(const std::string& text) {
   messages.front().text = text;
   xml.clear();
   result = status_error;
+}
+
+void status_t::save_change() {
+  if (!save_enabled) return;
+  ++revision;
+  save();
 }
 
 status_code_t status_t::derive_result() const {

@@ -1,6 +1,7 @@
 // The update status: the outcome of the last command, one entry per file,
 // the errors of the run and the hashes to keep. One module-wide record.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <mutex>
@@ -117,8 +118,15 @@ struct status_t {
   uint64_t sum_download_size() const;
   uint64_t sum_total_size() const;
   // REQUIRES: lock held. Rebuild xml; render and replace the status file.
+  // Each save waits for the disk once: the new file is whole before it
+  // replaces the old one, so a crash or a power loss leaves one of the two.
+  // Its name lasts through a power loss with the file system's next commit,
+  // or at once when lasting is set (end_run sets it).
   void render_xml();
-  void save();
+  void save(bool lasting = false);
+  // REQUIRES: lock held. How every change reaches the disk: when save_enabled,
+  // revision up by one and save.
+  void save_change();
   // REQUIRES: lock held. Read the status file at start-up.
   bool load();
   void parse_xml(const XMLDeclaration& root);
@@ -134,12 +142,15 @@ struct status_t {
 // The module's one status record, and whether get_status has told it.
 extern status_t status;
 extern bool status_reported;  // guarded by status.lock
+// Saves since the process started. For benchmarks.
+extern std::atomic<uint64_t> status_saves;
 
 // Tells the log and, for level 0, the status. Levels: 0 error (id 365),
 // 1 notice (366), 2..5 course (367) with "uptodate", "outofdate",
 // "download" or "install" first.
 void report(int level, const std::string& text);
 void report_error(const char* text);     // same as report(0, text)
+inline void report_error(const std::string& text) { report(0, text); }
 void report_progress(const char* text);  // id 367: state text, text
 
 // Tells the client of an error (install/notify.cc); nothing while

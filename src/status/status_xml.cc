@@ -11,6 +11,8 @@
 
 namespace update {
 
+std::atomic<uint64_t> status_saves{0};
+
 namespace {
 
 const char status_file_name[] = "corvid_update_status.xml";
@@ -144,7 +146,8 @@ void status_t::render_xml() {
   xml.swap(out);
 }
 
-void status_t::save() {
+void status_t::save(bool lasting) {
+  status_saves.fetch_add(1, std::memory_order_relaxed);
   render_xml();
   std::string path;
   update_dir_path(path);
@@ -153,10 +156,12 @@ void status_t::save() {
   agent_fs_chmod_bak_rw_usr(backup_name(path), path);
   // Only a companion that cannot be created is told; a failed write or
   // rename leaves the old file whole and the next save tries again.
-  if (write_file_durably(path, {xml_declaration, xml}) == durable_write_t::not_opened) {
+  const atomic_write_t written = write_file_atomically(path, {xml_declaration, xml});
+  if (written == atomic_write_t::not_opened) {
     TLogMessage log(log_id_failure);
     log.append_attr(log_attr_text, format_message("Failed to save update status to file: %s", path.c_str()));
   }
+  if (lasting && written == atomic_write_t::done) platform::sync_directory_of(path.c_str());
 }
 
 // The reader comes with start-up recovery.

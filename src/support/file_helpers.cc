@@ -86,10 +86,10 @@ void hex_text(const unsigned char* bytes, size_t count, std::string& text, char 
   }
 }
 
-durable_write_t write_file_durably(const std::string& path, std::initializer_list<std::string_view> parts) {
+atomic_write_t write_file_atomically(const std::string& path, std::initializer_list<std::string_view> parts) {
   const std::string companion = backup_name(path);
   FILE* file = platform::open_file(companion.c_str(), "wb", false);
-  if (!file) return durable_write_t::not_opened;
+  if (!file) return atomic_write_t::not_opened;
   bool written = true;
   for (std::string_view part : parts) {
     if (!part.empty() && std::fwrite(part.data(), 1, part.size(), file) != part.size()) {
@@ -100,9 +100,9 @@ durable_write_t write_file_durably(const std::string& path, std::initializer_lis
   written = written && platform::sync_file(file);
   written = std::fclose(file) == 0 && written;
   // A short companion must never take the place of a whole status file.
-  if (!written) return durable_write_t::not_written;
-  return platform::replace_file(companion.c_str(), path.c_str()) ? durable_write_t::done
-                                                                 : durable_write_t::not_replaced;
+  if (!written) return atomic_write_t::not_written;
+  return platform::replace_file(companion.c_str(), path.c_str()) ? atomic_write_t::done
+                                                                 : atomic_write_t::not_replaced;
 }
 
 }  // namespace update

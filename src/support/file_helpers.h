@@ -43,7 +43,8 @@ bool file_exists(const std::string& path);
 // Size in bytes; 0 for a missing file as well as an empty one.
 uint64_t file_size(const std::string& path);
 
-// Renames source onto target, replacing it; durable when it returns.
+// Renames source onto target, replacing it atomically (see
+// platform::replace_file for when the new name lasts).
 bool move_file(const std::string& source, const std::string& target);
 
 // Deletes path + ".download." + version, then path itself. Missing files are
@@ -60,21 +61,22 @@ std::string without_trailing_separators(std::string_view text, size_t most = SIZ
 // path + ".bak".
 std::string backup_name(const std::string& path);
 
-// How write_file_durably ended. Only not_opened leaves no trace on disk.
-enum class durable_write_t {
+// How write_file_atomically ended. Only not_opened leaves no trace on disk.
+enum class atomic_write_t {
   done,
   not_opened,    // the companion could not be created
   not_written,   // a write, the flush or the sync failed; the companion stays
   not_replaced,  // the companion is whole, the rename failed
 };
 
-// Replaces the file at path with the concatenated parts so that a crash at
-// any moment leaves either the old file or the new one whole: writes the
-// companion backup_name(path) (created or truncated), flushes and syncs it,
-// renames it over path and syncs the directory. Stops at the first failure;
-// the file at path is then untouched, unless the rename was done and only the
-// directory sync failed. The status writer's one way to disk.
-durable_write_t write_file_durably(const std::string& path, std::initializer_list<std::string_view> parts);
+// Replaces the file at path with the concatenated parts so that a crash or a
+// power loss at any moment leaves either the old file or the new one whole:
+// writes the companion backup_name(path) (created or truncated), syncs its
+// data (the one wait for the disk) and renames it over path. The new name
+// lasts through a power loss once the file system commits, or at once after
+// platform::sync_directory_of(path). Stops at the first failure; the file at
+// path is then untouched. The status writer's one way to disk.
+atomic_write_t write_file_atomically(const std::string& path, std::initializer_list<std::string_view> parts);
 
 // Appends two upper-case hex digits per byte, separator (if not 0) between.
 void hex_text(const unsigned char* bytes, size_t count, std::string& text, char separator);

@@ -137,7 +137,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       file_ptr file(fopen_utf8(path.c_str(), offset != 0 ? "ab" : "wb", sizeof "ab"));
       if (!file) {
         report_error(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(),
-                                    path.c_str()).c_str());
+                                    path.c_str()));
         return false;
       }
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
@@ -164,7 +164,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
     ++retry;
   }
   const char* reason = error_buffer[0] != 0 ? error_buffer : curl_easy_strerror(result);
-  report_error(format_message("Download error: %s -> %s", url.c_str(), reason).c_str());
+  report_error(format_message("Download error: %s -> %s", url.c_str(), reason));
   return false;
 }
 

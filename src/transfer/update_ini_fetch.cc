@@ -10,7 +10,7 @@ bool fetch_update_ini(const std::string& uri, const std::string& update_path, co
                       CURL* handle, const params_t& params) {
   if (uri.empty()) {
     report_error(format_message("%sDownload error: URI not specified (should be obtained from the Policy "
-                                "Managment Server)", "").c_str());
+                                "Managment Server)", ""));
     return false;
   }
   const std::string local_path = update_path + (file_name ? file_name : "");

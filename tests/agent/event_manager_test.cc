@@ -55,8 +55,7 @@ class EventManagerTest : public ::testing::Test {
   void TearDown() override { agent::stop_event_manager(); }
 };
 
-TEST_F(EventManagerTest, RunsCallsInOrderOnOneWorkerThreadPastOneThatThrows) {
-  EM_AsyncCall([](em_call_t*) { throw std::runtime_error("lost"); }, nullptr);
+TEST_F(EventManagerTest, RunsCallsInOrderOnOneWorkerThread) {
   for (int i = 0; i < 50; ++i) ASSERT_EQ(EM_AsyncCall(i % 7 == 0 ? queue_follow_up : record, tag(i)), 0);
   agent::drain_event_manager();
   ASSERT_EQ(calls.size(), 50u + 8u);  // drain also waits for the follow-ups
@@ -71,6 +70,18 @@ TEST_F(EventManagerTest, RunsCallsInOrderOnOneWorkerThreadPastOneThatThrows) {
     EXPECT_EQ(id, threads.front());
     EXPECT_NE(id, std::this_thread::get_id());
   }
+}
+
+// A run that threw can never end, so the process must, for a service
+// manager to start it again.
+TEST_F(EventManagerTest, AnExceptionLeavingACallEndsTheProcessWithItsText) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        EM_AsyncCall([](em_call_t*) { throw std::runtime_error("disk on fire"); }, nullptr);
+        std::this_thread::sleep_for(std::chrono::seconds(30));
+      },
+      ::testing::ExitedWithCode(1), "ended with an exception: disk on fire");
 }
 
 TEST_F(EventManagerTest, StopHandsQueuedCallsBackCancelled) {

@@ -64,17 +64,17 @@ TEST_F(FileHelpers, HexTextAppendsUpperCasePairs) {
 
 TEST_F(FileHelpers, DurableWriteReplacesOnlyWithAWholeFile) {
   const std::string p = dir_.path("status.xml");
-  EXPECT_EQ(write_file_durably(p, {"first ", "", "text"}), durable_write_t::done);
+  EXPECT_EQ(write_file_atomically(p, {"first ", "", "text"}), atomic_write_t::done);
   EXPECT_EQ(read_file(p), "first text");
   EXPECT_FALSE(std::filesystem::exists(p + ".bak"));
   platform::file_faults().fail_sync = true;  // the disk is full
-  EXPECT_EQ(write_file_durably(p, {"a longer lost text"}), durable_write_t::not_written);
+  EXPECT_EQ(write_file_atomically(p, {"a longer lost text"}), atomic_write_t::not_written);
   EXPECT_EQ(read_file(p), "first text");
   platform::file_faults().fail_sync = false;
   // The longer companion left behind is cut by the next write.
-  EXPECT_EQ(write_file_durably(p, {"third"}), durable_write_t::done);
+  EXPECT_EQ(write_file_atomically(p, {"third"}), atomic_write_t::done);
   EXPECT_EQ(read_file(p), "third");
-  EXPECT_EQ(write_file_durably(dir_.path("missing/s.xml"), {"x"}), durable_write_t::not_opened);
+  EXPECT_EQ(write_file_atomically(dir_.path("missing/s.xml"), {"x"}), atomic_write_t::not_opened);
 }
 
 }  // namespace

@@ -71,6 +71,8 @@ bool truncate_if_not_empty(int fd) {
   return ::ftruncate(fd, 0) == 0;
 }
 
+std::atomic<uint64_t> sync_counter{0};
+
 std::string directory_of(const std::string& path) {
   size_t slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";
@@ -78,24 +80,11 @@ std::string directory_of(const std::string& path) {
   return path.substr(0, slash);
 }
 
-// Some file systems cannot sync a directory (EINVAL); a rename there is as
-// durable as they allow, which is not a failure of ours.
-bool sync_directory(const std::string& dir) {
-  int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = ::fsync(fd) == 0 || errno == EINVAL;
-  close_keeping_errno(fd);
-  return ok;
-}
-
-// The data must reach the disk before the new name does; otherwise a crash
-// can leave the target renamed but empty.
-bool sync_path(const char* path) {
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno == EACCES;  // not readable: the rename still works
-  bool ok = ::fsync(fd) == 0 || errno == EINVAL;
-  close_keeping_errno(fd);
-  return ok;
+// Some file systems cannot sync a directory or a file (EINVAL); what they
+// keep is as lasting as they allow, which is not a failure of ours.
+bool sync_descriptor(int fd, bool data_only) {
+  sync_counter.fetch_add(1, std::memory_order_relaxed);
+  return (data_only ? ::fdatasync(fd) : ::fsync(fd)) == 0 || errno == EINVAL;
 }
 
 }  // namespace
@@ -181,8 +170,38 @@ bool sync_file(FILE* file) {
     errno = ENOSPC;
     return false;
   }
-  return ::fsync(::fileno(file)) == 0 || errno == EINVAL;
+  return sync_descriptor(::fileno(file), true);
 }
+
+bool sync_path(const char* path) {
+  if (file_faults().fail_sync) {
+    errno = ENOSPC;
+    return false;
+  }
+  const int fd = path ? ::open(path, O_RDONLY | O_CLOEXEC) : -1;
+  if (fd < 0) return false;
+  const bool ok = sync_descriptor(fd, true);
+  close_keeping_errno(fd);
+  return ok;
+}
+
+void start_writeback(const char* path) {
+  const int fd = path ? ::open(path, O_RDONLY | O_CLOEXEC) : -1;
+  if (fd < 0) return;
+  ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+  ::close(fd);
+}
+
+bool sync_directory_of(const char* path) {
+  if (!path) return false;
+  const int fd = ::open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = sync_descriptor(fd, false);
+  close_keeping_errno(fd);
+  return ok;
+}
+
+uint64_t syncs_done() { return sync_counter.load(std::memory_order_relaxed); }
 
 bool replace_file(const char* source, const char* target) {
   if (!source || !target) {
@@ -193,13 +212,7 @@ bool replace_file(const char* source, const char* target) {
     errno = EIO;
     return false;
   }
-  if (!sync_path(source)) return false;
-  if (::rename(source, target) != 0) return false;
-  const std::string target_dir = directory_of(target);
-  const std::string source_dir = directory_of(source);
-  bool ok = sync_directory(target_dir);
-  if (source_dir != target_dir) ok = sync_directory(source_dir) && ok;
-  return ok;
+  return ::rename(source, target) == 0;
 }
 
 bool remove_file(const char* path) { return path && ::unlink(path) == 0; }

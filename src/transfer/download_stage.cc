@@ -1,0 +1,109 @@
+#include "transfer/download_stage.h"
+
+#include "install/run_exec.h"
+#include "platform/file_ops.h"
+#include "platform/hash_file.h"
+#include "planning/versions.h"
+#include "status/status.h"
+#include "support/file_helpers.h"
+#include "support/message_format.h"
+#include "transfer/download.h"
+
+namespace update {
+
+namespace {
+
+// Moves the entry's file into state 3 and makes it current. False when it
+// has nothing to fetch.
+bool begin_download(const file_entry_t& entry) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  file_status_t& f = status.file_entry(entry.name);
+  if ((f.state != file_outofdate && f.state != file_download) || f.skipped || !f.available) return false;
+  f.state = file_download;
+  f.download_size = 0;
+  if (entry.size != 0) f.total_size = entry.size;
+  f.download_hash = entry.hash;
+  f.uri = entry.uri;
+  status.current_file = &f;
+  status.save_change();
+  return true;
+}
+
+// A server answers a range at the end of a file with an error, so a
+// temporary file that is already whole (the process died before the move,
+// or the move failed) is taken as it stands; one that is larger than the
+// file can be is fetched anew from its first byte.
+bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params) {
+  uint64_t have = 0;
+  if (entry.size != 0 && platform::query_file_size(temporary.c_str(), have)) {
+    if (have == entry.size) {
+      report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
+      return true;
+    }
+    if (have > entry.size) platform::remove_file(temporary.c_str());
+  }
+  return download_file(handle, entry.uri, temporary, params, true);
+}
+
+void set_checking_file(const std::string& name) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.checking_file = name;
+}
+
+}  // namespace
+
+void download_rule(file_rule_t& rule, CURL* handle) {
+  bool before_download_done = rule.exec_before_download.empty();
+  for (auto& entry : rule.entries) {
+    if (!begin_download(entry)) {
+      entry.ready = true;
+      continue;
+    }
+    if (!before_download_done) {
+      if (!run_exec_list(rule.exec_before_download, 0)) return;
+      before_download_done = true;
+    }
+    const std::string temporary = download_name(entry.local_path, rule.update_version);
+    if (!fetch(handle, entry, temporary, *rule.owner)) return;
+    // The file takes its final name before it is verified: a mismatch stands
+    // in state 4 with its error, which keeps it from being installed.
+    if (!move_file(temporary, entry.local_path)) {
+      report_error(format_message("Failed to rename downloaded file to: %s", entry.local_path.c_str()));
+      return;
+    }
+    const uint64_t size = file_size(entry.local_path);
+    if (size == 0) report(1, format_message("Empty file: %s", entry.local_path.c_str()));
+    // The disk writes the file while it is hashed; the status may say
+    // "downloaded" only once the data would survive a power loss.
+    platform::start_writeback(entry.local_path.c_str());
+    set_checking_file(entry.name);
+    std::string calculated;
+    const bool hashed = HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated);
+    set_checking_file("");
+    if (!hashed) {
+      report_error(format_message("Failed to calculate hash for file: %s", entry.local_path.c_str()));
+      return;
+    }
+    if (!platform::sync_path(entry.local_path.c_str())) {
+      report_error(format_message("Failed to write downloaded file to disk: %s", entry.local_path.c_str()));
+      return;
+    }
+    {
+      std::lock_guard<std::recursive_mutex> hold(status.lock);
+      file_status_t& f = status.file_entry(entry.name);
+      f.state = file_downloaded;
+      f.download_size = size;
+      f.total_size = size;
+      f.download_hash = calculated;
+      status.save_change();
+    }
+    if (!entry.hash.empty() && !hash_equal(entry.hash, calculated)) {
+      report(0, format_message("[%s] Hash mismatch. Calculated: %s, from update server: %s", entry.name.c_str(),
+                               calculated.c_str(), entry.hash.c_str()));
+      return;
+    }
+    entry.ready = true;
+  }
+}
+
+}  // namespace update

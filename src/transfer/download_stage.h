@@ -1,0 +1,20 @@
+// The download stage: brings the files of one rule to their final place
+// through version-named temporary files, hashes and verifies them.
+#pragma once
+#include <curl/curl.h>
+
+#include "description/update_ini.h"
+
+namespace update {
+
+// For each entry of rule in order: a file in state 2 or 3 (available, not
+// skipped) is fetched with resume to local_path + ".download." + version,
+// moved to local_path, hashed and left in state 4; any other entry is only
+// marked ready. exec_before_download runs once, before the first file that
+// is fetched. Stops at the first failure, which is in the status by then.
+// A temporary file already as large as the entry's non-zero size is taken
+// without a request; a larger one is deleted and fetched anew. Update
+// worker; the status lock is held only for short steps.
+void download_rule(file_rule_t& rule, CURL* handle);
+
+}  // namespace update
