@@ -37,7 +37,8 @@ Talks to a serving corvid-update ("corvid-update serve") over its socket.
 Commands:
   install     start a manual installation and follow it to its end
   status      show the status; while a command runs, follow it with a
-              progress bar; --once prints one snapshot
+              progress bar; --once prints one snapshot, --watch stays
+              connected and follows every command until interrupted
   xml         print the status as XML
   send HEX    hand the bytes (in hex) to the host; corvid-update reads them
               as a command line, e.g. the hex of "check http://host/repo/"
@@ -49,6 +50,7 @@ Options:
   --yes, --no     answer the install question without asking (default: ask
                   when standard input is a terminal, else yes)
   --once          status: one snapshot, no following
+  --watch         status: follow every command until interrupted
   --help          this text
 
 While connected, the client answers the update's install question and runs
@@ -62,6 +64,7 @@ struct options_t {
   std::string command, hex, socket, root;
   answer_t answer = default_answer();
   bool once = false;
+  bool watch = false;
 };
 
 bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
@@ -74,6 +77,8 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
       o.answer = answer_t::no;
     } else if (arg == "--once") {
       o.once = true;
+    } else if (arg == "--watch") {
+      o.watch = true;
     } else if (arg == "--help") {
       o.command = "help";
       return true;
@@ -268,8 +273,9 @@ bool status_xml(session_t& session, std::string& xml) {
 }
 
 // Follows the module until no command runs; with a text of the status
-// before a command was started, first until that text has changed.
-int follow(session_t& session, const std::string* before) {
+// before a command was started, first until that text has changed. A
+// watcher prints each new outcome and goes on.
+int follow(session_t& session, const std::string* before, bool watch) {
   bool started = before == nullptr;
   int unchanged = 0;
   for (;;) {
@@ -283,9 +289,14 @@ int follow(session_t& session, const std::string* before) {
     }
     if (started && !running(s.result)) {
       session.clear_bar();
-      return print_snapshot(s);
+      if (!watch) return print_snapshot(s);
+      if (changed) {
+        print_snapshot(s);
+        std::fflush(stdout);
+      }
+    } else {
+      session.show_progress(s);
     }
-    session.show_progress(s);
     if (!session.pause()) break;
   }
   session.clear_bar();
@@ -329,7 +340,7 @@ int run(const options_t& o) {
     }
     return print_snapshot(s);
   }
-  if (o.command == "status") return follow(session, nullptr);
+  if (o.command == "status") return follow(session, nullptr, o.watch);
   // The status before the command, so that its start can be told.
   std::string before;
   snapshot_t baseline;
@@ -339,7 +350,7 @@ int run(const options_t& o) {
     std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
     return exit_failed;
   }
-  return follow(session, &before);
+  return follow(session, &before, false);
 }
 
 }  // namespace
