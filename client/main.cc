@@ -286,8 +286,11 @@ int follow(session_t& session, const std::string* before, bool watch) {
       std::string xml;
       if (!status_xml(session, xml)) break;
       started = xml != *before || changed || running(s.result) || ++unchanged >= unchanged_limit_polls;
+      // The snapshot may predate the text that showed the start: look again.
+      if (!session.pause()) break;
+      continue;
     }
-    if (started && !running(s.result)) {
+    if (!running(s.result)) {
       session.clear_bar();
       if (!watch) return print_snapshot(s);
       if (changed) {

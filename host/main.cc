@@ -149,6 +149,8 @@ int serve(const options_t& options) {
   update::callbacks().on_status = no_status_push;
   update::callbacks().on_client_command = client_command;
   agent::start_event_manager();
+  // The listener is registered before the first client can come.
+  update::init();
   const std::string socket = options.socket.empty() ? agent::default_socket_path() : options.socket;
   std::string error;
   if (!agent::start_bridge(socket, error)) {
@@ -157,11 +159,11 @@ int serve(const options_t& options) {
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);
     }
     std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
+    stop_module();
     agent::stop_event_manager();
     agent::close_log();
     return exit_failed;
   }
-  update::init();
   {
     TLogMessage log(log_id_course);
     log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, "listening on " + socket);
