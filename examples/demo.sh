@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Serves examples/ on loopback with a private nginx and runs corvid-update
-# against it in a throw-away agent root: a check, then the status, then the
-# status as XML. Usage: examples/demo.sh BIN_DIR
+# against it in a throw-away agent root: an install, which asks, downloads
+# and runs the update's commands, then a check that finds everything up to
+# date; then the daemon, serve, on a private socket, with its client asking
+# for the status. Usage: examples/demo.sh BIN_DIR
 set -euo pipefail
 
 BIN=${1:?usage: demo.sh BIN_DIR}
 HOST="$BIN/corvid-update"
+CLIENT="$BIN/corvid-update-client"
 EXAMPLES=$(cd "$(dirname "$0")" && pwd)
 NGINX=$(command -v nginx || echo /usr/sbin/nginx)
 [ -x "$HOST" ] || { echo "demo: $HOST is not built" >&2; exit 1; }
@@ -13,7 +16,12 @@ NGINX=$(command -v nginx || echo /usr/sbin/nginx)
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/corvid-demo.XXXXXX")
 NGINX_PID=""
+SERVE_PID=""
 cleanup() {
+  if [ -n "$SERVE_PID" ]; then
+    kill "$SERVE_PID" 2>/dev/null || true
+    wait "$SERVE_PID" 2>/dev/null || true
+  fi
   if [ -n "$NGINX_PID" ]; then
     kill "$NGINX_PID" 2>/dev/null || true
     wait "$NGINX_PID" 2>/dev/null || true
@@ -80,15 +88,44 @@ ROOT="$WORK/agent"
 step "update source $SOURCE serves:"
 sed -n '/^\[/,$p' "$EXAMPLES/repo/update.ini"
 
-step "corvid-update --root $ROOT check $SOURCE"
+step "corvid-update --root $ROOT --answer yes install $SOURCE"
+echo "(the host is its own client: it answers the question and runs the user's command)"
 set +e
-"$HOST" --root "$ROOT" --cmdid demo-1 check "$SOURCE"
+"$HOST" --root "$ROOT" --cmdid demo-1 --answer yes install "$SOURCE"
+echo "(exit status $?)"
+step "the version records the install commands wrote"
+for f in "$ROOT"/var/update/*.version; do echo "$(basename "$f"): $(cat "$f")"; done
+
+step "corvid-update --root $ROOT check $SOURCE (a second look)"
+"$HOST" --root "$ROOT" --cmdid demo-2 check "$SOURCE" 2>/dev/null
 echo "(exit status $?)"
 
-step "corvid-update --root $ROOT status"
-"$HOST" --root "$ROOT" status
-step "corvid-update --root $ROOT status --xml"
-"$HOST" --root "$ROOT" status --xml
+SOCKET="$WORK/bridge.sock"
+step "corvid-update --root $ROOT --socket $SOCKET serve &"
+"$HOST" --root "$ROOT" --socket "$SOCKET" serve </dev/null >/dev/null 2>&1 &
+SERVE_PID=$!
+for _ in $(seq 100); do [ -S "$SOCKET" ] && break; sleep 0.05; done
+ls -l "$SOCKET"
+step "corvid-update-client --socket $SOCKET status --once"
+"$CLIENT" --socket "$SOCKET" status --once
+echo "(exit status $?)"
+COMMAND="check --cmdid demo-3 $SOURCE"
+step "corvid-update-client --socket $SOCKET send HEX  (the hex of \"$COMMAND\")"
+"$CLIENT" --socket "$SOCKET" send "$(printf '%s' "$COMMAND" | od -An -tx1 | tr -d ' \n')"
+echo "(exit status $?)"
+# The status follows a command once it has begun.
+for _ in $(seq 100); do grep -q "(demo-3)" "$ROOT/log/corvid_update.log" && break; sleep 0.05; done
+step "corvid-update-client --socket $SOCKET status"
+"$CLIENT" --socket "$SOCKET" status
+echo "(exit status $?)"
+step "corvid-update-client --socket $SOCKET xml"
+"$CLIENT" --socket "$SOCKET" xml
+echo "(exit status $?)"
+step "stopping the daemon (SIGTERM)"
+kill -TERM "$SERVE_PID"
+wait "$SERVE_PID"
+echo "(exit status $?)"
+SERVE_PID=""
 set -e
 
 step "what the run left in the update directory ($ROOT/var/update)"

@@ -1,16 +1,20 @@
 // corvid-update: a host for the update module. It provides the agent's
 // services (paths, parameters, log, event manager), starts the module, runs
 // one command or answers the status, and stops it again.
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <pthread.h>
 #include <thread>
+#include <vector>
 #include <unistd.h>
 
 #include <curl/curl.h>
 
 #include "agent/agent.h"
+#include "agent/bridge.h"
+#include "client/responder.h"
 #include "frame/module.h"
 #include "frame/update.h"
 #include "host/options.h"
@@ -32,6 +36,37 @@ constexpr const char* log_name = "corvid_update.log";
 
 void no_status_push(const std::string&, const std::string&) {}
 bool no_client(size_t, const char*) { return false; }
+
+// Code 8 of a serving host: the client's bytes are a command line, a
+// command and its URIs, which the host submits as its own daemon would.
+bool client_command(size_t length, const char* bytes) {
+  std::vector<std::string> words{"corvid-update"};
+  const std::string text(bytes, length);
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find(' ', at), text.size());
+    if (end > at) words.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  std::vector<const char*> argv;
+  for (const auto& w : words) argv.push_back(w.c_str());
+  options_t options;
+  std::string error;
+  const bool usable = parse_options(static_cast<int>(argv.size()), argv.data(), options, error) &&
+                      options.action == action_t::run_command;
+  {
+    TLogMessage log(usable ? log_id_course : log_id_notice);
+    log.append_attr(log_attr_text, "client command").append_attr(log_attr_text, usable ? text : text + ": " + error);
+  }
+  if (usable) update::process_async(options.command, options.uris, options.cmdid, 0, "", "", TLogIdent{});
+  return usable;
+}
+
+client::answer_t answer_of(const std::string& text) {
+  if (text == "yes") return client::answer_t::yes;
+  if (text == "no") return client::answer_t::no;
+  if (text == "ask") return client::answer_t::ask;
+  return client::default_answer();
+}
 
 void set_if(std::string& field, const std::string& value) {
   if (!value.empty()) field = value;
@@ -70,6 +105,8 @@ void stop_module() {
 // transfer under way aborts and the run walks to its end, so the status file
 // stays truthful. A second signal ends the process at once.
 volatile sig_atomic_t interrupted = 0;
+std::mutex stop_lock;
+std::condition_variable stop_signalled;  // serve waits on it
 
 void watch_signals() {
   sigset_t signals;
@@ -82,10 +119,14 @@ void watch_signals() {
       int received = 0;
       if (sigwait(&signals, &received) != 0) continue;
       if (interrupted) _exit(exit_interrupted);
-      interrupted = 1;
+      {
+        std::lock_guard<std::mutex> hold(stop_lock);
+        interrupted = 1;
+      }
       const char note[] = "\ncorvid-update: stopping\n";
-      (void)!write(STDERR_FILENO, note, sizeof note - 1);
+      if (isatty(STDERR_FILENO) == 1) (void)!write(STDERR_FILENO, note, sizeof note - 1);
       stop_module();
+      stop_signalled.notify_all();
     }
   }).detach();
 }
@@ -102,6 +143,48 @@ bool result_failed() {
   return update::status.result == update::status_error || update::status.result == update::status_undefined;
 }
 
+// The daemon: the module and the bridge's server until a stop signal.
+int serve(const options_t& options) {
+  configure_agent(options);
+  update::callbacks().on_status = no_status_push;
+  update::callbacks().on_client_command = client_command;
+  agent::start_event_manager();
+  // The listener is registered before the first client can come.
+  update::init();
+  const std::string socket = options.socket.empty() ? agent::default_socket_path() : options.socket;
+  std::string error;
+  if (!agent::start_bridge(socket, error)) {
+    {
+      TLogMessage log(log_id_failure);
+      log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);
+    }
+    std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
+    stop_module();
+    agent::stop_event_manager();
+    agent::close_log();
+    return exit_failed;
+  }
+  {
+    TLogMessage log(log_id_course);
+    log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, "listening on " + socket);
+  }
+  if (isatty(STDERR_FILENO) == 1)
+    std::fprintf(stderr, "corvid-update: serving on %s; SIGTERM or Ctrl-C stops\n", socket.c_str());
+  {
+    std::unique_lock<std::mutex> hold(stop_lock);
+    stop_signalled.wait(hold, [] { return interrupted != 0; });
+  }
+  stop_module();
+  agent::stop_bridge();
+  agent::stop_event_manager();
+  {
+    TLogMessage log(log_id_course);
+    log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, "stopped");
+  }
+  agent::close_log();
+  return exit_ok;
+}
+
 int run(const options_t& options) {
   configure_agent(options);
   update::callbacks().on_status = no_status_push;
@@ -110,6 +193,15 @@ int run(const options_t& options) {
   int code = exit_ok;
   {
     progress_t progress(isatty(STDERR_FILENO) == 1);
+    // The host is its own client: it answers the install question and runs
+    // what the update hands to the user.
+    const client::responder_t responder(answer_of(options.answer));
+    agent::set_local_client([&](uint32_t id, std::string& body) {
+      progress.hold(true);
+      const bool answered = responder(id, body);
+      progress.hold(false);
+      return answered;
+    });
     update::init();
     // finish_init is queued behind init: once the worker is idle the module
     // has left the stopped state.
@@ -120,6 +212,7 @@ int run(const options_t& options) {
       // again only after the run ended and dispatched nothing further.
       while (!agent::drain_event_manager_for(200)) progress.tick();
     }
+    agent::set_local_client(nullptr);
   }
   if (interrupted) {
     code = exit_interrupted;
@@ -154,8 +247,10 @@ int main(int argc, char** argv) {
     return host::exit_ok;
   }
   host::watch_signals();
+  // A daemon outlives the terminal it was started from.
+  if (options.action == host::action_t::serve) std::signal(SIGHUP, SIG_IGN);
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  const int code = host::run(options);
+  const int code = options.action == host::action_t::serve ? host::serve(options) : host::run(options);
   curl_global_cleanup();
   return code;
 }

@@ -32,6 +32,8 @@ constexpr value_option_t value_options[] = {
     {"--root", &options_t::root},
     {"--log", &options_t::log_file},
     {"--cmdid", &options_t::cmdid},
+    {"--socket", &options_t::socket},
+    {"--answer", &options_t::answer},
     {"--product-version", &options_t::product_version},
     {"--product-build", &options_t::product_build},
     {"--product-target", &options_t::product_target},
@@ -99,6 +101,18 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     options.action = action_t::show_status;
     return true;
   }
+  if (command == "serve") {
+    if (!positional.empty()) {
+      error = "serve takes no URI";
+      return false;
+    }
+    options.action = action_t::serve;
+    return true;
+  }
+  if (options.answer != "" && options.answer != "yes" && options.answer != "no" && options.answer != "ask") {
+    error = "--answer takes yes, no or ask";
+    return false;
+  }
   if (options.xml) {
     error = "--xml goes with the status command only";
     return false;
@@ -132,6 +146,9 @@ Commands:
   unknown          submit the unknown command (the module refuses it)
   status           start the module and print the saved status; with --xml
                    print the status as XML instead
+  serve            run as the daemon until SIGTERM or SIGINT: clients
+                   (corvid-update-client) reach the module over the bridge's
+                   socket; the daemon writes only to its log
 
 Options:
   --update-dir DIR      working directory of the module: fetched files, the
@@ -152,7 +169,16 @@ Options:
   --log FILE            log file (default: the log directory +
                         "corvid_update.log")
   --cmdid ID            identifier of the command, kept in the status
+  --answer A            install: answer the update's install question with
+                        yes, no or ask (default: ask when standard input is
+                        a terminal, else yes); commands the update hands to
+                        the user are run by corvid-update itself
+  --socket PATH         serve: the bridge's socket (default: the var
+                        directory + "corvid_bridge.sock")
   --help                this text
+
+A client's code 8 bytes reach a serving host as a command line: a command
+and its URIs, e.g. "check http://host/repo/", which it runs.
 
 Progress goes to standard error: a bar on a terminal, log lines otherwise.
 Exit status: 0 when the command ended in a defined state other than error,

@@ -7,7 +7,7 @@
 
 namespace host {
 
-enum class action_t { run_command, show_status, help };
+enum class action_t { run_command, show_status, serve, help };
 
 struct options_t {
   action_t action = action_t::help;
@@ -19,6 +19,8 @@ struct options_t {
   std::string log_file;  // empty: systemLogDir + "corvid_update.log"
   std::string cmdid;
   bool no_verify = false;
+  std::string socket;  // serve: the bridge's socket; empty: the default
+  std::string answer;  // the install question: "yes", "no", "ask" or empty (ask on a terminal, else yes)
   // Product values; empty ones keep the defaults.
   std::string product_version, product_build, product_target, product_os, product_cpu, product_vendor;
 };

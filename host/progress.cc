@@ -86,10 +86,17 @@ void progress_t::tick() {
   std::string bar(static_cast<size_t>(filled), '#');
   bar.append(static_cast<size_t>(bar_width - filled), '-');
   std::lock_guard<std::mutex> hold(lock_);
+  if (held_) return;
   std::fprintf(stderr, "\r\033[K%-10s [%s] %3d%%  %s / %s  %s", stage.c_str(), bar.c_str(), percent,
                human_size(done).c_str(), human_size(total).c_str(), file.c_str());
   std::fflush(stderr);
   bar_shown_ = true;
+}
+
+void progress_t::hold(bool on) {
+  std::lock_guard<std::mutex> hold(lock_);
+  held_ = on;
+  if (on) clear_bar();
 }
 
 void progress_t::clear_bar() {

@@ -19,6 +19,9 @@ class progress_t {
   // Redraws the bar from the status; nothing when not on a terminal.
   // Takes the status lock.
   void tick();
+  // While held, the bar is cleared and not drawn: the terminal is talking
+  // to the user. Safe from any thread.
+  void hold(bool on);
 
  private:
   void on_record(uint16_t id, const std::vector<std::string>& attrs);
@@ -28,6 +31,7 @@ class progress_t {
   int observer_ = 0;
   std::mutex lock_;           // serialises writes to standard error
   bool bar_shown_ = false;    // guarded by lock_
+  bool held_ = false;         // guarded by lock_
 };
 
 // "1.5 MiB", "320 B": a size for people.

@@ -1,6 +1,7 @@
 // The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
 
+#include "frame/listener.h"
 #include "frame/path_vars.h"
 #include "frame/update.h"
 #include "platform/agent_paths.h"
@@ -116,6 +117,7 @@ void fini() {
     pending_request.reset();
   }
   EM_DelTimer(status_timer_proc);
+  unregister_service_listener();
   std::lock_guard<std::mutex> hold(path_vars_lock);
   path_vars.clear();
 }
@@ -152,6 +154,7 @@ void reset_module_for_tests() {
     pending_request.reset();
   }
   status.reset();
+  unregister_service_listener();
   {
     std::lock_guard<std::mutex> hold(path_vars_lock);
     path_vars.clear();

@@ -9,6 +9,7 @@
 #include "frame/curl_init.h"
 #include "frame/module.h"
 #include "frame/run_gates.h"
+#include "install/install.h"
 #include "platform/agent_paths.h"
 #include "planning/hash_cache.h"
 #include "planning/merge.h"
@@ -86,11 +87,11 @@ void download_step(const plans_t& plans, CURL* handle) {
   }
 }
 
-void install_step(const plans_t& plans, [[maybe_unused]] const request_t& request) {
+void install_step(const plans_t& plans, const request_t& request) {
   if (!open_install_gate(status)) return;
   for (file_rule_t* rule : plans) {
     select_owner_message(*rule);
-    // install_rule(*rule, request.command, request.update_path) takes its place here.
+    install_rule(*rule, request.command, request.update_path);
     select_first_message();
   }
 }

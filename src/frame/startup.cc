@@ -7,6 +7,7 @@
 
 #include "description/inivars.h"
 #include "description/update_ini.h"
+#include "frame/listener.h"
 #include "frame/module.h"
 #include "frame/path_vars.h"
 #include "frame/update.h"
@@ -127,6 +128,7 @@ void init() {
       start_without_status_file(status, dir);
     }
   }
+  register_service_listener();
   EM_AsyncCall(finish_init, nullptr);
 }
 

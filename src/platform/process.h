@@ -37,6 +37,10 @@ struct process_end_t {
   int signal = 0;            // the signal that ended it, else 0
 };
 
+// The same for a client running a command for its user: the child leads a
+// session of its own and keeps the caller's standard output and error.
+int start_user_process(const std::string& command_line, process_t& process);
+
 // Waits for the child without a limit of time and reaps it. False when the
 // wait itself fails; end is then left as it was.
 bool wait_process(process_t& process, process_end_t& end);

@@ -3,18 +3,6 @@
 
 namespace update {
 
-namespace {
-
-// Client notification of errors is off in this module.
-constexpr bool notify_errors = false;
-
-}  // namespace
-
-void notify_error(const std::string& text) {
-  if (!notify_errors) return;
-  (void)text;
-}
-
 void report(int level, const std::string& text) {
   static const char* const stage_words[] = {"uptodate", "outofdate", "download", "install"};
   if (level == 0) {

@@ -157,7 +157,8 @@ void report_error(const char* text);     // same as report(0, text)
 inline void report_error(const std::string& text) { report(0, text); }
 void report_progress(const char* text);  // id 367: state text, text
 
-// Tells the client of an error; nothing while notify_errors is off.
+// Tells the client of an error (install/notify.cc); nothing while
+// notify_errors is off.
 void notify_error(const std::string& text);
 
 }  // namespace update

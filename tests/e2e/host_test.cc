@@ -8,6 +8,9 @@
 #include <regex>
 #include <tuple>
 
+#include <chrono>
+#include <thread>
+
 #include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
 
@@ -23,8 +26,8 @@ struct outcome_t {
 class HostTest : public ::testing::Test {
  protected:
   // Runs the host with its per-user state kept inside the test's directory.
-  outcome_t run(const std::vector<std::string>& args) {
-    std::string command = "XDG_STATE_HOME='" + dir_.path("state") + "' '" CORVID_BIN_DIR "/corvid-update'";
+  outcome_t run(const std::vector<std::string>& args, const char* program = "corvid-update") {
+    std::string command = "XDG_STATE_HOME='" + dir_.path("state") + "' '" CORVID_BIN_DIR "/" + program + "'";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + dir_.path("stdout") + "' 2>'" + dir_.path("stderr") + "'";
     const int wstatus = std::system(command.c_str());
@@ -124,6 +127,48 @@ TEST_F(HostTest, DownloadFollowsTheFileSectionsThatTheAgentsVersionChooses) {
     EXPECT_NE(read_file(root + "/var/update/corvid-tool.sh").find(tool), std::string::npos) << version;
     EXPECT_EQ(std::filesystem::exists(root + "/var/update/corvid-plugin.sh"), plugin) << version;
   }
+}
+
+TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  for (const char* name : {"update.ini", "files/corvid-tool.sh", "files/readme.txt", "files/licence.txt"})
+    ASSERT_TRUE(server.put_file(std::string("repo/") + name, read_file(std::string(CORVID_SOURCE_DIR "/examples/repo/") + name)));
+  const std::string root = dir_.path("agent"), source = server.url("/repo/");
+  const outcome_t installed = run({"--root", root, "--answer", "yes", "install", source});
+  EXPECT_EQ(installed.exit_code, 0) << installed.err;
+  EXPECT_EQ(installed.out, "update_state=uptodate\n") << installed.err;
+  EXPECT_NE(installed.err.find("update: asked to install 2.0 (files/readme.txt): yes"), std::string::npos) << installed.err;
+  EXPECT_NE(installed.err.find("install: Executing user ok exit status 0"), std::string::npos) << installed.err;
+  EXPECT_EQ(read_file(root + "/var/update/readme.txt.version"), "2.0\n");
+  EXPECT_EQ(run({"--root", root, "check", source}).out, "update_state=uptodate\n");
+
+  const std::string socket = dir_.path("bridge.sock");
+  const pid_t daemon = fixtures::spawn_child(
+      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "serve"}, -1, dir_.path("serve.log"));
+  for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const outcome_t once = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
+  EXPECT_EQ(once.out.rfind("status: ", 0), 0u) << once.err;
+  EXPECT_EQ(run({"--socket", socket, "xml"}, "corvid-update-client").out.rfind("<update-status result=", 0), 0u);
+  // The client's install names no source, so it always ends in error.
+  const outcome_t manual = run({"--socket", socket, "install"}, "corvid-update-client");
+  EXPECT_EQ(manual.exit_code, 1);
+  EXPECT_NE(manual.out.find("message: Download error: URI not specified"), std::string::npos) << manual.out << manual.err;
+  // Code 8 bytes are a command line for the serving host.
+  std::string hex;
+  for (unsigned char c : "check " + source) hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
+  EXPECT_EQ(run({"--socket", socket, "send", hex}, "corvid-update-client").out, "accepted\n");
+  outcome_t after;
+  for (int i = 0; i < 100 && after.out != "status: uptodate\n"; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    after = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
+  }
+  EXPECT_EQ(after.exit_code, 0) << after.out;
+  fixtures::stop_child(daemon, 5000);
+  EXPECT_FALSE(std::filesystem::exists(socket));
+  EXPECT_NE(read_file(root + "/log/corvid_update.log").find("\tserve\tstopped\n"), std::string::npos);
+  EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
 }
 
 }  // namespace

@@ -66,7 +66,7 @@ struct spawn_setup_t {
   posix_spawn_file_actions_t actions;
   int error = 0;
 
-  spawn_setup_t() {
+  explicit spawn_setup_t(bool for_user) {
     if ((error = posix_spawnattr_init(&attr)) != 0) return;
     if ((error = posix_spawn_file_actions_init(&actions)) != 0) {
       posix_spawnattr_destroy(&attr);
@@ -78,11 +78,14 @@ struct spawn_setup_t {
     sigfillset(&all);
     // The host blocks its stop signals in every thread; a child must not
     // inherit that, nor a handler's disposition.
-    error = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    if (!error) error = posix_spawnattr_setpgroup(&attr, 0);
+    // A user's command gets a session of its own, away from the client's
+    // terminal signals, and writes where the client writes.
+    const short group = for_user ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP;
+    error = posix_spawnattr_setflags(&attr, group | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    if (!error && !for_user) error = posix_spawnattr_setpgroup(&attr, 0);
     if (!error) error = posix_spawnattr_setsigmask(&attr, &none);
     if (!error) error = posix_spawnattr_setsigdefault(&attr, &all);
-    for (int fd = 0; fd < 3 && !error; ++fd)
+    for (int fd = 0; fd < (for_user ? 1 : 3) && !error; ++fd)
       error = posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
     // Whatever else is open here (sockets of libcurl, the log, a client's
     // connection) stays ours, even where a descriptor lacks close-on-exec.
@@ -102,7 +105,9 @@ struct spawn_setup_t {
 
 }  // namespace
 
-int start_process(const std::string& command_line, process_t& process) {
+namespace {
+
+int start(const std::string& command_line, process_t& process, bool for_user) {
   if (refuse_process_start()) return ENOSYS;
   std::vector<std::string> words;
   if (!split_command_line(command_line, words) || words.empty()) return EINVAL;
@@ -111,7 +116,7 @@ int start_process(const std::string& command_line, process_t& process) {
   for (auto& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
 
-  spawn_setup_t setup;
+  spawn_setup_t setup(for_user);
   if (setup.error != 0) return setup.error;
   pid_t pid = -1;
   // glibc reports a program that cannot be executed here, not in the child.
@@ -119,6 +124,14 @@ int start_process(const std::string& command_line, process_t& process) {
   if (error != 0) return error;
   process.id = pid;
   return 0;
+}
+
+}  // namespace
+
+int start_process(const std::string& command_line, process_t& process) { return start(command_line, process, false); }
+
+int start_user_process(const std::string& command_line, process_t& process) {
+  return start(command_line, process, true);
 }
 
 bool wait_process(process_t& process, process_end_t& end) {

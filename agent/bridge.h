@@ -1,0 +1,82 @@
+// The command bridge over a Unix domain socket: the server the daemon runs,
+// the connection a client holds, and the frames between them. The framing
+// is written down in the README ("The command bridge").
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace agent {
+
+// Frames: a header of four unsigned 32-bit little-endian numbers (type,
+// serial, value, body length) and the body.
+enum frame_type_t : uint32_t {
+  frame_command = 1,       // client -> daemon: value is the code
+  frame_command_reply = 2, // daemon -> client: value is the result (0 or 1)
+  frame_notification = 3,  // daemon -> client: value is the notification id
+  frame_answer = 4,        // client -> daemon: value 1 answered, 0 declined
+};
+constexpr size_t frame_header_size = 16;
+// A body above this drops the connection that announced it.
+constexpr uint32_t frame_body_limit = 4u << 20;
+
+struct frame_t {
+  uint32_t type = 0;
+  uint32_t serial = 0;  // a reply or answer carries the serial it answers
+  uint32_t value = 0;
+  std::string body;
+};
+
+enum class frame_read_t { ok, closed, bad };
+// Reads one whole frame: closed at a clean end before a header, bad for a
+// cut frame, an unknown type or a body above the limit, or a read error.
+frame_read_t read_frame(int fd, frame_t& frame);
+// Writes one whole frame; false if the connection failed. Never raises
+// SIGPIPE.
+bool write_frame(int fd, const frame_t& frame);
+
+// Where the bridge listens unless told otherwise: systemVarDir() +
+// "corvid_bridge.sock".
+std::string default_socket_path();
+
+// Starts the server: binds path (owner-only, its directory made if needed;
+// a stale socket file left by a dead server is replaced), accepts clients on
+// a thread of its own and serves each on another. False with a reason when
+// the socket cannot be made or another server answers on it.
+bool start_bridge(const std::string& path, std::string& error);
+// Disconnects every client, ends waiting notifications with false, joins the
+// threads and removes the socket file. Safe to call when not started.
+void stop_bridge();
+
+// Answers one notification: id and body in, the answer in body. False
+// declines it.
+using notification_answerer_t = std::function<bool(uint32_t id, std::string& body)>;
+
+// A client inside the process: while set, notifications go to it and not to
+// a connected client. Empty function to unset. Safe from any thread.
+void set_local_client(notification_answerer_t answerer);
+
+// A client's connection to the bridge. One thread uses it at a time.
+class bridge_client_t {
+ public:
+  bridge_client_t() = default;
+  ~bridge_client_t();
+  bridge_client_t(const bridge_client_t&) = delete;
+  bridge_client_t& operator=(const bridge_client_t&) = delete;
+
+  bool connect(const std::string& path, std::string& error);
+  // Sends a command and waits for its reply, answering the notifications
+  // that come meanwhile through answer. False with a reason when the
+  // connection fails or the daemon sends garbage.
+  bool call(uint32_t code, const std::string& request, bool& result, std::string& reply,
+            const notification_answerer_t& answer, std::string& error);
+  // Answers notifications for up to milliseconds.
+  bool wait(int milliseconds, const notification_answerer_t& answer, std::string& error);
+
+ private:
+  bool answer_notification(const frame_t& frame, const notification_answerer_t& answer, std::string& error);
+  int fd_ = -1;
+  uint32_t next_serial_ = 1;
+};
+
+}  // namespace agent

@@ -1,0 +1,163 @@
+// Frames of the command bridge, and a client's end of a connection.
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "agent/bridge.h"
+#include "platform/agent_paths.h"
+
+namespace agent {
+
+namespace {
+
+void put_u32(char* at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) at[i] = static_cast<char>((value >> (8 * i)) & 0xff);
+}
+
+uint32_t get_u32(const char* at) {
+  uint32_t value = 0;
+  for (int i = 0; i < 4; ++i) value |= static_cast<uint32_t>(static_cast<unsigned char>(at[i])) << (8 * i);
+  return value;
+}
+
+// 0 read everything, 1 clean end before the first byte, -1 cut or failed.
+int read_all(int fd, char* data, size_t size) {
+  size_t got = 0;
+  while (got < size) {
+    const ssize_t n = ::read(fd, data + got, size - got);
+    if (n > 0) {
+      got += static_cast<size_t>(n);
+    } else if (n == 0) {
+      return got == 0 ? 1 : -1;
+    } else if (errno != EINTR) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+frame_read_t read_frame(int fd, frame_t& frame) {
+  char header[frame_header_size];
+  const int got = read_all(fd, header, sizeof header);
+  if (got == 1) return frame_read_t::closed;
+  if (got != 0) return frame_read_t::bad;
+  frame.type = get_u32(header);
+  frame.serial = get_u32(header + 4);
+  frame.value = get_u32(header + 8);
+  const uint32_t length = get_u32(header + 12);
+  if (frame.type < frame_command || frame.type > frame_answer || length > frame_body_limit) return frame_read_t::bad;
+  frame.body.resize(length);
+  if (length != 0 && read_all(fd, frame.body.data(), length) != 0) return frame_read_t::bad;
+  return frame_read_t::ok;
+}
+
+bool write_frame(int fd, const frame_t& frame) {
+  if (frame.body.size() > frame_body_limit) return false;
+  std::string bytes(frame_header_size, '\0');
+  put_u32(bytes.data(), frame.type);
+  put_u32(bytes.data() + 4, frame.serial);
+  put_u32(bytes.data() + 8, frame.value);
+  put_u32(bytes.data() + 12, static_cast<uint32_t>(frame.body.size()));
+  bytes += frame.body;
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+    } else if (n < 0 && errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string default_socket_path() {
+  std::string dir = systemVarDir();
+  if (!dir.empty() && dir.back() != '/') dir += '/';
+  return dir + "corvid_bridge.sock";
+}
+
+bridge_client_t::~bridge_client_t() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool bridge_client_t::connect(const std::string& path, std::string& error) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    error = "socket path too long: " + path;
+    return false;
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    error = "cannot connect to " + path + ": " + std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+  return true;
+}
+
+bool bridge_client_t::answer_notification(const frame_t& frame, const notification_answerer_t& answer,
+                                          std::string& error) {
+  frame_t reply{frame_answer, frame.serial, 0, frame.body};
+  if (answer && answer(frame.value, reply.body)) {
+    reply.value = 1;
+  } else {
+    reply.body.clear();
+  }
+  if (write_frame(fd_, reply)) return true;
+  error = "the daemon went away";
+  return false;
+}
+
+bool bridge_client_t::call(uint32_t code, const std::string& request, bool& result, std::string& reply,
+                           const notification_answerer_t& answer, std::string& error) {
+  const uint32_t serial = next_serial_++;
+  if (fd_ < 0 || !write_frame(fd_, {frame_command, serial, code, request})) {
+    error = "the daemon went away";
+    return false;
+  }
+  for (;;) {
+    frame_t frame;
+    const frame_read_t got = read_frame(fd_, frame);
+    if (got != frame_read_t::ok) {
+      error = got == frame_read_t::closed ? "the daemon went away" : "the daemon sent a malformed frame";
+      return false;
+    }
+    if (frame.type == frame_notification) {
+      if (!answer_notification(frame, answer, error)) return false;
+      continue;
+    }
+    if (frame.type != frame_command_reply || frame.serial != serial) {
+      error = "the daemon sent an unexpected frame";
+      return false;
+    }
+    result = frame.value == 1;
+    reply = std::move(frame.body);
+    return true;
+  }
+}
+
+bool bridge_client_t::wait(int milliseconds, const notification_answerer_t& answer, std::string& error) {
+  pollfd ready{fd_, POLLIN, 0};
+  const int n = ::poll(&ready, 1, milliseconds);
+  if (n < 0) return errno == EINTR;
+  if (n == 0) return true;
+  frame_t frame;
+  const frame_read_t got = read_frame(fd_, frame);
+  if (got != frame_read_t::ok || frame.type != frame_notification) {
+    error = got == frame_read_t::closed ? "the daemon went away" : "the daemon sent a malformed frame";
+    return false;
+  }
+  return answer_notification(frame, answer, error);
+}
+
+}  // namespace agent

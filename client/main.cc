@@ -1,0 +1,375 @@
+// corvid-update-client: talks to a serving corvid-update over the command
+// bridge. Starts a manual installation, shows the status while a command
+// runs, prints the status XML, or hands bytes to the host; while connected
+// it answers the module's questions and runs what it is asked to run.
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "agent/agent.h"
+#include "agent/bridge.h"
+#include "client/responder.h"
+#include "status/status.h"
+
+namespace client {
+
+namespace {
+
+constexpr int exit_ok = 0;
+constexpr int exit_failed = 1;
+constexpr int exit_usage = 2;
+constexpr int poll_milliseconds = 200;
+// A command that ends within the second of the one before can leave the
+// same status text; after this long with nothing new it counts as done.
+constexpr int unchanged_limit_polls = 15;
+
+enum code_t : uint32_t { code_install = 4, code_status = 6, code_xml = 7, code_host = 8 };
+
+const char* usage_text() {
+  return R"(Usage: corvid-update-client [OPTIONS] COMMAND
+
+Talks to a serving corvid-update ("corvid-update serve") over its socket.
+
+Commands:
+  install     start a manual installation and follow it to its end
+  status      show the status; while a command runs, follow it with a
+              progress bar; --once prints one snapshot, --watch stays
+              connected and follows every command until interrupted
+  xml         print the status as XML
+  send HEX    hand the bytes (in hex) to the host; corvid-update reads them
+              as a command line, e.g. the hex of "check http://host/repo/"
+
+Options:
+  --socket PATH   the bridge's socket (default: the var directory +
+                  "corvid_bridge.sock")
+  --root DIR      the agent root the daemon was given, to find its socket
+  --yes, --no     answer the install question without asking (default: ask
+                  when standard input is a terminal, else yes)
+  --once          status: one snapshot, no following
+  --watch         status: follow every command until interrupted
+  --help          this text
+
+While connected, the client answers the update's install question and runs
+the commands the update hands to the user. Exit status: 0 when the status
+is a defined state other than error, 1 when it is error or undefined or the
+daemon cannot be reached, 2 for a bad command line.
+)";
+}
+
+struct options_t {
+  std::string command, hex, socket, root;
+  answer_t answer = default_answer();
+  bool once = false;
+  bool watch = false;
+};
+
+bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
+  std::vector<std::string> words;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--yes") {
+      o.answer = answer_t::yes;
+    } else if (arg == "--no") {
+      o.answer = answer_t::no;
+    } else if (arg == "--once") {
+      o.once = true;
+    } else if (arg == "--watch") {
+      o.watch = true;
+    } else if (arg == "--help") {
+      o.command = "help";
+      return true;
+    } else if (arg == "--socket" || arg == "--root") {
+      if (i + 1 == argc) {
+        error = "option " + arg + " needs a value";
+        return false;
+      }
+      (arg == "--socket" ? o.socket : o.root) = argv[++i];
+    } else if (arg.rfind("--", 0) == 0) {
+      error = "unknown option " + arg;
+      return false;
+    } else {
+      words.push_back(arg);
+    }
+  }
+  if (words.empty()) {
+    error = "no command given";
+    return false;
+  }
+  o.command = words[0];
+  const size_t wanted = o.command == "send" ? 2 : 1;
+  if (o.command != "install" && o.command != "status" && o.command != "xml" && o.command != "send") {
+    error = "unknown command " + o.command;
+    return false;
+  }
+  if (words.size() != wanted) {
+    error = o.command + (wanted == 2 ? " takes one argument" : " takes no argument");
+    return false;
+  }
+  if (wanted == 2) o.hex = words[1];
+  return true;
+}
+
+bool hex_to_bytes(const std::string& hex, std::string& bytes) {
+  if (hex.size() % 2 != 0) return false;
+  bytes.clear();
+  for (size_t i = 0; i < hex.size(); i += 2) {
+    char* end = nullptr;
+    const std::string pair = hex.substr(i, 2);
+    const long value = std::strtol(pair.c_str(), &end, 16);
+    if (end != pair.c_str() + 2) return false;
+    bytes += static_cast<char>(value);
+  }
+  return true;
+}
+
+// One code 6 reply, read by what was sent.
+struct snapshot_t {
+  uint64_t revision = 0;
+  int32_t result = 0;
+  uint64_t download_size = 0, total_size = 0;
+  std::string checking_file;
+  std::vector<std::string> messages;
+};
+
+bool parse_status(const std::string& reply, bool with_revision, snapshot_t& s) {
+  size_t at = 0;
+  auto number = [&](void* out, size_t size) {
+    if (reply.size() - at < size) return false;
+    std::memcpy(out, reply.data() + at, size);
+    at += size;
+    return true;
+  };
+  auto counted = [&](std::string& text) {
+    uint32_t length = 0;
+    if (!number(&length, sizeof length) || reply.size() - at < length) return false;
+    text.assign(reply, at, length);
+    at += length;
+    return true;
+  };
+  s = snapshot_t{};
+  if (with_revision && !number(&s.revision, sizeof s.revision)) return false;
+  if (!number(&s.result, sizeof s.result)) return false;
+  if (s.result == update::status_download)
+    return number(&s.download_size, 8) && number(&s.total_size, 8) && counted(s.checking_file);
+  if (s.result == update::status_error) {
+    uint32_t count = 0;
+    if (!number(&count, sizeof count)) return false;
+    for (uint32_t i = 0; i < count; ++i)
+      if (!counted(s.messages.emplace_back())) return false;
+  }
+  return true;
+}
+
+bool running(int32_t result) {
+  return result == update::status_prepare || result == update::status_download || result == update::status_install;
+}
+
+std::string sized(uint64_t bytes) {
+  char text[32];
+  if (bytes < 1024) {
+    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
+  } else {
+    std::snprintf(text, sizeof text, "%.1f KiB", static_cast<double>(bytes) / 1024);
+  }
+  return text;
+}
+
+class session_t {
+ public:
+  explicit session_t(const options_t& o) : responder_(o.answer), terminal_(isatty(STDERR_FILENO) == 1) {
+    answer_ = [this](uint32_t id, std::string& body) {
+      clear_bar();
+      return responder_(id, body);
+    };
+  }
+
+  bool connect(const std::string& path) { return bridge_.connect(path, error_); }
+  const std::string& error() const { return error_; }
+
+  bool call(uint32_t code, const std::string& request, bool& result, std::string& reply) {
+    reply.clear();
+    return bridge_.call(code, request, result, reply, answer_, error_);
+  }
+
+  // The present status: by revision while the module shows it to clients,
+  // else by a plain request. changed tells whether anything moved.
+  bool poll(snapshot_t& s, bool& changed) {
+    std::string request(reinterpret_cast<const char*>(&last_.revision), sizeof last_.revision), reply;
+    bool result = false;
+    if (!call(code_status, request, result, reply)) return false;
+    if (result && reply.empty() && have_) {
+      changed = false;
+      s = last_;
+      return true;
+    }
+    const bool with_revision = result;
+    if (!result && !call(code_status, "", result, reply)) return false;
+    snapshot_t fresh;
+    if (!parse_status(reply, with_revision, fresh)) {
+      error_ = "the daemon sent a malformed status";
+      return false;
+    }
+    if (!with_revision) fresh.revision = 0;
+    changed = !have_ || reply != last_reply_;
+    last_reply_ = reply;
+    last_ = fresh;
+    have_ = true;
+    s = fresh;
+    return true;
+  }
+
+  // Answers notifications for one polling interval.
+  bool pause() { return bridge_.wait(poll_milliseconds, answer_, error_); }
+
+  void show_progress(const snapshot_t& s) {
+    const char* stage = update::status_code_text(s.result);
+    if (!terminal_) {
+      if (s.result != shown_result_) std::fprintf(stderr, "status: %s\n", stage);
+      shown_result_ = s.result;
+      return;
+    }
+    const uint64_t total = s.total_size, done = std::min(s.download_size, total);
+    const int width = 30, filled = total ? static_cast<int>(done * width / total) : 0;
+    std::string bar(static_cast<size_t>(filled), '#');
+    bar.append(static_cast<size_t>(width - filled), '-');
+    std::fprintf(stderr, "\r\033[K%-10s [%s] %s / %s  %s", stage, bar.c_str(), sized(done).c_str(),
+                 sized(total).c_str(), s.checking_file.empty() ? "" : ("checking " + s.checking_file).c_str());
+    std::fflush(stderr);
+    bar_shown_ = true;
+  }
+
+  void clear_bar() {
+    if (bar_shown_) std::fputs("\r\033[K", stderr);
+    bar_shown_ = false;
+  }
+
+ private:
+  agent::bridge_client_t bridge_;
+  responder_t responder_;
+  agent::notification_answerer_t answer_;
+  std::string error_;
+  snapshot_t last_;
+  std::string last_reply_;
+  bool have_ = false;
+  const bool terminal_;
+  bool bar_shown_ = false;
+  int32_t shown_result_ = -1;
+};
+
+int print_snapshot(const snapshot_t& s) {
+  std::printf("status: %s\n", update::status_code_text(s.result));
+  for (const auto& m : s.messages)
+    if (!m.empty()) std::printf("message: %s\n", m.c_str());
+  return s.result == update::status_error || s.result == update::status_undefined ? exit_failed : exit_ok;
+}
+
+bool status_xml(session_t& session, std::string& xml) {
+  bool result = false;
+  return session.call(code_xml, "", result, xml);
+}
+
+// Follows the module until no command runs; with a text of the status
+// before a command was started, first until that text has changed. A
+// watcher prints each new outcome and goes on.
+int follow(session_t& session, const std::string* before, bool watch) {
+  bool started = before == nullptr;
+  int unchanged = 0;
+  for (;;) {
+    snapshot_t s;
+    bool changed = false;
+    if (!session.poll(s, changed)) break;
+    if (!started) {
+      std::string xml;
+      if (!status_xml(session, xml)) break;
+      started = xml != *before || changed || running(s.result) || ++unchanged >= unchanged_limit_polls;
+      // The snapshot may predate the text that showed the start: look again.
+      if (!session.pause()) break;
+      continue;
+    }
+    if (!running(s.result)) {
+      session.clear_bar();
+      if (!watch) return print_snapshot(s);
+      if (changed) {
+        print_snapshot(s);
+        std::fflush(stdout);
+      }
+    } else {
+      session.show_progress(s);
+    }
+    if (!session.pause()) break;
+  }
+  session.clear_bar();
+  std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
+  return exit_failed;
+}
+
+int run(const options_t& o) {
+  std::string path = o.socket;
+  if (path.empty()) {
+    agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
+    path = agent::default_socket_path();
+  }
+  session_t session(o);
+  if (!session.connect(path)) {
+    std::fprintf(stderr, "corvid-update-client: %s (is \"corvid-update serve\" running?)\n", session.error().c_str());
+    return exit_failed;
+  }
+  bool result = false;
+  std::string reply;
+  if (o.command == "xml" || o.command == "send") {
+    std::string request;
+    if (o.command == "send" && !hex_to_bytes(o.hex, request)) {
+      std::fprintf(stderr, "corvid-update-client: send takes an even number of hex digits\n");
+      return exit_usage;
+    }
+    if (!session.call(o.command == "xml" ? code_xml : code_host, request, result, reply)) {
+      std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
+      return exit_failed;
+    }
+    if (o.command == "xml") std::printf("%s%s", reply.c_str(), !reply.empty() && reply.back() == '\n' ? "" : "\n");
+    if (o.command == "send") std::printf("%s\n", result ? "accepted" : "refused");
+    return result ? exit_ok : exit_failed;
+  }
+  if (o.command == "status" && o.once) {
+    snapshot_t s;
+    if (!session.call(code_status, "", result, reply) || !parse_status(reply, false, s)) {
+      std::fprintf(stderr, "corvid-update-client: %s\n",
+                   session.error().empty() ? "the daemon sent a malformed status" : session.error().c_str());
+      return exit_failed;
+    }
+    return print_snapshot(s);
+  }
+  if (o.command == "status") return follow(session, nullptr, o.watch);
+  // The status before the command, so that its start can be told.
+  std::string before;
+  snapshot_t baseline;
+  bool changed = false;
+  if (!session.poll(baseline, changed) || !status_xml(session, before) ||
+      !session.call(code_install, "", result, reply)) {
+    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
+    return exit_failed;
+  }
+  return follow(session, &before, false);
+}
+
+}  // namespace
+
+}  // namespace client
+
+int main(int argc, char** argv) {
+  client::options_t options;
+  std::string error;
+  if (!client::parse_options(argc, argv, options, error)) {
+    std::fprintf(stderr, "corvid-update-client: %s\nTry 'corvid-update-client --help'.\n", error.c_str());
+    return client::exit_usage;
+  }
+  if (options.command == "help") {
+    std::fputs(client::usage_text(), stdout);
+    return client::exit_ok;
+  }
+  return client::run(options);
+}

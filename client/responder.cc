@@ -1,0 +1,173 @@
+#include "client/responder.h"
+
+#include <cstdio>
+#include <cstring>
+#include <poll.h>
+#include <unistd.h>
+
+#include "platform/process.h"
+
+namespace client {
+
+namespace {
+
+constexpr uint32_t install_question_id = 6;
+constexpr uint32_t client_message_id = 7;
+
+// Reads the module's fields from a body, refusing to run past its end.
+class body_reader_t {
+ public:
+  explicit body_reader_t(const std::string& body) : body_(body) {}
+  bool number(void* out, size_t size) {
+    if (body_.size() - at_ < size) return false;
+    std::memcpy(out, body_.data() + at_, size);
+    at_ += size;
+    return true;
+  }
+  bool counted(std::string& text) {
+    uint32_t length = 0;
+    if (!number(&length, sizeof length) || body_.size() - at_ < length) return false;
+    text.assign(body_, at_, length);
+    at_ += length;
+    return true;
+  }
+
+ private:
+  const std::string& body_;
+  size_t at_ = 0;
+};
+
+void print_list(const char* title, const std::string& list) {
+  if (list.empty()) return;
+  std::fprintf(stderr, "  %s:\n", title);
+  size_t from = 0;
+  for (;;) {
+    const size_t end = list.find('\n', from);
+    std::fprintf(stderr, "    %s\n", list.substr(from, end - from).c_str());
+    if (end == std::string::npos) break;
+    from = end + 1;
+  }
+}
+
+// One line from standard input within the time limit; false at its end.
+bool read_answer(int32_t timeout_seconds, std::string& line, bool& timed_out) {
+  timed_out = false;
+  if (timeout_seconds > 0) {
+    pollfd in{STDIN_FILENO, POLLIN, 0};
+    if (::poll(&in, 1, timeout_seconds * 1000) == 0) {
+      timed_out = true;
+      return false;
+    }
+  }
+  line.clear();
+  char c;
+  while (::read(STDIN_FILENO, &c, 1) == 1) {
+    if (c == '\n') return true;
+    line += c;
+  }
+  return !line.empty();
+}
+
+}  // namespace
+
+answer_t default_answer() { return isatty(STDIN_FILENO) == 1 ? answer_t::ask : answer_t::yes; }
+
+bool parse_install_question(const std::string& body, install_question_t& q) {
+  body_reader_t r(body);
+  return r.counted(q.exec_sys) && r.counted(q.exec_user) && r.counted(q.display_name) && r.counted(q.message) &&
+         r.counted(q.ready_files) && r.counted(q.other_files) && r.number(&q.timeout, sizeof q.timeout) &&
+         r.counted(q.uri);
+}
+
+bool parse_client_message(const std::string& body, client_message_t& m) {
+  body_reader_t r(body);
+  if (!r.number(&m.kind, 1)) return false;
+  if (m.kind == 0) return r.counted(m.text);
+  uint8_t wait = 0, silent = 0;
+  if (m.kind != 1 || !r.counted(m.text) || !r.number(&wait, 1) || !r.number(&silent, 1)) return false;
+  m.wait = wait == 1;
+  m.silent = silent == 1;
+  return true;
+}
+
+std::string exec_user_reply(bool result, const std::string& text) {
+  std::string reply(1, result ? '\x01' : '\x00');
+  const uint32_t length = static_cast<uint32_t>(text.size());
+  reply.append(reinterpret_cast<const char*>(&length), sizeof length);
+  return reply + text;
+}
+
+bool run_user_command(const std::string& command_line, bool wait, std::string& text) {
+  using namespace update::platform;
+  process_t process;
+  const int error = start_user_process(command_line, process);
+  if (error != 0) {
+    text = "cannot start: " + system_error_text(error);
+    return false;
+  }
+  if (!wait) {
+    text = "started";
+    release_process(process);
+    return true;
+  }
+  process_end_t end;
+  if (!wait_process(process, end)) {
+    text = "lost the command while waiting";
+    return false;
+  }
+  if (end.signal != 0) {
+    text = "ended by " + signal_name(end.signal);
+    return false;
+  }
+  text = "exit status " + std::to_string(end.exit_status);
+  return end.exit_status == 0;
+}
+
+bool responder_t::ask(const install_question_t& q) const {
+  std::fprintf(stderr, "\nThe update asks to install %s\n", q.display_name.empty() ? "its files" : q.display_name.c_str());
+  if (!q.message.empty()) std::fprintf(stderr, "  %s\n", q.message.c_str());
+  if (!q.uri.empty()) std::fprintf(stderr, "  from %s\n", q.uri.c_str());
+  print_list("ready", q.ready_files);
+  print_list("not ready", q.other_files);
+  if (!q.exec_sys.empty()) std::fprintf(stderr, "  the service runs: %s\n", q.exec_sys.c_str());
+  if (!q.exec_user.empty()) std::fprintf(stderr, "  you run: %s\n", q.exec_user.c_str());
+  if (q.timeout > 0) std::fprintf(stderr, "  (installs in %d s unless you answer)\n", q.timeout);
+  std::fprintf(stderr, "Install now? [y/N] ");
+  std::fflush(stderr);
+  std::string line;
+  bool timed_out = false;
+  const bool answered = read_answer(q.timeout, line, timed_out);
+  if (timed_out) {
+    std::fprintf(stderr, "\nno answer: installing\n");
+    return true;
+  }
+  if (!answered) std::fprintf(stderr, "\n");
+  return answered && (line == "y" || line == "Y" || line == "yes");
+}
+
+bool responder_t::operator()(uint32_t id, std::string& body) const {
+  if (id == install_question_id) {
+    install_question_t question;
+    if (!parse_install_question(body, question)) return false;
+    const bool yes = answer_ == answer_t::ask ? ask(question) : answer_ == answer_t::yes;
+    if (answer_ != answer_t::ask)
+      std::fprintf(stderr, "update: asked to install %s: %s\n", question.display_name.c_str(), yes ? "yes" : "no");
+    body.assign(1, yes ? '\x01' : '\x00');
+    return true;
+  }
+  client_message_t message;
+  if (id != client_message_id || !parse_client_message(body, message)) return false;
+  if (message.kind == 0) {
+    std::fprintf(stderr, "update: %s\n", message.text.c_str());
+    body.clear();
+    return true;
+  }
+  if (!message.silent) std::fprintf(stderr, "update: running %s\n", message.text.c_str());
+  std::string text;
+  const bool ok = run_user_command(message.text, message.wait, text);
+  if (!message.silent || !ok) std::fprintf(stderr, "update: %s: %s\n", message.text.c_str(), text.c_str());
+  body = exec_user_reply(ok, text);
+  return true;
+}
+
+}  // namespace client

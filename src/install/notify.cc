@@ -1,0 +1,106 @@
+#include "install/notify.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/command_bridge.h"
+#include "status/status.h"
+#include "support/stream_error.h"
+
+namespace update {
+
+namespace {
+
+// Client notification of errors is off in this module; the message stays
+// for when it is turned on.
+constexpr bool notify_errors = false;
+
+constexpr long no_time_limit = -1;
+constexpr size_t exec_reply_header = 5;  // result byte and text length
+
+void append_u32(std::string& out, uint32_t value) {
+  char bytes[sizeof value];
+  std::memcpy(bytes, &value, sizeof value);
+  out.append(bytes, sizeof value);
+}
+
+void append_counted(std::string& out, const std::string& text) {
+  append_u32(out, static_cast<uint32_t>(text.size()));
+  out += text;
+}
+
+void append_entry(std::string& list, const file_entry_t& entry) {
+  if (!list.empty()) list += '\n';
+  list += entry.local_path;
+  if (!entry.hash.empty()) list += " [" + entry.hash + "]";
+}
+
+}  // namespace
+
+std::string install_question_body(const update_ini_t& owner, const file_rule_t& rule, bool with_uri) {
+  std::string ready, others;
+  for (const auto& entry : rule.entries) append_entry(entry.ready ? ready : others, entry);
+  std::string body;
+  append_counted(body, rule.exec_sys);
+  append_counted(body, rule.exec_user);
+  append_counted(body, rule.display_name);
+  append_counted(body, owner.message);
+  append_counted(body, ready);
+  append_counted(body, others);
+  const int32_t timeout = owner.timeout;
+  body.append(reinterpret_cast<const char*>(&timeout), sizeof timeout);
+  append_counted(body, with_uri ? owner.uri : std::string());
+  return body;
+}
+
+std::string exec_user_body(const std::string& exec_user, bool wait, bool silent) {
+  std::string body(1, '\x01');
+  append_counted(body, exec_user);
+  body += wait ? '\x01' : '\x00';
+  body += silent ? '\x01' : '\x00';
+  return body;
+}
+
+std::string client_text_body(const std::string& text) {
+  std::string body(1, '\x00');
+  append_counted(body, text);
+  return body;
+}
+
+bool read_exec_user_reply(const std::string& reply, std::string& text) {
+  if (reply.empty()) raise_stream_error();
+  const bool result = reply[0] == 1;
+  if (reply.size() < exec_reply_header) raise_stream_error();
+  uint32_t length = 0;
+  std::memcpy(&length, reply.data() + 1, sizeof length);
+  if (uint64_t{length} + exec_reply_header > reply.size()) raise_stream_error();
+  text.assign(reply, exec_reply_header, length);
+  return result;
+}
+
+bool notify_install(const update_ini_t& owner, const file_rule_t& rule, bool with_uri) {
+  std::string body = install_question_body(owner, rule, with_uri);
+  if (!bridge::server::NotifyClientAndWaitResponse(NotifyUpdateInstallQuestion, body, no_time_limit)) return !with_uri;
+  if (body.empty()) raise_stream_error();
+  return body[0] == 1;
+}
+
+bool notify_exec_user(const std::string& exec_user, bool wait, bool silent, std::string& text) {
+  std::string body = exec_user_body(exec_user, wait, silent);
+  if (!bridge::server::NotifyClientAndWaitResponse(NotifyUpdateClientMessage, body, no_time_limit)) {
+    text = "send notification to GUI failed";
+    return false;
+  }
+  return read_exec_user_reply(body, text);
+}
+
+void notify_text(const std::string& text) {
+  std::string body = client_text_body(text);
+  bridge::server::NotifyClientAndWaitResponse(NotifyUpdateClientMessage, body, no_time_limit);
+}
+
+void notify_error(const std::string& text) {
+  if (notify_errors) notify_text(text);
+}
+
+}  // namespace update

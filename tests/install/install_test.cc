@@ -1,0 +1,112 @@
+// The install stage on a status prepared by hand, with real commands and the
+// bridge's in-process client standing in for the graphical one.
+#include <gtest/gtest.h>
+
+#include "agent/agent.h"
+#include "agent/bridge.h"
+#include "frame/path_vars.h"
+#include "install/install.h"
+#include "install/notify.h"
+#include "status/status_fixture.h"
+
+namespace update::testing {
+namespace {
+
+enum class client_t { none, yes, no, fails };
+
+struct row_t {
+  const char* name;
+  Command command;
+  const char* silent;
+  string_list_t exec_list;
+  client_t client;
+  file_state_t state;
+  const char* message;  // substring; "" for no message
+  int questions;
+  bool sys_ran;
+  bool user_sent;
+};
+
+class InstallTest : public StatusTest {
+ protected:
+  void SetUp() override {
+    StatusTest::SetUp();
+    agent::configure_paths(agent::paths_under(dir_.path("root")));
+    build_path_vars();
+  }
+  void TearDown() override {
+    agent::set_local_client(nullptr);
+    StatusTest::TearDown();
+  }
+  // One rule of one downloaded file, as the run hands it over.
+  void install(const row_t& row) {
+    status.reset();
+    status.messages.emplace_back();
+    status.current_message = &status.messages.front();
+    file_status_t& file = status.file_entry("f");
+    file.state = file_downloaded;
+    file.available = true;
+    owner_ = update_ini_t{};
+    owner_.silent = row.silent;
+    owner_.uri = "http://u/";
+    rule_ = file_rule_t{};
+    rule_.owner = &owner_;
+    rule_.entries = {{"f", dir_.path("f"), "", "", 0, true}};
+    rule_.exec_list = row.exec_list;
+    rule_.exec_sys = "sh -c 'echo > " + dir_.path("sys") + "'";
+    rule_.exec_sys_wait = "yes";
+    rule_.exec_user = "U $update_path $system_var_etc";
+    rule_.legacy_exec = true;
+    std::remove(dir_.path("sys").c_str());
+    questions_ = 0;
+    sent_user_.clear();
+    if (row.client != client_t::none)
+      agent::set_local_client([this, client = row.client](uint32_t id, std::string& body) {
+        if (id == 6) {
+          ++questions_;
+          body.assign(1, client == client_t::no ? 0 : 1);
+        } else {
+          sent_user_ = body;
+          body = client == client_t::fails ? std::string("\x00\x03\0\0\0bad", 8) : std::string("\x01\x02\0\0\0ok", 7);
+        }
+        return true;
+      });
+    install_rule(rule_, row.command, dir_.path("upd/"));
+    agent::set_local_client(nullptr);
+  }
+  update_ini_t owner_;
+  file_rule_t rule_;
+  int questions_ = 0;
+  std::string sent_user_;
+};
+
+TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
+  const row_t rows[] = {
+      {"asked", Command::install, "", {}, client_t::yes, file_installed, "", 1, true, true},
+      {"silent", Command::install, "1", {}, client_t::yes, file_installed, "", 0, true, true},
+      {"manual", Command::install_manual, "", {}, client_t::yes, file_installed, "", 0, true, true},
+      {"list", Command::install, "", {"true"}, client_t::yes, file_installed, "", 0, false, false},
+      {"list fails", Command::install, "", {"true", "false"}, client_t::yes, file_install, "exec() exit: false, status: 1", 0, false, false},
+      {"refused", Command::install, "", {}, client_t::no, file_install, "Canceled by user", 1, false, false},
+      {"no client", Command::install, "", {}, client_t::none, file_install, "error: send notification to GUI failed", 0, true, false},
+      {"user fails", Command::install, "", {}, client_t::fails, file_install, "error: bad", 1, true, true},
+  };
+  for (const auto& row : rows) {
+    install(row);
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    EXPECT_EQ(status.files.front().state, row.state) << row.name;
+    EXPECT_NE(status.messages.front().text.find(row.message), std::string::npos) << row.name << ": " << status.messages.front().text;
+    EXPECT_EQ(status.messages.front().text.empty(), row.message[0] == '\0') << row.name;
+    EXPECT_EQ(questions_, row.questions) << row.name;
+    EXPECT_EQ(fixtures::read_file(dir_.path("sys")) == "\n", row.sys_ran) << row.name;
+    EXPECT_EQ(!sent_user_.empty(), row.user_sent) << row.name;
+    EXPECT_EQ(status.current_rule == nullptr, row.state == file_installed) << row.name;
+  }
+  // Of the last row: $update_path loses one separator; $system_var matches the front of
+  // $system_var_etc, which keeps "_etc" behind the value.
+  const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc";
+  EXPECT_EQ(sent_user_, exec_user_body(line, false, false));
+}
+
+}  // namespace
+}  // namespace update::testing
