@@ -139,7 +139,7 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   const outcome_t installed = run({"--root", root, "--answer", "yes", "install", source});
   EXPECT_EQ(installed.exit_code, 0) << installed.err;
   EXPECT_EQ(installed.out, "update_state=uptodate\n") << installed.err;
-  EXPECT_NE(installed.err.find("update: asked to install 2.0 (files/readme.txt): yes"), std::string::npos) << installed.err;
+  EXPECT_NE(installed.err.find("update: asked to install 2.0 (files/readme.txt,files/licence.txt): yes"), std::string::npos) << installed.err;
   EXPECT_NE(installed.err.find("install: Executing user ok exit status 0"), std::string::npos) << installed.err;
   EXPECT_EQ(read_file(root + "/var/update/readme.txt.version"), "2.0\n");
   EXPECT_EQ(run({"--root", root, "check", source}).out, "update_state=uptodate\n");
