@@ -24,6 +24,7 @@
 
 #include <curl/curl.h>
 
+#include "bench/bench_support.h"
 #include "fixtures/nginx_server.h"
 #include "frame/module.h"
 #include "status/status.h"
@@ -36,12 +37,6 @@ constexpr int pairs = 5;
 constexpr double time_ratio_limit = 1.05;
 constexpr double rss_limit_mib = 32.0;
 constexpr const char* curl_binary = "/usr/bin/curl";
-
-struct run_t {
-  bool ok = false;
-  double seconds = 0;
-  double rss_mib = 0;
-};
 
 // The helper mode: one download as the download stage makes it, resuming
 // whatever is on disk.
@@ -63,65 +58,12 @@ int fetch(const char* url, const char* path) {
   return ok ? 0 : 1;
 }
 
-run_t run_child(const std::vector<std::string>& argv) {
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  run_t run;
-  auto start = std::chrono::steady_clock::now();
-  pid_t pid = fork();
-  if (pid == 0) {
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  if (pid < 0) return run;
-  int wstatus = 0;
-  rusage usage{};
-  if (wait4(pid, &wstatus, 0, &usage) != pid) return run;
-  run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  run.rss_mib = static_cast<double>(usage.ru_maxrss) / 1024.0;
-  run.ok = WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0;
-  return run;
-}
-
-// splitmix64: fast, and random enough that nothing on the way compresses it.
-bool write_random_file(const std::string& path, uint64_t bytes) {
-  std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(path.c_str(), "wb"), std::fclose);
-  if (!out) return false;
-  std::vector<uint64_t> block((4u << 20) / sizeof(uint64_t));
-  uint64_t state = 0x9e3779b97f4a7c15ull;
-  for (uint64_t done = 0; done < bytes; done += block.size() * sizeof(uint64_t)) {
-    for (auto& word : block) {
-      uint64_t z = (state += 0x9e3779b97f4a7c15ull);
-      z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-      z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-      word = z ^ (z >> 31);
-    }
-    if (std::fwrite(block.data(), sizeof(uint64_t), block.size(), out.get()) != block.size()) return false;
-  }
-  return std::fflush(out.get()) == 0;
-}
-
-bool same_files(const std::string& a, const std::string& b) {
-  std::unique_ptr<FILE, int (*)(FILE*)> fa(std::fopen(a.c_str(), "rb"), std::fclose);
-  std::unique_ptr<FILE, int (*)(FILE*)> fb(std::fopen(b.c_str(), "rb"), std::fclose);
-  if (!fa || !fb) return false;
-  std::vector<char> ba(4u << 20), bb(4u << 20);
-  for (;;) {
-    size_t na = std::fread(ba.data(), 1, ba.size(), fa.get());
-    size_t nb = std::fread(bb.data(), 1, bb.size(), fb.get());
-    if (na != nb || std::memcmp(ba.data(), bb.data(), na) != 0) return false;
-    if (na == 0) return true;
-  }
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-const char* verdict(bool pass) { return pass ? "PASS" : "FAIL"; }
+using bench::median;
+using bench::run_child;
+using bench::run_t;
+using bench::same_files;
+using bench::verdict;
+using bench::write_random_file;
 
 int benchmark_main(const std::string& self) {
   fixtures::nginx_server_t nginx;

@@ -84,20 +84,27 @@ step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 
 start_nginx
 SOURCE="http://127.0.0.1:$PORT/repo/"
+AGENT_SOURCE="http://127.0.0.1:$PORT/agent/"
 ROOT="$WORK/agent"
-step "update source $SOURCE serves:"
+step "update source $AGENT_SOURCE (the agent itself: its main rule) serves:"
+sed -n '/^\[/,$p' "$EXAMPLES/agent/update.ini"
+step "update source $SOURCE (the tools) serves:"
 sed -n '/^\[/,$p' "$EXAMPLES/repo/update.ini"
 
-step "corvid-update --root $ROOT --answer yes install $SOURCE"
-echo "(the host is its own client: it answers the question and runs the user's command)"
 set +e
-"$HOST" --root "$ROOT" --cmdid demo-1 --answer yes install "$SOURCE"
+step "corvid-update --root $ROOT check $AGENT_SOURCE $SOURCE"
+"$HOST" --root "$ROOT" --cmdid demo-0 check "$AGENT_SOURCE" "$SOURCE" 2>/dev/null
+echo "(exit status $?)"
+
+step "corvid-update --root $ROOT --answer yes install $AGENT_SOURCE $SOURCE"
+echo "(the host is its own client: it answers the question and runs the user's command)"
+"$HOST" --root "$ROOT" --cmdid demo-1 --answer yes install "$AGENT_SOURCE" "$SOURCE"
 echo "(exit status $?)"
 step "the version records the install commands wrote"
 for f in "$ROOT"/var/update/*.version; do echo "$(basename "$f"): $(cat "$f")"; done
 
-step "corvid-update --root $ROOT check $SOURCE (a second look)"
-"$HOST" --root "$ROOT" --cmdid demo-2 check "$SOURCE" 2>/dev/null
+step "corvid-update --root $ROOT check $AGENT_SOURCE $SOURCE (a second look)"
+"$HOST" --root "$ROOT" --cmdid demo-2 check "$AGENT_SOURCE" "$SOURCE" 2>/dev/null
 echo "(exit status $?)"
 
 SOCKET="$WORK/bridge.sock"
@@ -109,7 +116,7 @@ ls -l "$SOCKET"
 step "corvid-update-client --socket $SOCKET status --once"
 "$CLIENT" --socket "$SOCKET" status --once
 echo "(exit status $?)"
-COMMAND="check --cmdid demo-3 $SOURCE"
+COMMAND="check --cmdid demo-3 $AGENT_SOURCE $SOURCE"
 step "corvid-update-client --socket $SOCKET send HEX  (the hex of \"$COMMAND\")"
 "$CLIENT" --socket "$SOCKET" send "$(printf '%s' "$COMMAND" | od -An -tx1 | tr -d ' \n')"
 echo "(exit status $?)"

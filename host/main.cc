@@ -20,6 +20,7 @@
 #include "host/options.h"
 #include "host/progress.h"
 #include "platform/agent_paths.h"
+#include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "status/status.h"
 
@@ -228,6 +229,10 @@ int run(const options_t& options) {
   stop_module();
   agent::stop_event_manager();
   agent::close_log();
+  if (options.stats)
+    std::fprintf(stderr, "stats: saves=%llu syncs=%llu\n",
+                 static_cast<unsigned long long>(update::status_saves.load()),
+                 static_cast<unsigned long long>(update::platform::syncs_done()));
   return code;
 }
 

@@ -69,6 +69,10 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
       options.xml = true;
       continue;
     }
+    if (arg == "--stats") {
+      options.stats = true;
+      continue;
+    }
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(0, equals);
     const value_option_t* option = nullptr;
@@ -166,6 +170,8 @@ Options:
   --product-cpu CPU     (default x86_64)
   --product-vendor V    (default corvid)
   --no-verify           turn off hash verification of downloaded files
+  --stats               at the end, print the number of status saves and of
+                        waits for the disk on standard error
   --log FILE            log file (default: the log directory +
                         "corvid_update.log")
   --cmdid ID            identifier of the command, kept in the status

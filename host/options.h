@@ -19,6 +19,7 @@ struct options_t {
   std::string log_file;  // empty: systemLogDir + "corvid_update.log"
   std::string cmdid;
   bool no_verify = false;
+  bool stats = false;  // saves and disk syncs on stderr at the end
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string answer;  // the install question: "yes", "no", "ask" or empty (ask on a terminal, else yes)
   // Product values; empty ones keep the defaults.

@@ -1,0 +1,205 @@
+// A whole `corvid-update download` from nginx on loopback, against the floor
+// a user would script by hand: `curl -s -o` for each file one after the
+// other, then a bare libgcrypt Streebog-256 pass over the files. Two
+// workloads, 1 file of 1 GiB and 100 files of 1 MiB, in alternating pairs,
+// medians of each side; peak RSS of the host; the status saves and the waits
+// for the disk it made. Exits 1 only when a download is wrong, since the
+// timings depend on the load of the machine.
+#include <gcrypt.h>
+
+#include <cinttypes>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "bench/bench_support.h"
+#include "fixtures/nginx_server.h"
+#include "platform/hash_file.h"
+
+namespace {
+
+using bench::median;
+using bench::run_child;
+using bench::run_t;
+
+constexpr const char* curl_binary = "/usr/bin/curl";
+constexpr double rss_limit_mib = 32.0;
+
+struct workload_t {
+  const char* name;
+  int files;
+  uint64_t bytes;
+  int pairs;
+  double limit;  // our time / floor
+};
+
+// The floor's second half: the bare library over each file, nothing else.
+int hash_files(int count, char** paths) {
+  if (!gcry_check_version(GCRYPT_VERSION)) return 1;
+  gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+  std::vector<unsigned char> block(1u << 20);
+  for (int i = 0; i < count; ++i) {
+    std::unique_ptr<FILE, int (*)(FILE*)> in(std::fopen(paths[i], "rb"), std::fclose);
+    gcry_md_hd_t md;
+    if (!in || gcry_md_open(&md, GCRY_MD_STRIBOG256, 0) != 0) return 1;
+    for (size_t n; (n = std::fread(block.data(), 1, block.size(), in.get())) > 0;) gcry_md_write(md, block.data(), n);
+    gcry_md_read(md, GCRY_MD_STRIBOG256);
+    gcry_md_close(md);
+  }
+  return 0;
+}
+
+std::string file_name(int i) {
+  char name[16];
+  std::snprintf(name, sizeof name, "f%03d.bin", i);
+  return name;
+}
+
+// The files and an update.ini of one rule that lists them with hashes and
+// sizes, under nginx's root/dir.
+bool publish(const fixtures::nginx_server_t& nginx, const std::string& dir, const workload_t& w) {
+  const std::string root = nginx.root() + "/" + dir + "/";
+  std::filesystem::create_directories(root);
+  std::string files, hashes, sizes;
+  for (int i = 0; i < w.files; ++i) {
+    std::string hash;
+    if (!bench::write_random_file(root + file_name(i), w.bytes, static_cast<uint64_t>(i)) ||
+        !HashFileChecker::CalcHash(root + file_name(i), "", hash))
+      return false;
+    const char* comma = i ? "," : "";
+    files += comma + file_name(i);
+    hashes += comma + hash;
+    sizes += comma + std::to_string(w.bytes);
+  }
+  return nginx.put_file(dir + "/update.ini", "[corvid]\nversion.1=2\nfile.1=" + files + "\nhash.1=" + hashes +
+                                                 "\nfilesize.1=" + sizes + "\nexec.1=true\n");
+}
+
+struct stats_t {
+  unsigned long long saves = 0, syncs = 0;
+};
+
+stats_t read_stats(const std::string& path) {
+  std::ifstream in(path);
+  stats_t s;
+  for (std::string line; std::getline(in, line);)
+    if (std::sscanf(line.c_str(), "stats: saves=%llu syncs=%llu", &s.saves, &s.syncs) == 2) break;
+  return s;
+}
+
+// Nothing of an earlier run is still on its way to the disk.
+void settle(const std::string& dir) {
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+  std::filesystem::create_directories(dir);
+  sync();
+}
+
+bool run_workload(const fixtures::nginx_server_t& nginx, const std::string& self, const std::string& work,
+                  const workload_t& w, const std::string& dir) {
+  const std::string url = nginx.url("/" + dir + "/");
+  const std::string ours_root = work + "/agent", floor_dir = work + "/floor", err = work + "/host.err";
+  auto run_ours = [&] {
+    settle(ours_root);
+    return run_child({CORVID_BIN_DIR "/corvid-update", "--root", ours_root, "--stats", "download", url}, err);
+  };
+  auto run_floor = [&] {
+    settle(floor_dir);
+    run_t total{true, 0, 0};
+    std::vector<std::string> hash_argv{self, "--hash"};
+    for (int i = 0; i < w.files; ++i) {
+      const std::string out = floor_dir + "/" + file_name(i);
+      const run_t one = run_child({curl_binary, "-s", "-o", out, url + file_name(i)});
+      total.ok = total.ok && one.ok;
+      total.seconds += one.seconds;
+      hash_argv.push_back(out);
+    }
+    const run_t hashed = run_child(hash_argv);
+    total.ok = total.ok && hashed.ok;
+    total.seconds += hashed.seconds;
+    return total;
+  };
+  run_floor();  // warms the server and the page cache for both sides
+
+  std::vector<double> ours, floor;
+  double rss = 0;
+  bool ok = true;
+  stats_t stats;
+  for (int i = 0; i < w.pairs; ++i) {
+    run_t a, b;
+    if (i % 2 == 0) {
+      a = run_ours();
+      stats = read_stats(err);
+      b = run_floor();
+    } else {
+      b = run_floor();
+      a = run_ours();
+      stats = read_stats(err);
+    }
+    ok = ok && a.ok && b.ok;
+    ours.push_back(a.seconds);
+    floor.push_back(b.seconds);
+    rss = std::max(rss, a.rss_mib);
+  }
+  for (int i = 0; ok && i < w.files; ++i)
+    ok = bench::same_files(ours_root + "/var/update/" + file_name(i), nginx.root() + "/" + dir + "/" + file_name(i));
+
+  const double ratio = median(ours) / median(floor);
+  std::printf("  %-14s %8.3f %9.3f %7.3f %6.2f %s %7.1f %s %6llu %6llu %9.2f  %s\n", w.name, median(ours),
+              median(floor), ratio, w.limit, bench::verdict(ratio <= w.limit), rss,
+              bench::verdict(rss <= rss_limit_mib), stats.saves, stats.syncs,
+              stats.saves ? static_cast<double>(stats.syncs) / static_cast<double>(stats.saves) : 0.0,
+              ok ? "bytes equal" : "WRONG");
+  std::printf("  %-14s ours:", "");
+  for (double t : ours) std::printf(" %.3f", t);
+  std::printf("  floor:");
+  for (double t : floor) std::printf(" %.3f", t);
+  std::printf("\n");
+  return ok;
+}
+
+int benchmark_main(const std::string& self) {
+  fixtures::nginx_server_t nginx;
+  std::string error;
+  if (!nginx.start(error)) {
+    std::fprintf(stderr, "bench_download_stage: nginx: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string work = fixtures::make_temp_dir("corvid-bench-");
+  struct cleanup_t {
+    std::string dir;
+    ~cleanup_t() {
+      std::error_code ignored;
+      std::filesystem::remove_all(dir, ignored);
+    }
+  } cleanup{work};
+  const workload_t workloads[] = {
+      {"1 x 1 GiB", 1, uint64_t{1} << 30, 3, 1.10},
+      {"100 x 1 MiB", 100, uint64_t{1} << 20, 5, 1.25},
+  };
+  std::printf("bench_download_stage: corvid-update download from nginx on loopback, against curl -s -o per file\n"
+              "then a bare libgcrypt Streebog-256 pass; medians of alternating pairs\n");
+  std::printf("  %-14s %8s %9s %7s %11s %12s %6s %6s %9s\n", "workload", "ours s", "floor s", "ratio", "limit",
+              "RSS MiB", "saves", "syncs", "syncs/save");
+  bool ok = true;
+  int index = 0;
+  for (const auto& w : workloads) {
+    const std::string dir = "w" + std::to_string(index++);
+    if (!publish(nginx, dir, w)) {
+      std::fprintf(stderr, "bench_download_stage: cannot write the %s workload\n", w.name);
+      return 1;
+    }
+    ok = run_workload(nginx, self, work, w, dir) && ok;
+    std::error_code ignored;
+    std::filesystem::remove_all(nginx.root() + "/" + dir, ignored);
+  }
+  return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc >= 2 && std::strcmp(argv[1], "--hash") == 0) return hash_files(argc - 2, argv + 2);
+  std::error_code ec;
+  return benchmark_main(std::filesystem::read_symlink("/proc/self/exe", ec).string());
+}
