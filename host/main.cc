@@ -105,9 +105,11 @@ void stop_module() {
 // Ctrl-C or a TERM stops the module the way the daemon's stop would: the
 // transfer under way aborts and the run walks to its end, so the status file
 // stays truthful. A second signal ends the process at once.
+// The two are never destroyed: the watcher may still be notifying when main
+// returns and the static destructors run.
 volatile sig_atomic_t interrupted = 0;
-std::mutex stop_lock;
-std::condition_variable stop_signalled;  // serve waits on it
+std::mutex& stop_lock = *new std::mutex;
+std::condition_variable& stop_signalled = *new std::condition_variable;  // serve waits on it
 
 void watch_signals() {
   sigset_t signals;
