@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
@@ -12,13 +11,7 @@
 #include <curl/curl.h>
 
 #include "fixtures/fault_server.h"
-#include "fixtures/log_records.h"
-#include "fixtures/nginx_server.h"
-#include "fixtures/scratch_dir.h"
-#include "frame/module.h"
-#include "platform/file_ops.h"
-#include "platform/log.h"
-#include "status/status.h"
+#include "status/status_fixture.h"
 #include "transfer/download.h"
 
 namespace update::transfer_test {
@@ -46,19 +39,18 @@ inline std::string ranges_of(const std::vector<fixtures::served_request_t>& requ
 }
 
 // The module running (a stopped module aborts every transfer), a status that
-// is never written to disk, a fresh handle, no injected faults.
-class transfer_test_t : public ::testing::Test {
+// is never written to disk, and a fresh handle.
+class transfer_test_t : public testing::StatusTest {
  protected:
   void SetUp() override {
-    reset_module_for_tests();
+    StatusTest::SetUp();
+    platform::file_faults().fail_truncate = false;
     set_module_state(module_busy);
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    status.save_enabled = false;
+    quiet();
   }
   void TearDown() override {
     curl_easy_cleanup(handle);
-    platform::file_faults().fail_truncate = false;
-    reset_module_for_tests();
+    StatusTest::TearDown();
   }
 
   static void set_module_state(module_state_t state) {
@@ -68,27 +60,19 @@ class transfer_test_t : public ::testing::Test {
   // Limits that keep a broken test short; nothing here slows a good one.
   static params_t quick_params(int retry = 0) {
     params_t p;
-    p.connect_timeout = 5;
-    p.download_lowtime = 10;
-    p.download_lowspeed = 1;
-    p.download_retry = retry;
+    p.connect_timeout = 5, p.download_lowtime = 10, p.download_lowspeed = 1, p.download_retry = retry;
     return p;
   }
   // Makes the status entry of name current, as the download stage does.
   static file_status_t& make_current_file(const std::string& name) {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
-    status.current_file = &status.file_entry(name);
-    return *status.current_file;
+    return *(status.current_file = &status.file_entry(name));
   }
-  // The last attribute of each record with this id that starts with prefix;
-  // with the course id only the records of the "download" stage count.
-  std::vector<std::string> texts(uint16_t id, const std::string& prefix, const fixtures::log_records_t* from = nullptr) {
+  // The last attribute of each record with this id that starts with prefix.
+  std::vector<std::string> texts(uint16_t id, const std::string& prefix) const {
     std::vector<std::string> found;
-    for (const auto& r : (from ? from : &log)->all(prefix)) {
-      if (r.id != id || r.attrs.back().compare(0, prefix.size(), prefix) != 0) continue;
-      if (id == log_id_course && (r.attrs.size() != 2 || r.attrs.front() != "download")) continue;
-      found.push_back(r.attrs.back());
-    }
+    for (const auto& r : log_.all(prefix))
+      if (r.id == id && r.attrs.back().compare(0, prefix.size(), prefix) == 0) found.push_back(r.attrs.back());
     return found;
   }
   bool start_nginx() {
@@ -97,13 +81,11 @@ class transfer_test_t : public ::testing::Test {
     EXPECT_TRUE(ok) << error;
     return ok;
   }
-  bool serve(const std::vector<std::string>& faults) { return server.start(dir.write("source", source), faults); }
+  bool serve(const std::vector<std::string>& faults) { return server.start(dir_.write("source", source), faults); }
 
   CURL* handle = curl_easy_init();
-  fixtures::scratch_dir_t dir;
-  fixtures::log_records_t log;
   const std::string source = random_bytes(3000, 7);
-  const std::string target = dir.path("f.bin.download.2");
+  const std::string target = dir_.path("f.bin.download.2");
   fixtures::nginx_server_t nginx;
   fixtures::fault_server_t server;
 };
