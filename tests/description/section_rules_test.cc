@@ -2,36 +2,31 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "fixtures/log_records.h"
-#include "fixtures/scratch_dir.h"
-#include "frame/module.h"
 #include "planning/hash_cache.h"
 #include "platform/hash_file.h"
-#include "status/status.h"
+#include "status/status_fixture.h"
 
+namespace update::testing {
 namespace {
 
-class SectionRules : public ::testing::Test {
+class SectionRules : public StatusTest {
  protected:
-  void SetUp() override { update::reset_module_for_tests(); }
-
   // Loads "[T]" + text as a source of agent_version; rules come back as
   // "name=version/entries;" and a failure as its report.
   std::string load(const std::string& text, const std::string& agent = "1.0.0") {
-    update::status.reset();
-    update::status.save_enabled = false;
-    update::status.select_message("http://h/r/");
+    quiet("http://h/r/");
     dir_.write("u.ini", "[" + T + "]\n" + text);
-    update::inivars_t vars;
+    inivars_t vars;
     vars.add("agent_version", agent);
     vars.add("agent_bin", dir_.path("bin"));
-    ini_ = update::update_ini_t{};
-    hashes_ = update::hash_cache_t{};  // one per run
+    ini_ = update_ini_t{};
+    hashes_ = hash_cache_t{};  // one per run
     ini_.uri = "http://h/r/?id=5";
-    if (!update::load_update_ini(ini_, vars, hashes_, dir_.path(), "u.ini", 0))
-      return update::status.current_message->text;
+    if (!load_update_ini(ini_, vars, hashes_, dir_.path(), "u.ini", 0)) return reported();
     std::string rules;
     for (const auto& r : ini_.rules)
       rules += r.file_name + "=" + r.update_version + "/" + std::to_string(r.entries.size()) + ";";
@@ -43,11 +38,10 @@ class SectionRules : public ::testing::Test {
     return hash;
   }
 
-  const std::string T = update::product_section_name();
+  const std::string T = product_section_name();
   const std::string error = "Parse 'update.ini' error: ";
-  fixtures::scratch_dir_t dir_;
-  update::update_ini_t ini_;
-  update::hash_cache_t hashes_;
+  update_ini_t ini_;
+  hash_cache_t hashes_;
 };
 
 // The description of the format's documentation, on machines that differ in
@@ -122,7 +116,6 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
 }
 
 TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) {
-  fixtures::log_records_t log;
   const std::string f = "[" + T + ".file=f]\ndownload_file=$(null)\n";
   const std::string no = f + "apply_if.version_of.agent=9\nupdate_version=0\nexec=x\n";
   const std::pair<std::string, std::string> rows[] = {
@@ -136,9 +129,9 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
-  EXPECT_EQ(log.all("skip file section #3: other section was chosen").size(), 1u);
-  EXPECT_EQ(log.all("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0")
-                .size(), 4u);
+  EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
+  EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0"),
+            4u);
 }
 
 // Hashing costs a read of the whole file: it happens only for a text that
@@ -157,3 +150,4 @@ TEST_F(SectionRules, HashesOnlyWhatIsReferredToAndOnlyOnce) {
 }
 
 }  // namespace
+}  // namespace update::testing

@@ -3,11 +3,16 @@
 // steps.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
+#include <thread>
 #include <tuple>
 
-#include "fixtures/nginx_server.h"
+#include "fixtures/fault_server.h"
 #include "frame/frame_fixture.h"
+#include "frame/listener.h"
 #include "frame/run_gates.h"
+#include "platform/hash_file.h"
 
 namespace update {
 namespace {
@@ -77,6 +82,44 @@ TEST_F(RunTest, FailedSourceDoesNotStopTheNextOne) {
   EXPECT_FALSE(failed.text.empty());
   EXPECT_EQ(status.messages.back().uri, good);
   EXPECT_EQ(status.messages.back().text, "");
+}
+
+// The daemon's thread and the bridge's ask for the status all through a run
+// whose download trickles: the sizes they are told only grow and never pass
+// the total. Under the thread sanitizer a query that skips a lock fails here.
+TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
+  fixtures::nginx_server_t nginx;
+  fixtures::fault_server_t slow;
+  std::string error, hash;
+  ASSERT_TRUE(nginx.start(error)) << error;
+  ASSERT_TRUE(slow.start(scratch_.write("source", std::string(3000, 'x')), {"trickle&chunk=300&interval_ms=30"}));
+  ASSERT_TRUE(HashFileChecker::CalcHash(scratch_.path("source"), "", hash));
+  ASSERT_TRUE(nginx.put_file("r/update.ini", "[corvid.file=f.bin]\nupdate_version=2\nexec=true\nfilesize=3000\n"
+                                             "download_uri=" + slow.url() + "\ndownload_hash=" + hash + "\n"));
+  start_module();
+  std::atomic<bool> done{false};
+  int downloading = 0;
+  std::thread watcher([&] {
+    for (uint64_t last = 0; !done;) {
+      std::string state, message, xml, reply;
+      get_status(state, message, true);
+      get_status_xml(xml);
+      ASSERT_TRUE(write_binary_status("", reply));
+      uint64_t sizes[2] = {0, 0};  // the result's four bytes, then downloaded and total
+      if (reply.compare(0, 4, std::string("\x02\0\0\0", 4)) != 0) continue;
+      ++downloading;
+      std::memcpy(sizes, reply.data() + 4, sizeof sizes);
+      EXPECT_GE(sizes[0], last);
+      EXPECT_LE(sizes[0], sizes[1]);
+      last = sizes[0];
+    }
+  });
+  run_and_wait(Command::download, {nginx.url("/r/")});
+  done = true;
+  watcher.join();
+  EXPECT_GT(downloading, 0);
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  EXPECT_EQ(status.result, status_downloaded);
 }
 
 file_status_t entry(int state, bool available = true, bool skipped = false, bool skip_downloading = false,

@@ -1,5 +1,5 @@
 // A clean module whose update directory is a fresh scratch directory, with a
-// record of every log line.
+// record of every log line: the base of the tests that work on the status.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -19,13 +19,21 @@ class StatusTest : public ::testing::Test {
  protected:
   void SetUp() override {
     reset_module_for_tests();
-    status.reset();
     LPARAMS::server::set_update_dir(dir_.path());
+    LPARAMS::server::set_verify_downloads(true);
+    platform::file_faults().fail_replace = platform::file_faults().fail_sync = false;
   }
-  void TearDown() override {
-    platform::file_faults().fail_replace = false;
-    LPARAMS::server::set_update_dir("");
+  void TearDown() override { reset_module_for_tests(); }
+
+  // A status that is never saved, with one current message to take errors.
+  static void quiet(const std::string& uri = "") {
     status.reset();
+    status.save_enabled = false;
+    status.select_message(uri);
+  }
+  static std::string reported() {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    return status.current_message ? status.current_message->text : "";
   }
   // The log so far as "id attr attr;" per record, of one id or of all.
   std::string log_text(uint16_t id = 0) const {
@@ -38,6 +46,7 @@ class StatusTest : public ::testing::Test {
     }
     return text;
   }
+  size_t logged(const std::string& text) const { return log_.all(text).size(); }
   std::string status_path() const { return dir_.path("corvid_update_status.xml"); }
 
   fixtures::scratch_dir_t dir_;

@@ -3,10 +3,10 @@
 #include "frame/update.h"
 #include "status/status_fixture.h"
 
-namespace update {
+namespace update::testing {
 namespace {
 
-class StatusQueryTest : public testing::StatusTest {
+class StatusQueryTest : public StatusTest {
  protected:
   void SetUp() override {
     StatusTest::SetUp();
@@ -24,28 +24,24 @@ class StatusQueryTest : public testing::StatusTest {
   }
 };
 
+// Only the groups of the mapping: each word once.
 TEST_F(StatusQueryTest, MapsTheResultToTheDaemonsWords) {
-  const struct {
-    int result;
-    const char* expected;
-  } rows[] = {
-      {1, "update_state=download|-"},  {2, "update_state=download|-"}, {3, "update_state=download|-"},
-      {6, "update_state=download|-"},  {5, "update_state=outofdate|-"}, {7, "update_state=install|-"},
-      {8, "update_state=uptodate|-"},  {4, "update_state=error|update_msg="},
-      {0, "update_state=error|update_msg=update status undefined"},
+  const std::pair<int, const char*> rows[] = {
+      {2, "update_state=download|-"},
+      {5, "update_state=outofdate|-"},
+      {7, "update_state=install|-"},
+      {4, "update_state=error|update_msg="},
       {9, "update_state=error|update_msg=update status undefined"},
   };
-  for (const auto& row : rows) {
-    status.result = static_cast<status_code_t>(row.result);
-    EXPECT_EQ(query(true), row.expected) << "result " << row.result;
+  for (const auto& [result, expected] : rows) {
+    status.result = static_cast<status_code_t>(result);
+    EXPECT_EQ(query(true), expected) << "result " << result;
   }
 }
 
 TEST_F(StatusQueryTest, ErrorTellsTheFirstNonEmptyMessageAndAFailureGoesFirst) {
   status.result = status_error;
-  status.messages.push_back({"", "", 0});
-  status.messages.push_back({"s1", "Download error: one", 2});
-  status.messages.push_back({"s2", "Download error: two", 2});
+  status.messages = {{"", "", 0}, {"s1", "Download error: one", 2}, {"s2", "Download error: two", 2}};
   EXPECT_EQ(query(true), "update_state=error|update_msg=Download error: one");
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.set_failure("Process was not correctly terminated");
@@ -72,4 +68,4 @@ TEST_F(StatusQueryTest, TellsEachMomentOnceUnlessForcedAndNothingWhenStopped) {
 }
 
 }  // namespace
-}  // namespace update
+}  // namespace update::testing

@@ -1,9 +1,7 @@
 #include "status/status_fixture.h"
 
-namespace update {
+namespace update::testing {
 namespace {
-
-using testing::StatusTest;
 
 // What the reader made of the file, one word per record.
 std::string read_back() {
@@ -52,6 +50,8 @@ TEST_F(StatusTest, WhatIsSavedReadsBackWithEveryField) {
                           18446744073709551ull, 7, "http://s/a?x=1&y=2", "exec failed", "2026-01-02T03:04:06",
                           "2026-01-01T00:00:00"});
   status.file_entry("blank").error = " ";
+  for (int state = file_uptodate; state <= file_installed; ++state)
+    status.file_entry("state " + std::to_string(state)).state = static_cast<file_state_t>(state);
   status.hashes.store("dir/a \"b\" & c.bin", "$sha256:cd");
   status.save();
   const std::string saved = status.xml;
@@ -62,4 +62,4 @@ TEST_F(StatusTest, WhatIsSavedReadsBackWithEveryField) {
 }
 
 }  // namespace
-}  // namespace update
+}  // namespace update::testing
