@@ -88,11 +88,16 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   EXPECT_EQ(asked, "6:question");
   EXPECT_EQ(body, "\x01");
 
-  // The latest client gets the next question; it goes away meanwhile.
+  // The latest client gets the next question; it goes away meanwhile. Its
+  // command frame and the reply are written out byte for byte: little-endian
+  // type, serial, value and body length.
   const int quitter = raw_connect();
+  const std::string command("\x01\0\0\0\x07\0\0\0\x05\0\0\0\x01\0\0\0x", 17);
+  ASSERT_EQ(::write(quitter, command.data(), command.size()), 17);
+  char replied[16];
+  ASSERT_EQ(::read(quitter, replied, sizeof replied), 16);  // served: now the latest
+  EXPECT_EQ(std::string(replied, 16), std::string("\x02\0\0\0\x07\0\0\0\0\0\0\0\0\0\0\0", 16));
   agent::frame_t frame;
-  ASSERT_TRUE(agent::write_frame(quitter, {agent::frame_command, 1, 5, ""}));
-  ASSERT_EQ(agent::read_frame(quitter, frame), agent::frame_read_t::ok);  // served: now the latest
   auto abandoned = notify_later(body);
   ASSERT_EQ(agent::read_frame(quitter, frame), agent::frame_read_t::ok);
   EXPECT_EQ(frame.type, agent::frame_notification);

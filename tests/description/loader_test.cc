@@ -1,10 +1,15 @@
+// Loading a description: failures and their reports, the indexed format,
+// the settings, and variables.
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "description/indexed_rules.h"
 #include "description/inivars.h"
 #include "description/loader.h"
 #include "planning/hash_cache.h"
 #include "status/status_fixture.h"
+#include "support/ini_file.h"
 
 namespace update::testing {
 namespace {
@@ -135,6 +140,97 @@ TEST_F(LoadUpdateIni, FileListMismatchesAreReported) {
     EXPECT_EQ(ok, row.message.empty()) << row.files << " | " << row.hashes << " | " << row.sizes;
     EXPECT_EQ(reported(), row.message) << row.files << " | " << row.hashes;
   }
+}
+
+// Every setting as " key=value ", so that a row names the one it checks.
+std::string settings_of(const std::string& text) {
+  std::istringstream in("[" + product_section_name() + "]\n" + text + "\n");
+  CIniFile ini_file(in);
+  update_ini_t ini;
+  read_params(ini_file, product_section_name(), ini);
+  std::ostringstream out;
+  out << " connect_timeout=" << ini.connect_timeout << " download_lowtime=" << ini.download_lowtime
+      << " download_lowspeed=" << ini.download_lowspeed << " download_keepalive_interval="
+      << ini.download_keepalive_interval << " download_retry=" << ini.download_retry
+      << " download_rollback_size=" << ini.download_rollback_size << " download_fsync_size="
+      << ini.download_fsync_size << " timeout=" << ini.timeout << " message=" << ini.message
+      << " silent=" << ini.silent << " tcp_nodelay=" << ini.tcp_nodelay << " ";
+  return out.str();
+}
+
+TEST(ReadParams, ValueRulesByTheTable) {
+  const std::string head = "[" + product_section_name() + "]\n";
+  const std::pair<std::string, std::string> rows[] = {
+      // A loaded record never keeps a constructor value.
+      {"", "connect_timeout=60 download_lowtime=10 download_lowspeed=10 download_keepalive_interval=30 "
+           "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
+      {"connect_timeout=12abc", "connect_timeout=60"},
+      {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
+      {"connect_timeout=99999999999999999999999", "connect_timeout=2147483647"},
+      {"download_lowspeed=1\ndownload_lowspeed=2", "download_lowspeed=2"},
+      {"timeout=20\nmessage_timeout=x", "timeout=20"},
+      {"timeout=20\nmessage_timeout=5", "timeout=5"},
+      {"message=hello", "silent="},
+      {"message=hello\nsilent=yes", "silent=yes"},
+      {"download_rollback_size=-1", "download_rollback_size=0"},
+      {"download_rollback_size=9223372036854775807", "download_rollback_size=9223372036854775807"},
+      {"download_rollback_size=9223372036854775808", "download_rollback_size=0"},
+      {"download_fsync_size=99999999999999999999", "download_fsync_size=0"},
+      // Repeated product sections are searched from the last.
+      {"connect_timeout=5\nmessage=a\n" + head, "connect_timeout=5"},
+      {"message=a\n[other]\nmessage=b\n" + head + "message=c", "message=c"},
+  };
+  for (const auto& [lines, expected] : rows)
+    EXPECT_NE(settings_of(lines).find(" " + expected + " "), std::string::npos) << lines << "\n" << settings_of(lines);
+}
+
+TEST(ReadParams, WarnsAboutKeepaliveUnlessTurnedOff) {
+  for (const auto& [lines, warnings] : {std::pair{"", 1u}, {"download_keepalive_interval=0", 0u}}) {
+    fixtures::log_records_t logs;
+    settings_of(lines);
+    EXPECT_EQ(logs.all("libcurl dosn't support CURLOPT_TCP_KEEPALIVE").size(), warnings) << lines;
+  }
+}
+
+TEST(ParseBoolText, TrueOnlyForTheFourWordsInAnyCase) {
+  for (const char* text : {"1", "ON", "Yes", "tRuE"}) EXPECT_TRUE(parse_bool_text(text)) << text;
+  for (const char* text : {"0", "", "2", " 1", "yess"}) EXPECT_FALSE(parse_bool_text(text)) << text;
+}
+
+using vars_t = std::vector<std::pair<std::string, std::string>>;
+
+TEST(Inivars, ApplySubstitutesByTheTable) {
+  const struct {
+    vars_t vars;
+    std::string text, expected;
+    bool replaced;
+  } rows[] = {
+      {{}, "$(x)", "$(x)", false},
+      {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
+      {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
+      {{{"x", ""}}, "a$(x)$(x)b", "ab", true},
+      // List order decides how far a chain gets within one pass.
+      {{{"x", "$(y)"}, {"y", "$(z)"}, {"z", "1"}}, "$(x)", "1", true},
+      {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}}, "$(x)", "1", true},
+      {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}, {"w", "$(x)"}}, "$(w)", "$(z)", true},  // three passes only
+      {{{"a", "$(a)"}}, "$(a)", "$(a)", true},                                           // dies out, no error
+      {{{"a", "$(a)x"}}, "$(a)", "$(a)xxx", true},  // an inserted value is not rescanned in its pass
+      {{{"a", "1"}, {"a", "2"}}, "$(a)$(a)", "11", true},
+      {{{"k", "b"}, {"t.b", "found"}}, "$(t.$(k))", "found", true},  // computed lookups
+  };
+  for (const auto& row : rows) {
+    inivars_t set;
+    for (const auto& [name, value] : row.vars) set.add(name, value);
+    std::string text = row.text;
+    EXPECT_EQ(set.apply(text, variable_delimiters), row.replaced) << row.text;
+    EXPECT_EQ(text, row.expected) << row.text;
+  }
+}
+
+TEST(Inivars, RefusesToGrowPast64KiB) {
+  inivars_t set;
+  set.add("a", "$(a)$(a)$(a)$(a)$(a)$(a)$(a)$(a)");
+  EXPECT_THROW(set.apply_to_values(set, variable_delimiters), std::string);
 }
 
 }  // namespace

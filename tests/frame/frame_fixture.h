@@ -10,13 +10,9 @@
 #include <vector>
 
 #include "agent/agent.h"
-#include "fixtures/log_records.h"
-#include "fixtures/scratch_dir.h"
 #include "frame/curl_init.h"
-#include "frame/module.h"
 #include "frame/update.h"
-#include "platform/local_params.h"
-#include "status/status.h"
+#include "status/status_fixture.h"
 
 namespace update::testing {
 
@@ -46,10 +42,10 @@ struct held_run_t {
   static inline bool released = false;  // guarded by m
 };
 
-class ModuleTest : public ::testing::Test {
+class ModuleTest : public StatusTest {
  protected:
   void SetUp() override {
-    reset_module_for_tests();
+    StatusTest::SetUp();
     held_run_t::entered = 0;
     held_run_t::released = false;
     agent::configure_paths(agent::paths_under(root_));
@@ -58,14 +54,12 @@ class ModuleTest : public ::testing::Test {
     callbacks().on_client_command = [](size_t, const char*) { return false; };
     agent::start_event_manager();
   }
-
   void TearDown() override {
     held_run_t::release();
     fini();
     agent::stop_event_manager();
     run_curl_init = curl_easy_init;
-    reset_module_for_tests();
-    LPARAMS::server::set_update_dir("");
+    StatusTest::TearDown();
   }
 
   // init and its finish_init on the worker: the module is open afterwards.
@@ -74,7 +68,6 @@ class ModuleTest : public ::testing::Test {
     agent::drain_event_manager();
     ASSERT_NE(current_module_state(), module_stopped);
   }
-
   void submit(Command command, const std::list<std::string>& uris, const std::string& cmdid = "") {
     process_async(command, uris, cmdid, 0, "", "", TLogIdent{});
   }
@@ -82,15 +75,13 @@ class ModuleTest : public ::testing::Test {
     submit(command, uris);
     agent::drain_event_manager();
   }
-
   // Log records whose attributes begin with these texts.
   size_t count_logged(uint16_t id, const std::vector<std::string>& attrs) const {
     size_t n = 0;
     for (const auto& r : log_.all())
-      if (r.id == id && r.attrs.size() >= attrs.size() && std::equal(attrs.begin(), attrs.end(), r.attrs.begin())) ++n;
+      n += r.id == id && r.attrs.size() >= attrs.size() && std::equal(attrs.begin(), attrs.end(), r.attrs.begin());
     return n;
   }
-
   // get_status into texts preset to "untouched", to tell an answer from none.
   static std::pair<std::string, std::string> status_line(bool force) {
     std::string state = "untouched", message = "untouched";
@@ -98,12 +89,9 @@ class ModuleTest : public ::testing::Test {
     return {state, message};
   }
 
-  fixtures::scratch_dir_t scratch_;
+  fixtures::scratch_dir_t& scratch_ = dir_;
   const std::string root_ = scratch_.path().substr(0, scratch_.path().size() - 1);
   const std::string update_dir_ = root_ + "/update";
-
- private:
-  fixtures::log_records_t log_;
 };
 
 }  // namespace update::testing

@@ -1,15 +1,18 @@
-// The module's state machine: one run, one pending slot that replaces,
-// start-up before anything runs, stop during a run.
+// The module's state machine (one run, one pending slot that replaces,
+// start-up before anything runs, stop during a run) and the listener's
+// codes, the binary status of code 6 among them.
 #include <gtest/gtest.h>
 
-#include "frame/frame_fixture.h"
+#include <cstring>
+#include <thread>
 
-namespace update {
+#include "frame/frame_fixture.h"
+#include "frame/listener.h"
+
+namespace update::testing {
 namespace {
 
-using testing::held_run_t;
-
-class StateMachineTest : public testing::ModuleTest {};
+using StateMachineTest = ModuleTest;
 
 const std::pair<std::string, std::string> untouched = {"untouched", "untouched"};
 const std::string no_uri = "Download error: URI not specified (should be obtained from the Policy Managment Server)";
@@ -20,7 +23,6 @@ TEST_F(StateMachineTest, PendingSlotKeepsOnlyTheLatestCommand) {
   submit(Command::check, {"http://127.0.0.1:1/"}, "first");
   held_run_t::wait_entered();
   ASSERT_EQ(current_module_state(), module_busy);
-
   submit(Command::download, {"http://127.0.0.1:1/"}, "second");
   submit(Command::install, {"http://127.0.0.1:1/"}, "third");
   EXPECT_EQ(count_logged(log_id_course, {"request pended", "processing previous update request"}), 2u);
@@ -29,13 +31,11 @@ TEST_F(StateMachineTest, PendingSlotKeepsOnlyTheLatestCommand) {
   agent::drain_event_manager();
   // The first run and the third: the second was replaced without a trace.
   EXPECT_EQ(held_run_t::entered, 2);
-  EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (first)"}), 1u);
-  EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: download (second)"}), 0u);
-  EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: install (third)"}), 1u);
+  EXPECT_EQ(logged("processing command: check (first)") + logged("processing command: install (third)"), 2u);
+  EXPECT_EQ(logged("processing command: download (second)"), 0u);
   EXPECT_EQ(current_module_state(), module_idle);
   std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_EQ(status.cmd, "install");
-  EXPECT_EQ(status.cmdid, "third");
+  EXPECT_EQ(status.cmd + " " + status.cmdid, "install third");
 }
 
 TEST_F(StateMachineTest, CommandBeforeStartupWaitsForFinishInit) {
@@ -49,7 +49,7 @@ TEST_F(StateMachineTest, CommandBeforeStartupWaitsForFinishInit) {
 
   held_run_t::release();
   agent::drain_event_manager();
-  EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (early)"}), 1u);
+  EXPECT_EQ(logged("processing command: check (early)"), 1u);
   EXPECT_EQ(current_module_state(), module_idle);
   EXPECT_EQ(status_line(false).second, "update_msg=" + no_uri);
 }
@@ -71,12 +71,11 @@ TEST_F(StateMachineTest, FiniDuringRunDropsPendingAndStaysStopped) {
     std::lock_guard<std::mutex> hold(module_lock);
     EXPECT_EQ(pending_request, nullptr);
   }
-  // The run itself walked to its end.
+  // The run itself walked to its end; a submit after fini waits for good.
   EXPECT_EQ(count_logged(log_id_course, {"done", "command: check, result: error"}), 1u);
-  // A submit after fini waits in the slot for good.
   submit(Command::check, {}, "late");
   agent::drain_event_manager();
-  EXPECT_EQ(count_logged(log_id_course, {"start", "processing command: check (late)"}), 0u);
+  EXPECT_EQ(logged("processing command: check (late)"), 0u);
   EXPECT_EQ(status_line(true), untouched);
 }
 
@@ -90,16 +89,13 @@ TEST_F(StateMachineTest, AbandonedCallFreesTheRequestAndLeavesBusy) {
   em_call_t call{new request_t(Command::check, {"x"}), nullptr, 1};
   run_request(&call);
   EXPECT_EQ(current_module_state(), module_busy);
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_TRUE(status.cmd.empty());
-  EXPECT_EQ(count_logged(log_id_course, {"start"}), 1u);  // only init's own "start"
+  EXPECT_EQ(logged("processing command"), 0u);
 }
 
 TEST(UpdateDirPath, StripsTrailingSeparatorsOrFallsBackToTheVarDirectory) {
   agent::configure_paths(agent::paths_under("/srv/agent"));
   const std::pair<const char*, const char*> rows[] = {
-      {"", "/srv/agent/var/update"}, {"/data/upd\\/\\//", "/data/upd"}, {"/", "/"}, {"\\/\\", "\\/\\"},
-  };
+      {"", "/srv/agent/var/update"}, {"/data/upd\\/\\//", "/data/upd"}, {"/", "/"}, {"\\/\\", "\\/\\"}};
   for (const auto& [configured, expected] : rows) {
     LPARAMS::server::set_update_dir(configured);
     std::string path = "stale";
@@ -110,5 +106,79 @@ TEST(UpdateDirPath, StripsTrailingSeparatorsOrFallsBackToTheVarDirectory) {
   agent::configure_paths(agent::default_paths());
 }
 
+std::string revision_bytes(uint64_t revision, size_t extra = 0) {
+  std::string out(reinterpret_cast<const char*>(&revision), sizeof revision);
+  return out + std::string(extra, 'x');
+}
+
+class ListenerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    reset_module_for_tests();
+    status.revision = 42;
+  }
+  void TearDown() override { reset_module_for_tests(); }
+  // Code 6: the result and the reply, or "threw".
+  std::pair<std::string, std::string> code6(const std::string& request) {
+    std::string reply;
+    try {
+      return {listener_.on_command(0, 6, request, reply) ? "true" : "false", reply};
+    } catch (const char* text) {
+      return {text, reply};
+    }
+  }
+  UpSvcCmdListener listener_;
+};
+
+TEST_F(ListenerTest, BinaryStatusAnswersByRevisionAndResult) {
+  status.result = status_uptodate;
+  const std::string uptodate("\x08\0\0\0", 4);
+  struct row_t {
+    bool visible;
+    std::string request, result, reply;
+  };
+  const row_t rows[] = {
+      {false, "", "true", uptodate},  // no revision: no tests at all
+      {true, revision_bytes(42), "true", ""},
+      {false, revision_bytes(41), "false", ""},
+      {true, revision_bytes(41, 4), "true", revision_bytes(42) + uptodate},
+      {true, "1234567", "CommandStreamError", ""},
+  };
+  for (const auto& row : rows) {
+    status.client_visible = row.visible;
+    EXPECT_EQ(code6(row.request), std::make_pair(row.result, row.reply)) << row.request.size();
+  }
+  // The stream error leaves before the lock: another thread may take it.
+  std::thread([] { EXPECT_TRUE(status.lock.try_lock()); status.lock.unlock(); }).join();
+}
+
+TEST_F(ListenerTest, BinaryStatusCarriesSizesWhileDownloadingAndEveryMessageOnError) {
+  status.result = status_download;
+  status.checking_file = "f";
+  file_status_t& file = status.file_entry("f");
+  file.available = true;
+  file.state = file_download;
+  file.download_size = 3;
+  file.total_size = 9;
+  EXPECT_EQ(code6("").second, std::string("\x02\0\0\0" "\x03\0\0\0\0\0\0\0" "\x09\0\0\0\0\0\0\0" "\x01\0\0\0f", 25));
+  status.result = status_error;
+  status.messages = {{"", "ab", 0}, {"x", "", 0}, {"y", "c", 0}};
+  EXPECT_EQ(code6("").second, std::string("\x04\0\0\0" "\x03\0\0\0" "\x02\0\0\0ab" "\0\0\0\0" "\x01\0\0\0c", 23));
+}
+
+TEST_F(ListenerTest, OtherCodesReachXmlHostOrNothing) {
+  static std::string handed;
+  callbacks().on_client_command = [](size_t length, const char* bytes) {
+    handed.assign(bytes, length);
+    return true;
+  };
+  std::string reply = "kept";
+  EXPECT_TRUE(listener_.on_command(0, 8, std::string("a\0b", 3), reply));
+  EXPECT_EQ(handed, std::string("a\0b", 3));
+  EXPECT_FALSE(listener_.on_command(0, 5, "", reply));
+  EXPECT_TRUE(listener_.on_command(0, 7, "", reply));
+  EXPECT_EQ(reply.rfind("kept<update-status", 0), 0u) << reply;
+}
+
 }  // namespace
-}  // namespace update
+}  // namespace update::testing

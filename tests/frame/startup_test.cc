@@ -8,18 +8,17 @@
 #include "frame/startup.h"
 #include "platform/agent_paths.h"
 
-namespace update {
+namespace update::testing {
 namespace {
 
-class StartupTest : public testing::ModuleTest {};
+using StartupTest = ModuleTest;
 
 TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
-  struct row_t {
+  const struct {
     const char* what;
     std::vector<std::pair<int, const char*>> files;  // state, error
     bool with_message, plausible;
-  };
-  const row_t rows[] = {
+  } rows[] = {
       {"nothing at all", {}, false, true},
       {"resting states without error", {{1, ""}, {4, ""}, {6, ""}}, false, true},
       {"downloaded with error", {{4, "e"}}, true, false},
@@ -34,8 +33,7 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
     status_t s;
     for (const auto& [state, error] : row.files) {
       file_status_t& f = s.files.emplace_back();
-      f.state = static_cast<file_state_t>(state);
-      f.error = error;
+      f.state = static_cast<file_state_t>(state), f.error = error;
     }
     if (row.with_message) s.messages.push_back({"u", "", 0});
     std::lock_guard<std::recursive_mutex> hold(s.lock);
@@ -46,7 +44,7 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
 TEST_F(StartupTest, RecoveryTellsACutOffRunAtTheFrontOrKeepsAPlausibleOne) {
   const struct {
     file_state_t state;
-    const char* error;  // of the file and of its message
+    const char* error;  // of the file and of its message; null: no file
     size_t messages;
     status_code_t result;
   } rows[] = {{file_download, "", 2, status_error}, {file_install, "exec failed", 1, status_error},
@@ -70,70 +68,51 @@ TEST_F(StartupTest, RecoveryTellsACutOffRunAtTheFrontOrKeepsAPlausibleOne) {
   }
 }
 
-TEST_F(StartupTest, NothingOnDiskAnswersTheFixedTextAndAnUndefinedStatus) {
-  init();
-  std::string xml = "kept:";
-  get_status_xml(xml);
-  EXPECT_EQ(xml, "kept:<update-status result=\"undefined\"><message>no update status</message></update-status>");
-  {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    EXPECT_EQ(status.result, status_undefined);
-    ASSERT_EQ(status.messages.size(), 1u);
-    EXPECT_EQ(status.messages.front().uri, "localhost");
-    EXPECT_EQ(status.current_message, nullptr);
-    EXPECT_TRUE(status.save_enabled);
-  }
-  agent::drain_event_manager();
-  EXPECT_EQ(count_logged(log_id_course, {"done", "init, result: undefined"}), 1u);
-  EXPECT_EQ(status_line(false), std::make_pair(std::string("update_state=error"),
-                                                std::string("update_msg=update status undefined")));
-  EXPECT_FALSE(std::filesystem::exists(update_dir_)) << "start-up must not create the directory";
-}
-
-TEST_F(StartupTest, UnusableDescriptionIsToldAndItsErrorsNeverReachTheFile) {
-  // A bare rule with a file and no hash fails while verification is on.
-  std::filesystem::create_directories(update_dir_);
-  fixtures::write_file(update_dir_ + "/corvid_update.ini", "[corvid]\nversion=1.1\nfile=a.bin\nexec=true\n");
-  init();
-  {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    EXPECT_EQ(status.result, status_error);
-    EXPECT_TRUE(status.client_visible);
-    ASSERT_EQ(status.messages.size(), 2u);
-    EXPECT_EQ(status.messages.front().text, "No update status");
-    EXPECT_EQ(status.messages.back().uri, "localhost");
-    EXPECT_NE(status.messages.back().text.find("missing required field 'hash'"), std::string::npos)
-        << status.messages.back().text;
-    EXPECT_TRUE(status.save_enabled);
-  }
-  EXPECT_FALSE(std::filesystem::exists(update_dir_ + "/corvid_update_status.xml"));
-  agent::drain_event_manager();
-  EXPECT_EQ(status_line(true).second, "update_msg=No update status");
-}
-
-TEST_F(StartupTest, RestartFindsTheFileTellsACutOffRunAndSavesWhatTheDiskSays) {
-  std::filesystem::create_directories(update_dir_);
+// Nothing on disk; a description it cannot use, whose errors must not reach
+// a file; the file of a cut-off run, saved with what the disk says; only a
+// description to seed the status from. Start-up never makes the directory.
+TEST_F(StartupTest, AnswersWhatItFindsOnDisk) {
+  const std::string cut_off = "<update-status><file name=\"a\" state=\"download\" update_version=\"2\"/>"
+                              "<file name=\"b\" state=\"installed\" update_version=\"1\"/></update-status>";
+  const std::string seed = "[corvid]\nversion=" + productVersion() + "\nfile=a.bin\nhash=#SHA256:00\nexec=x\n";
+  const struct {
+    std::vector<std::pair<std::string, std::string>> files;  // in the update directory
+    std::string answer;                                       // get_status after start-up
+    std::vector<std::string> xml;                             // in the status text
+    bool saved;
+  } rows[] = {
+      {{}, "update_state=error|update_msg=update status undefined",
+       {"<update-status result=\"undefined\"><message>no update status</message></update-status>"}, false},
+      {{{"corvid_update.ini", "[corvid]\nversion=1.1\nfile=a.bin\nexec=true\n"}},
+       "update_state=error|update_msg=No update status",
+       {">No update status</message>", "uri=\"localhost\"", "missing required field 'hash'"}, false},
+      {{{"corvid_update_status.xml", cut_off}, {"b.version", "1\n"}},
+       "update_state=error|update_msg=Process was not correctly terminated",
+       {"\"a\" state=\"download\"", "\"b\" state=\"uptodate\""}, true},
+      {{{"corvid_update.ini", seed}}, "update_state=uptodate|untouched",
+       {"<update-status result=\"uptodate\"", "\"a.bin\" state=\"uptodate\""}, true},
+  };
   const std::string path = update_dir_ + "/corvid_update_status.xml";
-  fixtures::write_file(path, "<update-status><file name=\"a\" state=\"download\" update_version=\"2\"/>"
-                             "<file name=\"b\" state=\"installed\" update_version=\"1\"/></update-status>");
-  fixtures::write_file(update_dir_ + "/b.version", "1\n");
-  init();
-  const std::string saved = fixtures::read_file(path);
-  EXPECT_NE(saved.find(">Process was not correctly terminated<"), std::string::npos) << saved;
-  EXPECT_NE(saved.find("\"a\" state=\"download\""), std::string::npos) << saved;
-  EXPECT_NE(saved.find("\"b\" state=\"uptodate\""), std::string::npos) << saved;
-}
-
-TEST_F(StartupTest, SavedDescriptionSeedsTheStatusWhenThereIsNoStatusFile) {
-  std::filesystem::create_directories(update_dir_);
-  fixtures::write_file(update_dir_ + "/corvid_update.ini",  // the bare rule is the agent's
-                       "[corvid]\nversion=" + productVersion() + "\nfile=a.bin\nhash=#SHA256:00\nexec=x\n");
-  init();
-  const std::string saved = fixtures::read_file(update_dir_ + "/corvid_update_status.xml");
-  EXPECT_EQ(saved.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<update-status result=\"uptodate\"", 0), 0u)
-      << "what seeding says, not the error start-up set while loading";
-  EXPECT_NE(saved.find("<file name=\"a.bin\" state=\"uptodate\""), std::string::npos) << saved;
+  for (const auto& row : rows) {
+    TearDown();
+    std::filesystem::remove_all(update_dir_);
+    SetUp();
+    for (const auto& [name, text] : row.files) {
+      std::filesystem::create_directories(update_dir_);
+      fixtures::write_file(update_dir_ + "/" + name, text);
+    }
+    start_module();
+    const auto [state, message] = status_line(true);
+    EXPECT_EQ(state + "|" + message, row.answer);
+    std::string xml;
+    get_status_xml(xml);
+    for (const auto& part : row.xml) EXPECT_NE(xml.find(part), std::string::npos) << part << " in " << xml;
+    EXPECT_EQ(read_file(path), row.saved ? "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + xml : "") << row.answer;
+    EXPECT_EQ(std::filesystem::exists(update_dir_), !row.files.empty());
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    EXPECT_TRUE(status.save_enabled && status.current_message == nullptr);
+  }
 }
 
 }  // namespace
-}  // namespace update
+}  // namespace update::testing

@@ -1,12 +1,16 @@
 // The install stage on a status prepared by hand, with real commands and the
-// bridge's in-process client standing in for the graphical one.
+// bridge's in-process client standing in for the graphical one; the messages
+// to the client byte by byte; the process runner against real programs.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "frame/path_vars.h"
 #include "install/install.h"
 #include "install/notify.h"
+#include "install/run_exec.h"
 #include "status/status_fixture.h"
 
 namespace update::testing {
@@ -40,23 +44,16 @@ class InstallTest : public StatusTest {
   }
   // One rule of one downloaded file, as the run hands it over.
   void install(const row_t& row) {
-    status.reset();
-    status.messages.emplace_back();
-    status.current_message = &status.messages.front();
+    quiet();
+    status.save_enabled = true;
     file_status_t& file = status.file_entry("f");
-    file.state = file_downloaded;
-    file.available = true;
+    file.state = file_downloaded, file.available = true;
     owner_ = update_ini_t{};
-    owner_.silent = row.silent;
-    owner_.uri = "http://u/";
+    owner_.silent = row.silent, owner_.uri = "http://u/";
     rule_ = file_rule_t{};
-    rule_.owner = &owner_;
-    rule_.entries = {{"f", dir_.path("f"), "", "", 0, true}};
-    rule_.exec_list = row.exec_list;
-    rule_.exec_sys = "sh -c 'echo > " + dir_.path("sys") + "'";
-    rule_.exec_sys_wait = "yes";
-    rule_.exec_user = "U $update_path $system_var_etc";
-    rule_.legacy_exec = true;
+    rule_.owner = &owner_, rule_.entries = {{"f", dir_.path("f"), "", "", 0, true}}, rule_.exec_list = row.exec_list;
+    rule_.exec_sys = "sh -c 'echo > " + dir_.path("sys") + "'", rule_.exec_sys_wait = "yes";
+    rule_.exec_user = "U $update_path $system_var_etc", rule_.legacy_exec = true;
     std::remove(dir_.path("sys").c_str());
     questions_ = 0;
     sent_user_.clear();
@@ -106,6 +103,117 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
   // $system_var_etc, which keeps "_etc" behind the value.
   const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc";
   EXPECT_EQ(sent_user_, exec_user_body(line, false, false));
+}
+
+using bytes = std::string;
+
+TEST(ClientMessages, LayOutTheirFieldsByteForByte) {
+  update_ini_t owner;
+  owner.message = "M";
+  owner.timeout = -2;
+  owner.uri = "u";
+  file_rule_t rule;
+  rule.exec_user = "U";
+  rule.display_name = "D";
+  rule.entries = {{"a", "/p/a", "", "#T:1", 0, true}, {"b", "/p/b", "", "", 0, false}, {"c", "/p/c", "", "", 0, true}};
+  file_rule_t bare;
+  const std::pair<bytes, bytes> rows[] = {
+      {exec_user_body("ab", true, false), bytes("\x01\x02\0\0\0ab\x01\x00", 9)},
+      {client_text_body("hi"), bytes("\x00\x02\0\0\0hi", 7)},
+      // Empty exec_sys and lists take four zero bytes each; ready entries
+      // are joined by one newline, a hash follows in brackets.
+      {install_question_body(owner, rule, true),
+       bytes("\0\0\0\0" "\x01\0\0\0U" "\x01\0\0\0D" "\x01\0\0\0M" "\x10\0\0\0/p/a [#T:1]\n/p/c" "\x04\0\0\0/p/b"
+             "\xfe\xff\xff\xff" "\x01\0\0\0u", 56)},
+      {install_question_body(owner, bare, false),
+       bytes("\0\0\0\0\0\0\0\0\0\0\0\0\x01\0\0\0M\0\0\0\0\0\0\0\0\xfe\xff\xff\xff\0\0\0\0", 33)},
+  };
+  for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
+}
+
+TEST(ClientMessages, ExecUserReplyNeedsItsWholeHeaderAndText) {
+  struct row_t {
+    bytes reply;
+    bool malformed, result;
+    const char* text;
+  };
+  const row_t rows[] = {
+      {bytes("\x01\0\0\0\0", 5), false, true, ""},
+      {bytes("\x00\x03\0\0\0abc", 8), false, false, "abc"},
+      {bytes("\x02\x01\0\0\0xyz", 8), false, false, "x"},  // bytes behind the text are ignored
+      {bytes("\x01\x05\0\0\0a", 6), true, false, ""},      // length runs past the reply
+      {bytes("\x01\0\0", 3), true, false, ""},             // a good first byte does not save it
+      {bytes(), true, false, ""},
+  };
+  for (const auto& row : rows) {
+    std::string text = "untouched";
+    bool result = false;
+    bool threw = false;
+    try {
+      result = read_exec_user_reply(row.reply, text);
+    } catch (const char* what) {
+      threw = std::string(what) == "CommandStreamError";
+    }
+    EXPECT_EQ(threw, row.malformed) << row.reply.size();
+    if (!row.malformed) {
+      EXPECT_EQ(result, row.result);
+      EXPECT_EQ(text, row.text);
+    }
+  }
+}
+
+class RunExecTest : public StatusTest {
+ protected:
+  void SetUp() override {
+    StatusTest::SetUp();
+    quiet();
+  }
+};
+
+TEST_F(RunExecTest, FailuresAreErrorsUnlessQuietAndNameTheirCause) {
+  const struct {
+    std::string command;
+    int32_t quiet;
+    std::string text;
+  } rows[] = {
+      {"corvid-no-such-program --x", 0, "exec() fail: corvid-no-such-program --x, error: [0x2] No such file or directory"},
+      {"", 0, "exec() fail: , error: [0x16] Invalid argument"},
+      {"sh -c 'unterminated", 0, "exec() fail: sh -c 'unterminated, error: [0x16] Invalid argument"},
+      {"sh -c 'exit 4'", 1, "exec() exit: sh -c 'exit 4', status: 4"},
+      {"sh -c 'exit 3'", 0, "exec() exit: sh -c 'exit 3', status: 3"},
+      {"sh -c 'kill -KILL $$'", 0, "exec() exit: sh -c 'kill -KILL $$', signal: 9 (SIGKILL)"},
+  };
+  for (const auto& row : rows) {
+    SetUp();
+    EXPECT_FALSE(run_exec(row.command, row.quiet)) << row.command;
+    EXPECT_EQ(reported(), row.quiet ? "" : row.text);
+    EXPECT_EQ(logged(row.text), 1u) << row.text;
+  }
+  EXPECT_TRUE(run_exec("true", 0));
+  EXPECT_EQ(logged("exec() done: true"), 1u);
+}
+
+TEST_F(RunExecTest, SplitsLikeAShellAndHandsTheChildNothingOfOurs) {
+  // A descriptor of ours without close-on-exec must still stay ours.
+  const int leaky = ::open(dir_.path().c_str(), O_RDONLY);
+  ASSERT_GE(leaky, 3);
+  const std::string out = dir_.path("out");
+  const std::string fd = "/proc/$$/fd/" + std::to_string(leaky);
+  EXPECT_TRUE(run_exec("sh -c 'printf \"%s|\" \"$@\" >" + out + "; readlink /proc/$$/fd/0 /proc/$$/fd/2 >>" + out + "; test -e " + fd +
+                           " && echo leaked >>" + out + "; read x || echo no-input >>" + out +
+                           "' 0 \"a b\" 'c \"d\"' e\\ f \"g\\\"h\" '$(x)'",
+                       0))
+      << reported();
+  ::close(leaky);
+  EXPECT_EQ(fixtures::read_file(out), "a b|c \"d\"|e f|g\"h|$(x)|/dev/null\n/dev/null\nno-input\n");
+}
+
+TEST_F(RunExecTest, WithoutWaitSucceedsWhateverTheChildDoesLater) {
+  const std::string mark = dir_.path("later");
+  EXPECT_TRUE(run_exec("sh -c 'sleep 0.2; touch " + mark + "; exit 1'", false, 0));
+  EXPECT_EQ(reported(), "");
+  for (int i = 0; i < 100 && access(mark.c_str(), F_OK) != 0; ++i) usleep(20000);
+  EXPECT_EQ(access(mark.c_str(), F_OK), 0);
 }
 
 }  // namespace

@@ -1,0 +1,183 @@
+// The support helpers: the ini engine (only the lookups the loaders use),
+// time text, message formatting and the file helpers.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <sstream>
+
+#include "fixtures/scratch_dir.h"
+#include "platform/file_ops.h"
+#include "support/file_helpers.h"
+#include "support/ini_file.h"
+#include "support/message_format.h"
+#include "support/time_text.h"
+
+namespace update {
+namespace {
+
+using fixtures::read_file;
+
+struct parsed_t {
+  explicit parsed_t(const std::string& text) : in(text), ini(in) {}
+  CIniFile::group_t& group(const std::string& name) {
+    CIniFile::group_list_t found;
+    ini.groups_named(name, found);
+    return *found.at(0);
+  }
+  std::istringstream in;
+  CIniFile ini;
+};
+
+// What a call raises, by kind: "group X", "key K in G", "format ...", "other ...".
+std::string raised_by(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const CIniFileGroupNotFound& e) {
+    return std::string("group ") + e.what();
+  } catch (const CIniFileVarNameNotFound& e) {
+    return std::string("key ") + e.what() + " in " + e.group;
+  } catch (const CIniFileFormatError& e) {
+    return std::string("format ") + e.what();
+  } catch (const std::runtime_error& e) {
+    return std::string("other ") + e.what();
+  }
+  return "";
+}
+
+TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"\n\nbad\n", "format Bad syntax at line 3"},  // blank lines count
+      {"\r\n\r\nbad\r\n", "format Bad syntax at line 3"},
+      {"[a]\n; c\n! c\n# c\nk=v\n\tbad line\n", "format Bad syntax at line 6"},
+      {" \t= value", "format Bad syntax at line 1"},
+      {"[x", "format Bad syntax at line 1"},
+      {"\xEF\xBB\xBF[a]\nk=v\n", "format Bad syntax at line 1"},  // a byte order mark is not removed
+      {"k=v\nlast", "format Bad syntax at line 2"},
+      {"[a=b]", ""},
+  };
+  for (const auto& [text, expected] : rows) EXPECT_EQ(raised_by([&] { parsed_t{text}; }), expected) << text;
+}
+
+TEST(IniFile, KeysValuesAndHeadersAreCutAsWritten) {
+  parsed_t p("\xEF\xBB\xBFk=bom\n key = value \nspaced\t=\t  v  w\r\na=b ; c\nk2=v=w\n[x=1\nempty=\n"
+             "[ name ]\n[a=b]\n[#x]\nlast=no newline");
+  ASSERT_EQ(p.ini.groups.size(), 4u);
+  const std::map<std::string, std::list<std::string>> expected{
+      {"\xEF\xBB\xBFk", {"bom"}}, {"key", {"value"}}, {"spaced", {"v  w"}}, {"a", {"b ; c"}},
+      {"k2", {"v=w"}},            {"[x", {"1"}},      {"empty", {""}}};
+  EXPECT_EQ(p.ini.groups.front().params, expected);
+  std::string names;
+  for (const auto& g : p.ini.groups) names += "[" + g.name + "]";
+  EXPECT_EQ(names, "[][name][a=b][]");  // a header wins over its "="; "#" empties a name
+  EXPECT_EQ(p.ini.groups.back().value_of("last", nullptr), "no newline");
+}
+
+TEST(IniFile, RepeatedGroupsAndKeysDifferByLookup) {
+  parsed_t p("k=headless\n[a]\nk=1\nonly_first=f\n[b]\nk=b\n[a]\nk=2\nk=3\n[ab]\nk=ab\n");
+  CIniFile::group_list_t named, none, prefixed;
+  p.ini.groups_named("a", named);
+  p.ini.groups_with_prefix("a", prefixed);
+  EXPECT_EQ(p.group("").value_of("k", nullptr), "headless");
+  EXPECT_EQ(value_in_groups(named, "a", "k", nullptr), "3");  // later group, later value
+  EXPECT_EQ(value_in_groups(named, "a", "only_first", nullptr), "f");
+  ASSERT_EQ(prefixed.size(), 3u);
+  EXPECT_EQ(prefixed[1], named[1]);
+  EXPECT_EQ(prefixed[2]->name, "ab");
+  // Missing groups and keys raise only without a default.
+  EXPECT_EQ(value_in_groups(none, "zz", "k", "d1") + value_in_groups(named, "a", "zz", "d2"), "d1d2");
+  EXPECT_EQ(raised_by([&] { value_in_groups(none, "zz", "k", nullptr); }), "group zz");
+  EXPECT_EQ(raised_by([&] { value_in_groups(named, "a", "zz", nullptr); }), "key zz in a");
+}
+
+TEST(IniFile, TakingEmptiesTheStoreAndPrefixesWalkKeysInByteOrder) {
+  parsed_t p("[s]\nk=1\nk=2\none=x\nglobal.b=2\nglobal.a=1\nglobal.a=1b\nglobalx=no\nglobal.\xe9=3\nglobal.B=0\n");
+  auto& group = p.group("s");
+  std::list<std::pair<std::string, std::string>> found;
+  group.params_with_prefix("global.", found);
+  const std::list<std::pair<std::string, std::string>> expected{
+      {"global.B", "0"}, {"global.a", "1"}, {"global.a", "1b"}, {"global.b", "2"}, {"global.\xe9", "3"}};
+  EXPECT_EQ(found, expected);
+  // Deliberately not one of the engine's own exceptions.
+  EXPECT_EQ(raised_by([&] { group.take_value("k", ""); }), "other duplicate parameter : 'k', in section: s");
+  EXPECT_EQ(group.value_of("k", nullptr), "2");  // a refused take leaves the key
+  std::list<std::string> values{"earlier"};
+  group.take_values("k", values);
+  group.take_values("k", values);
+  EXPECT_EQ(values, (std::list<std::string>{"earlier", "1", "2"}));
+  EXPECT_EQ(group.take_value("one", nullptr), "x");
+  EXPECT_EQ(group.take_value("one", "gone"), "gone");
+  EXPECT_EQ(raised_by([&] { group.take_value("one", nullptr); }), "key one in s");
+}
+
+// The status keeps its times in the one form below; the other forms of the
+// time library have no caller in the module.
+TEST(TimeText, IsoTextOfAPackedTimeOrItsPlaceholder) {
+  const std::pair<packed_time_t, const char*> rows[] = {
+      {0x7E80205070809, "2024-03-05T07:08:09"},  // by weight: year, month from 0, day, hours, minutes, seconds
+      {bad_time, "0000-00-00T00:00:00"},
+      {packed_time_t{1899} << 40 | 0x0001000000, "0000-00-00T00:00:00"},
+  };
+  for (const auto& [time, text] : rows) {
+    std::string out = "stale";
+    time_text_iso(time, out);
+    EXPECT_EQ(out, text);
+  }
+}
+
+TEST(TimeText, NowIsTheClockInUtc) {
+  auto clock_text = [] {
+    const time_t now = std::time(nullptr);
+    std::tm tm{};
+    char text[32];
+    return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", gmtime_r(&now, &tm)));
+  };
+  const std::string before = clock_text(), now = now_text(), after = clock_text();
+  EXPECT_TRUE(now == before || now == after) << now << " between " << before << " and " << after;
+}
+
+TEST(MessageFormat, CutsAtTheBufferEnd) {
+  const std::string text = format_message("%sDownload error: %s", "", std::string(5000, 'x').c_str());
+  EXPECT_EQ(text.size(), message_buffer_size - 1);
+  EXPECT_EQ(text.substr(0, 16), "Download error: ");
+  EXPECT_EQ(format_message("%s%llu", "", 18446744073709551615ull), "18446744073709551615");
+}
+
+TEST(FileHelpers, MovesReplaceAndMissingThingsAreZeroFalseOrNothing) {
+  fixtures::scratch_dir_t dir;
+  EXPECT_EQ(file_size(dir.path("missing")), 0u);
+  EXPECT_FALSE(file_exists(dir.path()));  // a directory cannot be opened for reading
+  const std::string target = dir.write("b", "kept");
+  EXPECT_FALSE(move_file(dir.path("missing"), target));
+  EXPECT_TRUE(move_file(dir.write("a", "moved"), target));
+  EXPECT_EQ(read_file(target), "moved");
+  EXPECT_FALSE(file_exists(dir.path("a")));
+
+  const std::string agent = dir.write("agent.bin", "final");
+  dir.write("agent.bin.download.5.1", "partial");
+  dir.write("agent.bin.download.5.0", "other version");
+  remove_download(agent, "5.1");
+  remove_download(agent, "5.1");  // nothing left: no harm
+  EXPECT_FALSE(std::filesystem::exists(agent) || std::filesystem::exists(dir.path("agent.bin.download.5.1")));
+  EXPECT_TRUE(std::filesystem::exists(dir.path("agent.bin.download.5.0")));
+}
+
+TEST(FileHelpers, DurableWriteReplacesOnlyWithAWholeFile) {
+  fixtures::scratch_dir_t dir;
+  const std::string p = dir.path("status.xml");
+  EXPECT_EQ(write_file_atomically(p, {"first ", "", "text"}), atomic_write_t::done);
+  EXPECT_EQ(read_file(p), "first text");
+  EXPECT_FALSE(std::filesystem::exists(p + ".bak"));
+  platform::file_faults().fail_sync = true;  // the disk is full
+  EXPECT_EQ(write_file_atomically(p, {"a longer lost text"}), atomic_write_t::not_written);
+  EXPECT_EQ(read_file(p), "first text");
+  platform::file_faults().fail_sync = false;
+  // The longer companion left behind is cut by the next write.
+  EXPECT_EQ(write_file_atomically(p, {"third"}), atomic_write_t::done);
+  EXPECT_EQ(read_file(p), "third");
+  EXPECT_EQ(write_file_atomically(dir.path("missing/s.xml"), {"x"}), atomic_write_t::not_opened);
+}
+
+}  // namespace
+}  // namespace update
