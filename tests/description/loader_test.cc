@@ -184,14 +184,6 @@ TEST(ReadParams, ValueRulesByTheTable) {
     EXPECT_NE(settings_of(lines).find(" " + expected + " "), std::string::npos) << lines << "\n" << settings_of(lines);
 }
 
-TEST(ReadParams, WarnsAboutKeepaliveUnlessTurnedOff) {
-  for (const auto& [lines, warnings] : {std::pair{"", 1u}, {"download_keepalive_interval=0", 0u}}) {
-    fixtures::log_records_t logs;
-    settings_of(lines);
-    EXPECT_EQ(logs.all("libcurl dosn't support CURLOPT_TCP_KEEPALIVE").size(), warnings) << lines;
-  }
-}
-
 TEST(ParseBoolText, TrueOnlyForTheFourWordsInAnyCase) {
   for (const char* text : {"1", "ON", "Yes", "tRuE"}) EXPECT_TRUE(parse_bool_text(text)) << text;
   for (const char* text : {"0", "", "2", " 1", "yess"}) EXPECT_FALSE(parse_bool_text(text)) << text;

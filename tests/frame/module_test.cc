@@ -92,32 +92,17 @@ TEST_F(StateMachineTest, AbandonedCallFreesTheRequestAndLeavesBusy) {
   EXPECT_EQ(logged("processing command"), 0u);
 }
 
-TEST(UpdateDirPath, StripsTrailingSeparatorsOrFallsBackToTheVarDirectory) {
-  agent::configure_paths(agent::paths_under("/srv/agent"));
-  const std::pair<const char*, const char*> rows[] = {
-      {"", "/srv/agent/var/update"}, {"/data/upd\\/\\//", "/data/upd"}, {"/", "/"}, {"\\/\\", "\\/\\"}};
-  for (const auto& [configured, expected] : rows) {
-    LPARAMS::server::set_update_dir(configured);
-    std::string path = "stale";
-    update_dir_path(path);
-    EXPECT_EQ(path, expected) << "configured: " << configured;
-  }
-  LPARAMS::server::set_update_dir("");
-  agent::configure_paths(agent::default_paths());
-}
-
 std::string revision_bytes(uint64_t revision, size_t extra = 0) {
   std::string out(reinterpret_cast<const char*>(&revision), sizeof revision);
   return out + std::string(extra, 'x');
 }
 
-class ListenerTest : public ::testing::Test {
+class ListenerTest : public StatusTest {
  protected:
   void SetUp() override {
-    reset_module_for_tests();
+    StatusTest::SetUp();
     status.revision = 42;
   }
-  void TearDown() override { reset_module_for_tests(); }
   // Code 6: the result and the reply, or "threw".
   std::pair<std::string, std::string> code6(const std::string& request) {
     std::string reply;
@@ -156,28 +141,11 @@ TEST_F(ListenerTest, BinaryStatusCarriesSizesWhileDownloadingAndEveryMessageOnEr
   status.result = status_download;
   status.checking_file = "f";
   file_status_t& file = status.file_entry("f");
-  file.available = true;
-  file.state = file_download;
-  file.download_size = 3;
-  file.total_size = 9;
+  file.available = true, file.state = file_download, file.download_size = 3, file.total_size = 9;
   EXPECT_EQ(code6("").second, std::string("\x02\0\0\0" "\x03\0\0\0\0\0\0\0" "\x09\0\0\0\0\0\0\0" "\x01\0\0\0f", 25));
   status.result = status_error;
   status.messages = {{"", "ab", 0}, {"x", "", 0}, {"y", "c", 0}};
   EXPECT_EQ(code6("").second, std::string("\x04\0\0\0" "\x03\0\0\0" "\x02\0\0\0ab" "\0\0\0\0" "\x01\0\0\0c", 23));
-}
-
-TEST_F(ListenerTest, OtherCodesReachXmlHostOrNothing) {
-  static std::string handed;
-  callbacks().on_client_command = [](size_t length, const char* bytes) {
-    handed.assign(bytes, length);
-    return true;
-  };
-  std::string reply = "kept";
-  EXPECT_TRUE(listener_.on_command(0, 8, std::string("a\0b", 3), reply));
-  EXPECT_EQ(handed, std::string("a\0b", 3));
-  EXPECT_FALSE(listener_.on_command(0, 5, "", reply));
-  EXPECT_TRUE(listener_.on_command(0, 7, "", reply));
-  EXPECT_EQ(reply.rfind("kept<update-status", 0), 0u) << reply;
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The run driver: its early exits, what a source's URI becomes, sources that
-// fail without stopping the run, and the gates of the download and install
+// The run driver: its early exits, what a source's URI becomes, the status
+// asked for from another thread, and the gates of the download and install
 // steps.
 #include <gtest/gtest.h>
 
@@ -37,7 +37,6 @@ TEST_F(RunTest, EarlyExitsTellTheirTextInTheFirstMessageAndEndInError) {
     ASSERT_EQ(status.messages.size(), 1u) << text;
     EXPECT_EQ(status.messages.front().text, text);
     EXPECT_EQ(curl_inits, inits) << text;
-    EXPECT_EQ(count_logged(log_id_failure, {text}), 1u);
   }
 }
 
@@ -53,31 +52,6 @@ TEST_F(RunTest, SourceUriIsExpandedWithThePredefinedVariables) {
   // The unreachable source's failure landed in its own message.
   EXPECT_FALSE(status.messages.back().text.empty());
   EXPECT_TRUE(status.messages.front().text.empty());
-}
-
-TEST_F(RunTest, FailedSourceDoesNotStopTheNextOne) {
-  fixtures::nginx_server_t server;
-  std::string error;
-  ASSERT_TRUE(server.start(error)) << error;
-  ASSERT_TRUE(server.put_file("good/update.ini", "[corvid]\nversion.1=2.0\nfile.1=a.bin\n"
-                                                 "hash.1=#GOST3411_256_2012:00\nexec.1=true\n"));
-  start_module();
-  const std::string missing = server.url("/missing/"), good = server.url("/good/");
-  run_and_wait(Command::check, {missing, good});
-
-  const auto served = server.requests(2);
-  ASSERT_EQ(served.size(), 2u);
-  EXPECT_EQ(served[0].target, "/missing/update.ini");
-  EXPECT_EQ(served[1].target, "/good/update.ini");
-  EXPECT_EQ(fixtures::read_file(update_dir_ + "/corvid_update.ini").rfind("[corvid]\n", 0), 0u);
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_EQ(status.result, status_error);
-  ASSERT_EQ(status.messages.size(), 3u);
-  const auto& failed = *std::next(status.messages.begin());
-  EXPECT_EQ(failed.uri, missing);
-  EXPECT_FALSE(failed.text.empty());
-  EXPECT_EQ(status.messages.back().uri, good);
-  EXPECT_EQ(status.messages.back().text, "");
 }
 
 // The daemon's thread and the bridge's ask for the status all through a run
@@ -101,12 +75,11 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
       get_status(state, message, true);
       get_status_xml(xml);
       ASSERT_TRUE(write_binary_status("", reply));
-      uint64_t sizes[2] = {0, 0};  // the result's four bytes, then downloaded and total
+      uint64_t sizes[2];  // behind the result's four bytes: downloaded and total
       if (reply.compare(0, 4, std::string("\x02\0\0\0", 4)) != 0) continue;
       ++downloading;
       std::memcpy(sizes, reply.data() + 4, sizeof sizes);
-      EXPECT_GE(sizes[0], last);
-      EXPECT_LE(sizes[0], sizes[1]);
+      EXPECT_TRUE(last <= sizes[0] && sizes[0] <= sizes[1]) << last << " " << sizes[0] << " " << sizes[1];
       last = sizes[0];
     }
   });

@@ -41,33 +41,6 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
   }
 }
 
-TEST_F(StartupTest, RecoveryTellsACutOffRunAtTheFrontOrKeepsAPlausibleOne) {
-  const struct {
-    file_state_t state;
-    const char* error;  // of the file and of its message; null: no file
-    size_t messages;
-    status_code_t result;
-  } rows[] = {{file_download, "", 2, status_error}, {file_install, "exec failed", 1, status_error},
-              {file_undecided, nullptr, 0, status_uptodate}};
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  for (const auto& row : rows) {
-    status.reset();
-    if (row.error) {
-      file_status_t& file = status.files.emplace_back();
-      file.name = "a.bin", file.state = row.state, file.error = row.error;
-      status.messages.push_back({"http://src/", row.error, 0});
-    }
-    status_reported = true;
-    recover_loaded_status(status, update_dir_ + "/");
-    ASSERT_EQ(status.messages.size(), row.messages);
-    if (row.messages == 2) { EXPECT_EQ(status.messages.front().text, "Process was not correctly terminated"); }
-    EXPECT_EQ(status.result, row.result);
-    EXPECT_EQ(status.client_visible, row.result == status_error);
-    if (row.error) { EXPECT_TRUE(status.files.front().available && status.files.front().state == row.state); }
-    EXPECT_FALSE(status_reported);
-  }
-}
-
 // Nothing on disk; a description it cannot use, whose errors must not reach
 // a file; the file of a cut-off run, saved with what the disk says; only a
 // description to seed the status from. Start-up never makes the directory.

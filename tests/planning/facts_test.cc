@@ -140,20 +140,5 @@ TEST(HashCache, GetCalculatesOncePerTypeAndRetriesAfterAFailure) {
   EXPECT_EQ(value, expected_sha);
 }
 
-TEST(HashCache, CarryOverMovesOldValuesIntoPlaceholdersOfCommonFiles) {
-  hash_cache_t old_map, fresh;
-  old_map.store("a", "#T:1");
-  old_map.store("a", "#T:2");
-  old_map.store("dropped", "#T:7");
-  fresh.declare("#T:a");
-  fresh.declare("#U:a");
-  fresh.declare("#T:new");
-  hash_cache_t::carry_over(fresh, old_map);
-  EXPECT_EQ(fresh.entries["a"], (string_list_t{"#T:1", "#U:"}));
-  EXPECT_EQ(fresh.entries["new"], (string_list_t{"#T:"}));
-  EXPECT_TRUE(old_map.entries["a"].empty());
-  EXPECT_EQ(old_map.entries["dropped"], (string_list_t{"#T:7"}));  // tells what the update withdrew
-}
-
 }  // namespace
 }  // namespace update

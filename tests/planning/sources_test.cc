@@ -5,6 +5,7 @@
 
 #include "fixtures/nginx_server.h"
 #include "frame/frame_fixture.h"
+#include "planning/reconcile.h"
 
 namespace update {
 namespace {
@@ -82,6 +83,27 @@ TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
   EXPECT_EQ(names_and_states(), "y.bin:outofdate z.bin:outofdate ");
   EXPECT_NE(access(downloaded.c_str(), F_OK), 0);
   EXPECT_EQ(count_logged(log_id_notice, {"[x.bin] file removed from update, current version: , state: outofdate"}), 1u);
+}
+
+// The merged sources' declarations replace the kept hashes, carrying their
+// values over; an undeclared one goes only when every source was merged.
+TEST(Reconcile, KeepsUndeclaredHashesWhileASourceIsMissing) {
+  for (const bool all_merged : {false, true}) {
+    status_t s;
+    s.save_enabled = false;
+    s.hashes.store("kept", "#T:1");
+    s.hashes.store("dropped", "#T:2");
+    std::list<update_ini_t> sources(2);
+    sources.front().merged = true;
+    sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
+    sources.back().merged = all_merged;
+    plans_t plans;
+    reconcile_status(sources, s, plans, "/nonexistent/");
+    std::string kept;
+    for (const auto& [file, list] : s.hashes.entries)
+      for (const auto& hash : list) kept += file + "=" + hash + " ";
+    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: ") << all_merged;
+  }
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The end-of-run passes: versions on disk, kept hashes.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -55,21 +56,6 @@ TEST_F(StatusWrapup, VerifyVersionsMovesStatesByTheVersionOnDisk) {
   }
 }
 
-TEST_F(StatusWrapup, VerifyVersionsSkipsEntriesWithoutVersionAndTakesTheAgentsOwn) {
-  dir_.write("f.version", "9");
-  dir_.write("agent.bin.version", "0.0.1");  // ignored for the agent's own files
-  file_status_t& plain = add_file("f", 3, "");
-  file_status_t& own = add_file("agent.bin", 5, current_version_text());
-  own.type = 1;
-  own.error = "stays";
-  EXPECT_TRUE(status.verify_versions(dir_.path()));
-  EXPECT_EQ(plain.state, 3);
-  EXPECT_EQ(plain.current_version, "");
-  EXPECT_EQ(own.current_version, current_version_text());
-  EXPECT_EQ(own.state, 1);
-  EXPECT_EQ(own.error, "stays");
-}
-
 TEST_F(StatusWrapup, RehashRecalculatesKeptHashesInPlace) {
   const std::string path = dir_.write("kept.bin", "contents"), missing = dir_.path("missing.bin");
   std::string gost, sha;
@@ -84,32 +70,6 @@ TEST_F(StatusWrapup, RehashRecalculatesKeptHashesInPlace) {
   EXPECT_EQ(log_text(), "367 hash file: " + path + ", hash: " + gost + ";367 hash file: " + path + ", hash: " + sha +
                             ";365 [hash] failed to calc hash for file: " + missing + ", hash type: #SHA256:;");
   EXPECT_TRUE(status.messages.empty());  // a log line only
-}
-
-TEST_F(StatusWrapup, LogFilesSumsUpEachFile) {
-  const struct {
-    int32_t state;
-    bool skipped, available;
-    std::string current, update, installed, error;
-  } rows[] = {
-      {2, true, true, "1", "2", "", "boom"},
-      {1, false, false, "", "", "", ""},
-      {3, false, true, "", "", "", "e"},
-      {6, false, true, "3", "3", "T3", ""},
-  };
-  int index = 0;
-  for (const auto& row : rows) {
-    file_status_t& f = add_file("f" + std::to_string(index++), row.state, row.update);
-    f.skipped = row.skipped, f.available = row.available, f.current_version = row.current;
-    f.installed_time = row.installed, f.error = row.error;
-  }
-  status.log_files();
-  EXPECT_EQ(log_text(),
-            "366 [f0] state: skipped, because of conditions specified in update.ini, was state: outofdate, current "
-            "version: 1, update version: 2, error: boom;"
-            "366 [f1] state: skipped, because corresponding update.ini is unavailable, was state: uptodate;"
-            "365 [f2] state: download, error: e;"
-            "367 f3 state: installed, current version: 3, installed_time: T3;");
 }
 
 }  // namespace

@@ -144,25 +144,6 @@ TEST(MessageFormat, CutsAtTheBufferEnd) {
   EXPECT_EQ(format_message("%s%llu", "", 18446744073709551615ull), "18446744073709551615");
 }
 
-TEST(FileHelpers, MovesReplaceAndMissingThingsAreZeroFalseOrNothing) {
-  fixtures::scratch_dir_t dir;
-  EXPECT_EQ(file_size(dir.path("missing")), 0u);
-  EXPECT_FALSE(file_exists(dir.path()));  // a directory cannot be opened for reading
-  const std::string target = dir.write("b", "kept");
-  EXPECT_FALSE(move_file(dir.path("missing"), target));
-  EXPECT_TRUE(move_file(dir.write("a", "moved"), target));
-  EXPECT_EQ(read_file(target), "moved");
-  EXPECT_FALSE(file_exists(dir.path("a")));
-
-  const std::string agent = dir.write("agent.bin", "final");
-  dir.write("agent.bin.download.5.1", "partial");
-  dir.write("agent.bin.download.5.0", "other version");
-  remove_download(agent, "5.1");
-  remove_download(agent, "5.1");  // nothing left: no harm
-  EXPECT_FALSE(std::filesystem::exists(agent) || std::filesystem::exists(dir.path("agent.bin.download.5.1")));
-  EXPECT_TRUE(std::filesystem::exists(dir.path("agent.bin.download.5.0")));
-}
-
 TEST(FileHelpers, DurableWriteReplacesOnlyWithAWholeFile) {
   fixtures::scratch_dir_t dir;
   const std::string p = dir.path("status.xml");

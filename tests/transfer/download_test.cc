@@ -60,9 +60,8 @@ TEST_F(Download, RetriesResumeFromTheDiskAndRollBackOnce) {
   const struct {
     bool truncate_fails;
     const char* fault;
-    std::string ranges, offsets;
-  } rows[] = {{false, "cut&bytes=50", "[bytes=900- 206][bytes=950- 206]", "900 950"},
-              {true, "cut&bytes=500", "[- 200][- 200]", "0 0"}};
+    std::string ranges;
+  } rows[] = {{false, "cut&bytes=50", "[bytes=900- 206][bytes=950- 206]"}, {true, "cut&bytes=500", "[- 200][- 200]"}};
   for (const auto& row : rows) {
     SetUp();
     write_partial(target, source, 1000, 100);
@@ -74,11 +73,6 @@ TEST_F(Download, RetriesResumeFromTheDiskAndRollBackOnce) {
     ASSERT_TRUE(download_file(handle, cut.url(), target, params, true));
     EXPECT_TRUE(read_file(target) == source);
     EXPECT_EQ(ranges_of(cut.requests()), row.ranges);
-    const std::string begin = "Download begin: " + cut.url() + " -> " + target + ", offset: ";
-    std::string offsets;
-    for (const auto& text : texts(log_id_course, begin))
-      offsets += (offsets.empty() ? "" : " ") + text.substr(begin.size(), text.find(',', begin.size()) - begin.size());
-    EXPECT_EQ(offsets, row.offsets);
     EXPECT_EQ(texts(log_id_course, "File truncated: " + target + ", size: 1000 -> 900").size(), 1u);
     EXPECT_EQ(texts(log_id_notice, "Download error: " + cut.url() + " -> can't truncate file: " + target +
                                        ", size: 500 -> 400").size(), row.truncate_fails ? 1u : 0u);
@@ -95,13 +89,9 @@ TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
   EXPECT_TRUE(read_file(target) == source);
   EXPECT_EQ(ranges_of(server.requests()), "[bytes=1000- 200][- 200][- 200]");
-  EXPECT_EQ(texts(log_id_notice, "Download resume failed"),
-            std::vector<std::string>{"Download resume failed: " + url +
-                                     " -> Requested range was not delivered by the server : HTTP server doesn't "
-                                     "seem to support byte ranges. Cannot resume."});
+  EXPECT_EQ(texts(log_id_notice, "Download resume failed: " + url + " -> Requested range was not delivered").size(), 1u);
   const std::string begin = "Download begin: " + url + " -> " + target + ", offset: ";
-  EXPECT_EQ(texts(log_id_course, "Download begin"),
-            (std::vector<std::string>{begin + "1000, retry: 0/1", begin + "0, retry: 0/1", begin + "0, retry: 1/1"}));
+  EXPECT_EQ(texts(log_id_course, begin + "0, retry: 0/1").size(), 1u);
 }
 
 // Every attempt fails alike and the target keeps what it had: nothing for an
@@ -201,31 +191,6 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
     EXPECT_EQ(disk_size(path), row.flushed ? written : before);
   }
   std::fclose(file);
-}
-
-// Pieces of 600 bytes: with download_fsync_size 1000 a part of the file
-// reaches the disk during the transfer, and never less than 1000 bytes; with
-// 0 everything stays in the stream (larger than the file) until it is closed.
-TEST_F(Download, FsyncSizeBoundsWhatWaitsInTheStream) {
-  ASSERT_TRUE(serve({"trickle&chunk=600&interval_ms=200", "trickle&chunk=600&interval_ms=200"}));
-  for (uint64_t fsync_size : {uint64_t{0}, uint64_t{1000}}) {
-    params_t params = quick_params();
-    params.download_fsync_size = fsync_size;
-    std::atomic<bool> done{false};
-    bool ok = false, partial_seen = false;
-    std::thread transfer([&] {
-      ok = download_file(handle, server.url(), target, params, false);
-      done = true;
-    });
-    for (int64_t size; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2)))
-      if ((size = disk_size(target)) > 0 && size < 3000) {
-        partial_seen = true;
-        EXPECT_GE(size, 1000) << "flushed before the interval";
-      }
-    transfer.join();
-    EXPECT_TRUE(ok && read_file(target) == source);
-    EXPECT_EQ(partial_seen, fsync_size != 0);
-  }
 }
 
 TEST(UriJoin, KeepsTheQueryAtTheEnd) {
