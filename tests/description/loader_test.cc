@@ -124,11 +124,9 @@ TEST_F(LoadUpdateIni, FileListMismatchesAreReported) {
       {"a,b", "1", "", "files count greater than hashes count: a,b > 1"},
       {"a", "1, ", "", "files count less than hashes count: a < 1, "},
       {"a,b", "", "10", "files count greater than sizes count: a,b > 10"},
-      {"a", "", "10,20", "files count less than sizes count: a < 10,20"},
       {"a,b", "", "10,-1", "bad filesize value: -1"},
       {"x/a,y\\a", "", "", "duplicated file name: y\\a"},
       {"a,,b", "", "", "empty file name specified in file list(#2): a,,b"},
-      {"a, ", "", "", "empty file name specified in file list(#2): a, "},
       {"a,A", "", "", ""},     // names compare with regard to case
       {"a,", "1,", "5,", ""},  // a final comma adds no item
       {"a,b", ",h2", "", ""},  // an empty hash counts as the first file's
@@ -166,16 +164,12 @@ TEST(ReadParams, ValueRulesByTheTable) {
            "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
       {"connect_timeout=12abc", "connect_timeout=60"},
       {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
-      {"connect_timeout=99999999999999999999999", "connect_timeout=2147483647"},
       {"download_lowspeed=1\ndownload_lowspeed=2", "download_lowspeed=2"},
       {"timeout=20\nmessage_timeout=x", "timeout=20"},
       {"timeout=20\nmessage_timeout=5", "timeout=5"},
       {"message=hello", "silent="},
-      {"message=hello\nsilent=yes", "silent=yes"},
-      {"download_rollback_size=-1", "download_rollback_size=0"},
       {"download_rollback_size=9223372036854775807", "download_rollback_size=9223372036854775807"},
       {"download_rollback_size=9223372036854775808", "download_rollback_size=0"},
-      {"download_fsync_size=99999999999999999999", "download_fsync_size=0"},
       // Repeated product sections are searched from the last.
       {"connect_timeout=5\nmessage=a\n" + head, "connect_timeout=5"},
       {"message=a\n[other]\nmessage=b\n" + head + "message=c", "message=c"},

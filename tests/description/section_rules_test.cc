@@ -134,20 +134,5 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
             4u);
 }
 
-// Hashing costs a read of the whole file: it happens only for a text that
-// refers to a hash, and once per file and type however often it is asked.
-TEST_F(SectionRules, HashesOnlyWhatIsReferredToAndOnlyOnce) {
-  const std::string tool = hash_of(dir_.write("tool", "t"));
-  const std::string text = "global.tool=" + dir_.path("tool") + "\n[" + T +
-                           ".hash_to_version.tool]\nhash." + tool.substr(19) + "=2\n";
-  const std::string f = "[" + T + ".file=f]\ndownload_file=$(null)\nexec=x\n";
-  EXPECT_EQ(load(text + f + "update_version=1\n" + f + "update_version=2\n"), "f=1/0;");
-  EXPECT_TRUE(hashes_.entries.empty());
-  EXPECT_EQ(load(text + f + "apply_if.hash_of.tool=" + tool + "\nupdate_version=$(version_of.tool)$(hash_of.tool)\n"),
-            "f=2" + tool + "/0;");
-  ASSERT_EQ(hashes_.entries.size(), 1u);
-  EXPECT_EQ(hashes_.entries.begin()->second.size(), 1u);
-}
-
 }  // namespace
 }  // namespace update::testing

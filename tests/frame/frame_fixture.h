@@ -75,13 +75,6 @@ class ModuleTest : public StatusTest {
     submit(command, uris);
     agent::drain_event_manager();
   }
-  // Log records whose attributes begin with these texts.
-  size_t count_logged(uint16_t id, const std::vector<std::string>& attrs) const {
-    size_t n = 0;
-    for (const auto& r : log_.all())
-      n += r.id == id && r.attrs.size() >= attrs.size() && std::equal(attrs.begin(), attrs.end(), r.attrs.begin());
-    return n;
-  }
   // get_status into texts preset to "untouched", to tell an answer from none.
   static std::pair<std::string, std::string> status_line(bool force) {
     std::string state = "untouched", message = "untouched";
