@@ -28,13 +28,6 @@ namespace {
 using fixtures::read_file;
 using fixtures::write_file;
 
-inline std::string random_bytes(size_t count, uint32_t seed) {
-  std::mt19937 engine(seed);
-  std::string bytes(count, '\0');
-  for (auto& b : bytes) b = static_cast<char>(engine() & 0xff);
-  return bytes;
-}
-
 // -1 when the file is missing.
 inline int64_t disk_size(const std::string& path) {
   struct stat st{};
@@ -77,13 +70,6 @@ class transfer_test_t : public StatusTest {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     return *(status.current_file = &status.file_entry(name));
   }
-  // The last attribute of each record with this id that starts with prefix.
-  std::vector<std::string> texts(uint16_t id, const std::string& prefix) const {
-    std::vector<std::string> found;
-    for (const auto& r : log_.all(prefix))
-      if (r.id == id && r.attrs.back().compare(0, prefix.size(), prefix) == 0) found.push_back(r.attrs.back());
-    return found;
-  }
   bool start_nginx() {
     std::string error;
     const bool ok = nginx.start(error) && nginx.put_file("f.bin", source);
@@ -93,7 +79,11 @@ class transfer_test_t : public StatusTest {
   bool serve(const std::vector<std::string>& faults) { return server.start(dir_.write("source", source), faults); }
 
   CURL* handle = curl_easy_init();
-  const std::string source = random_bytes(3000, 7);
+  const std::string source = [] {
+    std::string bytes(3000, '\0');
+    for (std::mt19937 engine(7); auto& b : bytes) b = static_cast<char>(engine());
+    return bytes;
+  }();
   const std::string target = dir_.path("f.bin.download.2");
   fixtures::nginx_server_t nginx;
   fixtures::fault_server_t server;
@@ -130,11 +120,9 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
     ASSERT_EQ(requests.size(), served);
     EXPECT_EQ(requests.back().range, row.range);
     EXPECT_EQ(requests.back().status, row.range.empty() ? 200 : 206);
-    const auto lines = texts(log_id_course, "File truncated");
-    ASSERT_EQ(lines.size(), truncations += row.truncated != 0);
-    if (row.truncated) {
-      EXPECT_EQ(lines.back(), "File truncated: " + target + ", size: 1000 -> " + std::to_string(row.truncated));
-    }
+    EXPECT_EQ(logged("File truncated"), truncations += row.truncated != 0);
+    EXPECT_EQ(logged("File truncated: " + target + ", size: 1000 -> " + std::to_string(row.truncated)),
+              row.truncated != 0);
   }
 }
 
@@ -157,10 +145,10 @@ TEST_F(Download, RetriesResumeFromTheDiskAndRollBackOnce) {
     ASSERT_TRUE(download_file(handle, cut.url(), target, params, true));
     EXPECT_TRUE(read_file(target) == source);
     EXPECT_EQ(ranges_of(cut.requests()), row.ranges);
-    EXPECT_EQ(texts(log_id_course, "File truncated: " + target + ", size: 1000 -> 900").size(), 1u);
-    EXPECT_EQ(texts(log_id_notice, "Download error: " + cut.url() + " -> can't truncate file: " + target +
+    EXPECT_EQ(log_.all("File truncated: " + target + ", size: 1000 -> 900").size(), 1u);
+    EXPECT_EQ(log_.all("Download error: " + cut.url() + " -> can't truncate file: " + target +
                                        ", size: 500 -> 400").size(), row.truncate_fails ? 1u : 0u);
-    EXPECT_EQ(texts(log_id_course, "Download completed: " + cut.url() + " -> " + target).size(), 1u);
+    EXPECT_EQ(log_.all("Download completed: " + cut.url() + " -> " + target).size(), 1u);
   }
 }
 
@@ -173,9 +161,9 @@ TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
   EXPECT_TRUE(read_file(target) == source);
   EXPECT_EQ(ranges_of(server.requests()), "[bytes=1000- 200][- 200][- 200]");
-  EXPECT_EQ(texts(log_id_notice, "Download resume failed: " + url + " -> Requested range was not delivered").size(), 1u);
+  EXPECT_EQ(log_.all("Download resume failed: " + url + " -> Requested range was not delivered").size(), 1u);
   const std::string begin = "Download begin: " + url + " -> " + target + ", offset: ";
-  EXPECT_EQ(texts(log_id_course, begin + "0, retry: 0/1").size(), 1u);
+  EXPECT_EQ(log_.all(begin + "0, retry: 0/1").size(), 1u);
 }
 
 // Every attempt fails alike and the target keeps what it had: nothing for an
@@ -203,13 +191,13 @@ TEST_F(Download, HttpErrorUsesEveryRetryAndKeepsTheTarget) {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     EXPECT_EQ(entry.error, "Download error: " + nginx.url(row.name) + " -> The requested URL returned error: " + row.reason);
   }
-  EXPECT_TRUE(texts(log_id_notice, "Download resume failed").empty());
+  EXPECT_TRUE(log_.all("Download resume failed").empty());
 }
 
 TEST_F(Download, UnopenableTargetFailsBeforeAnyAttempt) {
   const std::string url = "http://127.0.0.1:1/f.bin", path = dir_.path("no-such-dir/f.bin");
   EXPECT_FALSE(download_file(handle, url, path, quick_params(2), false));
-  EXPECT_TRUE(texts(log_id_course, "Download begin").empty());
+  EXPECT_TRUE(log_.all("Download begin").empty());
   EXPECT_EQ(reported(), "Download error: " + url + " -> can't open file for writing: " + path);
 }
 

@@ -1,0 +1,325 @@
+// Planning: version and hash facts, the per-file decision by the state a
+// file comes from and what changed in its rule, and several sources in one
+// run against a real server.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "fixtures/log_records.h"
+#include "fixtures/nginx_server.h"
+#include "fixtures/scratch_dir.h"
+#include "frame/frame_fixture.h"
+#include "frame/module.h"
+#include "planning/hash_cache.h"
+#include "planning/plan_rule.h"
+#include "planning/reconcile.h"
+#include "planning/versions.h"
+#include "platform/hash_file.h"
+
+namespace update {
+namespace {
+
+struct pair_row_t {
+  std::string a, b;
+  bool expected;
+};
+
+// Equality compares the text after one mark, so it is no mirror of the order.
+TEST(VersionOrder, LessAndEqualByTheTable) {
+  const struct {
+    std::string a, b;
+    bool less, equal;
+  } rows[] = {
+      {"1.9", "1.10", true, false},
+      {"1.10", "1.9", false, false},
+      {"1.2", "1.2.1", true, false},
+      {"1.2", "1.2-beta", true, false},
+      {"1", "1.0", true, false},
+      {"1.10", "1.010", false, false},
+      {"1.99999999999999999999999", "1.100000000000000000000000", true, false},  // beyond 64 bits
+      {"1.5a", "1.10", false, false},  // once a component is no plain number, bytes decide
+      {"1.a", "1.\xe9", true, false},  // bytes compare unsigned
+      {"", "0", true, false},  // unknown is below everything
+      {"", "", false, true},
+      {"!1.2", "1.3", true, false},
+      {"!1.0", "~1.0", false, true},
+      {"!!1", "1", true, false},  // only one mark is dropped
+  };
+  for (const auto& r : rows) {
+    EXPECT_EQ(version_less(r.a, r.b), r.less) << r.a << " < " << r.b;
+    EXPECT_EQ(version_equal(r.a, r.b), r.equal) << r.a << " == " << r.b;
+  }
+}
+
+TEST(HashEqual, ComparesAlignedDecorationsAndDigestsWithoutCase) {
+  const pair_row_t rows[] = {
+      {"#GOST3411_256_2012:ABcd", "#GOST3411_256_2012:abCD", true},
+      {"#T:ab", "$T:ab", true},
+      {"#T:ab", "#U:ab", false},
+      {"#t:ab", "#T:ab", false},
+      {"xT:ab", "#T:ab", false},
+      {"abcd", "#T:ABCD", true},
+      {"#SHA256:ab", "#GOST3411_256_2012:ab", true},  // decorations of different length are not compared
+      {"#T:ab", "#T:abc", false},
+  };
+  for (const auto& r : rows) EXPECT_EQ(hash_equal(r.a, r.b), r.expected) << r.a << " == " << r.b;
+}
+
+TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
+  fixtures::scratch_dir_t dir;
+  const std::pair<std::string, std::string> rows[] = {
+      {"\n\n 1.2.3 \n", "1.2.3"}, {"  # note\n3\n4\n", "3"}, {"\r\n\t1.0\r\n", "1.0"}, {"6 # kept\n", "6 # kept"},
+      {"\n  \n# only notes\n", ""},
+  };
+  for (const auto& [content, expected] : rows) {
+    dir.write("tool.exe.version", content);
+    std::string version = "old";
+    current_version_of(dir.path(), "tool.exe", version, false);
+    EXPECT_EQ(version, expected) << content;
+  }
+  fixtures::log_records_t logs;
+  std::string version = "old";
+  current_version_of(dir.path(), "missing", version, false);
+  EXPECT_TRUE(logs.all().empty() && version == "old");  // a missing record changes nothing
+  current_version_of(dir.path(), "missing", version, true);
+  ASSERT_EQ(logs.all().size(), 1u);
+  EXPECT_EQ(logs.all()[0].attrs[0],
+            "[missing] current version undefined, can't open file for reading: " + dir.path("missing.version"));
+}
+
+const std::string gost = "#GOST3411_256_2012:";
+
+// declare adds one placeholder per type and file. A stored hash with a value
+// never finds an earlier one, since the search text is longer than the
+// decoration it is compared with: only a placeholder is overwritten.
+TEST(HashCache, DeclareAddsPlaceholdersAndStoreOverwritesOnlyThem) {
+  hash_cache_t cache;
+  cache.store("a", "#T:1");
+  cache.declare("a");
+  cache.declare("a");
+  cache.declare("#T:a");  // a known value of the type is enough
+  cache.declare(std::string_view("c\0tail", 6));
+  cache.store("a", "#T:2");
+  cache.store("a", "#T:2");
+  cache.store("b", "#T:9");
+  cache.store("b", "#T:");
+  for (const char* undecorated : {"abcd", "#abc", "abc:def"}) cache.store("a", undecorated);
+  cache.store("", "#T:1");
+  EXPECT_EQ(cache.entries["a"], (string_list_t{"#T:1", gost, "#T:2", "#T:2"}));
+  EXPECT_EQ(cache.entries["b"], (string_list_t{"#T:"}));
+  EXPECT_EQ(cache.entries["c"], (string_list_t{gost}));
+  EXPECT_EQ(cache.entries.size(), 3u);
+}
+
+TEST(HashCache, GetCalculatesOncePerTypeAndRetriesAfterAFailure) {
+  fixtures::scratch_dir_t dir;
+  const std::string path = dir.path("f");
+  hash_cache_t cache;
+  std::string value;
+  EXPECT_FALSE(hash_cache_t::get(cache, path, value));
+  ASSERT_EQ(cache.entries.count(path), 1u);  // the entry stays, empty
+  EXPECT_TRUE(cache.entries[path].empty());
+
+  dir.write("f", "first");
+  std::string expected, expected_sha;
+  ASSERT_TRUE(HashFileChecker::CalcHash(path, "", expected));
+  ASSERT_TRUE(HashFileChecker::CalcHash(path, "#SHA256:", expected_sha));
+  value.clear();
+  ASSERT_TRUE(hash_cache_t::get(cache, path, value));
+  EXPECT_EQ(value, expected);
+
+  dir.write("f", "changed since");  // the map answers without reading the disk
+  value.clear();
+  ASSERT_TRUE(hash_cache_t::get(cache, path, value));
+  EXPECT_EQ(value, expected);
+
+  dir.write("f", "first");
+  value.clear();
+  ASSERT_TRUE(hash_cache_t::get(cache, "#SHA256:" + path, value));
+  EXPECT_EQ(value, expected_sha);
+  EXPECT_EQ(cache.entries[path], (string_list_t{expected, expected_sha}));
+  value = "#SHA256:";  // a value passed in wins over the decoration of the path
+  ASSERT_TRUE(hash_cache_t::get(cache, gost + path, value));
+  EXPECT_EQ(value, expected_sha);
+}
+
+enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone };
+
+struct row_t {
+  file_state_t from;
+  change_t change;
+  bool needed;  // the version record is below the rule's version
+  file_state_t to;
+  bool download_kept;  // the partial and the finished file are still there
+  const char* logged;  // a text the decision logs, or ""
+};
+
+TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
+  const row_t rows[] = {
+      {file_undecided, nothing, true, file_outofdate, true, ""},
+      {file_uptodate, nothing, true, file_outofdate, true, ""},
+      {file_outofdate, nothing, true, file_outofdate, true, ""},
+      {file_download, nothing, true, file_outofdate, true, "previous download operation has not been completed"},
+      {file_downloaded, nothing, true, file_downloaded, true, " resume from state: downloaded, current version: 1"},
+      {file_install, nothing, true, file_downloaded, true, "previous installation operation was not successful"},
+      {file_install, file_gone, true, file_outofdate, true, "resume from state: outofdate"},
+      {file_installed, nothing, true, file_installed, true, " resume from state: installed"},
+      {file_downloaded, version_raised, true, file_outofdate, false, "[f] update version changed: 2, was: 1.5"},
+      {file_uptodate, version_raised, true, file_outofdate, false, "[f] update version changed"},
+      {file_downloaded, hash_changed, true, file_outofdate, false, "[f] hash of downloaded file changed: #T:bb"},
+      {file_downloaded, hash_case_only, true, file_downloaded, true, ""},
+      {file_download, size_changed, true, file_outofdate, true, "[f] file size changed: 20, was: 10"},
+      {file_undecided, nothing, false, file_uptodate, true, ""},
+      {file_uptodate, nothing, false, file_uptodate, true, ""},
+      {file_outofdate, nothing, false, file_uptodate, false, "[f] update not finished, state was: outofdate"},
+      {file_download, nothing, false, file_uptodate, false, "update not finished"},
+      {file_downloaded, nothing, false, file_uptodate, false, "update not finished"},
+      {file_install, nothing, false, file_uptodate, false, "update not finished"},
+      {file_installed, nothing, false, file_uptodate, true, ""},
+      {file_installed, version_raised, false, file_uptodate, false, "[f] update version changed"},
+  };
+  for (const auto& row : rows) {
+    reset_module_for_tests();
+    fixtures::scratch_dir_t dir;
+    fixtures::log_records_t log;
+    const std::string old_version = row.change == version_raised ? "1.5" : "2";
+    dir.write("f.version", row.needed ? "# record\n\n 1 \n" : "2\n");
+    const std::string partial = dir.write("f.download." + old_version, "part");
+    if (row.change != file_gone) dir.write("f", "whole");
+
+    file_rule_t rule;
+    rule.update_version = "2";
+    file_entry_t& entry = rule.entries.emplace_back();
+    entry.name = "f";
+    entry.local_path = dir.path("f");
+    entry.hash = row.change == hash_changed ? "#T:bb" : row.change == hash_case_only ? "AA" : "#T:aa";
+    entry.size = row.change == size_changed ? 20 : 10;
+    {
+      std::lock_guard<std::recursive_mutex> hold(status.lock);
+      status.save_enabled = false;
+      file_status_t& f = status.file_entry("f");
+      f.state = row.from;
+      f.update_version = old_version;
+      f.download_hash = "#T:aa";
+      f.total_size = 10;
+      f.uptodate_time = "then";
+      f.error = "old error";
+    }
+    plan_rule(rule, dir.path());
+
+    const std::string what = std::string(file_state_text(row.from)) + "/" + std::to_string(row.change) +
+                             (row.needed ? " needed" : " reached");
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    const file_status_t& f = status.files.front();
+    EXPECT_EQ(f.state, row.to) << what;
+    EXPECT_EQ(f.update_version, "2") << what;
+    EXPECT_EQ(f.current_version, row.needed ? "1" : "2") << what;
+    EXPECT_EQ(f.error, "") << what;
+    EXPECT_EQ(access(partial.c_str(), F_OK) == 0, row.download_kept) << what;
+    if (row.change != file_gone) {
+      EXPECT_EQ(access(dir.path("f").c_str(), F_OK) == 0, row.download_kept) << what;
+    }
+    EXPECT_EQ(f.download_hash.empty(), !row.download_kept) << what;
+    // A needed file always learns the rule's size.
+    EXPECT_EQ(f.total_size, row.needed ? entry.size : row.download_kept ? 10u : 0u) << what;
+    // Only a file that newly reaches the version is stamped.
+    EXPECT_EQ(f.uptodate_time == "then", row.needed || row.from == file_uptodate) << what;
+    if (*row.logged) {
+      EXPECT_EQ(log.all(row.logged).size(), 1u) << what << ": " << row.logged;
+    }
+  }
+}
+
+// A rule whose file needs no download to be told apart: no hash, no size.
+std::string ini_with(int index, const std::string& file) {
+  const std::string n = std::to_string(index);
+  return "[corvid]\nversion." + n + "=2\nfile." + n + "=" + file + "\nexec." + n + "=true\n";
+}
+
+class SourcesTest : public testing::ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    LPARAMS::server::set_verify_downloads(false);
+    std::string error;
+    ASSERT_TRUE(server_.start(error)) << error;
+    start_module();
+  }
+  std::string publish(const std::string& dir, const std::string& ini) {
+    EXPECT_TRUE(server_.put_file(dir + "/update.ini", ini));
+    return server_.url("/" + dir + "/");
+  }
+  std::string names_and_states() {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    std::string text;
+    for (const auto& f : status.files)
+      text += f.name + ":" + file_state_text(f.state) + (f.available ? "" : "(unavailable)") + " ";
+    return text;
+  }
+  std::string message_texts() {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    std::string text;
+    for (const auto& m : status.messages) text += "[" + m.text + "]";
+    return text;
+  }
+
+  fixtures::nginx_server_t server_;
+};
+
+TEST_F(SourcesTest, ACopyIsDroppedQuietlyAndAClaimedFileRefusesItsSource) {
+  const std::string a = publish("a", ini_with(1, "x.bin"));
+  const std::string copy = publish("copy", ini_with(1, "x.bin"));
+  const std::string rival = publish("rival", ini_with(1, "x.bin") + ini_with(2, "y.bin").substr(9));
+  run_and_wait(Command::check, {a, copy});
+  EXPECT_EQ(message_texts(), "[][][]");
+  EXPECT_EQ(logged("skipped, because same was obtained from: " + a), 1u);
+  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
+
+  run_and_wait(Command::check, {a, rival});
+  EXPECT_EQ(message_texts(), "[][][[x.bin] Duplicated file name in update.ini from: " + rival +
+                                 ", also present in update.ini from: " + a + "]");
+  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  EXPECT_EQ(status.result, status_error);
+}
+
+TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
+  const std::string a = publish("a", ini_with(1, "x.bin"));
+  const std::string b = publish("b", ini_with(1, "y.bin"));
+  run_and_wait(Command::check, {a, b});
+  ASSERT_EQ(names_and_states(), "x.bin:outofdate y.bin:outofdate ");
+  const std::string downloaded = scratch_.write("update/x.bin", "an earlier download");
+
+  publish("a", ini_with(1, "z.bin"));
+  run_and_wait(Command::check, {a, server_.url("/gone/")});
+  EXPECT_EQ(names_and_states(), "x.bin:outofdate(unavailable) y.bin:outofdate(unavailable) z.bin:outofdate ");
+  EXPECT_EQ(access(downloaded.c_str(), F_OK), 0);
+
+  run_and_wait(Command::check, {a, b});
+  EXPECT_EQ(names_and_states(), "y.bin:outofdate z.bin:outofdate ");
+  EXPECT_NE(access(downloaded.c_str(), F_OK), 0);
+  EXPECT_EQ(logged("[x.bin] file removed from update, current version: , state: outofdate"), 1u);
+}
+
+// The merged sources' declarations replace the kept hashes, carrying their
+// values over; an undeclared one goes only when every source was merged.
+TEST(Reconcile, KeepsUndeclaredHashesWhileASourceIsMissing) {
+  for (const bool all_merged : {false, true}) {
+    status_t s;
+    s.save_enabled = false;
+    s.hashes.store("kept", "#T:1");
+    s.hashes.store("dropped", "#T:2");
+    std::list<update_ini_t> sources(2);
+    sources.front().merged = true;
+    sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
+    sources.back().merged = all_merged;
+    plans_t plans;
+    reconcile_status(sources, s, plans, "/nonexistent/");
+    std::string kept;
+    for (const auto& [file, list] : s.hashes.entries)
+      for (const auto& hash : list) kept += file + "=" + hash + " ";
+    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: ") << all_merged;
+  }
+}
+
+}  // namespace
+}  // namespace update
