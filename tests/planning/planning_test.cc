@@ -110,36 +110,27 @@ TEST(HashCache, DeclareAddsPlaceholdersAndStoreOverwritesOnlyThem) {
   EXPECT_EQ(cache.entries.size(), 3u);
 }
 
+// A failure leaves the file's entry empty for the next try; a value once
+// calculated answers without reading the disk; the type of a value passed in
+// wins over the path's decoration.
 TEST(HashCache, GetCalculatesOncePerTypeAndRetriesAfterAFailure) {
   fixtures::scratch_dir_t dir;
   const std::string path = dir.path("f");
   hash_cache_t cache;
-  std::string value;
+  std::string value, gost_value, sha_value;
   EXPECT_FALSE(hash_cache_t::get(cache, path, value));
-  ASSERT_EQ(cache.entries.count(path), 1u);  // the entry stays, empty
-  EXPECT_TRUE(cache.entries[path].empty());
-
+  EXPECT_TRUE(cache.entries.at(path).empty());
   dir.write("f", "first");
+  ASSERT_TRUE(hash_cache_t::get(cache, path, gost_value));
+  dir.write("f", "changed since");
+  ASSERT_TRUE(hash_cache_t::get(cache, path, value = ""));
+  ASSERT_TRUE(hash_cache_t::get(cache, gost + path, sha_value = "#SHA256:"));
   std::string expected, expected_sha;
-  ASSERT_TRUE(HashFileChecker::CalcHash(path, "", expected));
-  ASSERT_TRUE(HashFileChecker::CalcHash(path, "#SHA256:", expected_sha));
-  value.clear();
-  ASSERT_TRUE(hash_cache_t::get(cache, path, value));
-  EXPECT_EQ(value, expected);
-
-  dir.write("f", "changed since");  // the map answers without reading the disk
-  value.clear();
-  ASSERT_TRUE(hash_cache_t::get(cache, path, value));
-  EXPECT_EQ(value, expected);
-
-  dir.write("f", "first");
-  value.clear();
-  ASSERT_TRUE(hash_cache_t::get(cache, "#SHA256:" + path, value));
-  EXPECT_EQ(value, expected_sha);
-  EXPECT_EQ(cache.entries[path], (string_list_t{expected, expected_sha}));
-  value = "#SHA256:";  // a value passed in wins over the decoration of the path
-  ASSERT_TRUE(hash_cache_t::get(cache, gost + path, value));
-  EXPECT_EQ(value, expected_sha);
+  ASSERT_TRUE(HashFileChecker::CalcHash(path, "", expected) && HashFileChecker::CalcHash(path, "#SHA256:", expected_sha));
+  EXPECT_EQ(value, gost_value);
+  EXPECT_NE(gost_value, expected);  // of the first contents
+  EXPECT_EQ(cache.entries[path], (string_list_t{gost_value, sha_value}));
+  EXPECT_EQ(sha_value, expected_sha);
 }
 
 enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone };

@@ -227,17 +227,6 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
   EXPECT_GE(disk_size(target), 20);
 }
 
-TEST_F(Download, TricklingServerIsDroppedAfterLowTime) {
-  ASSERT_TRUE(serve({"trickle&chunk=1&interval_ms=200"}));
-  params_t params = quick_params();
-  params.download_lowtime = 1, params.download_lowspeed = 1000;
-  auto start = clock_type::now();
-  EXPECT_FALSE(download_file(handle, server.url(), target, params, false));
-  EXPECT_LT(clock_type::now() - start, std::chrono::seconds(8));
-  EXPECT_EQ(reported().rfind("Download error: " + server.url() + " -> Operation too slow. Less than 1000 bytes/sec", 0),
-            0u) << reported();
-}
-
 // One byte sits in the stream before each call; the file on disk shows
 // whether the call flushed it.
 TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
