@@ -315,7 +315,7 @@ int run(const options_t& o) {
   }
   session_t session(o);
   if (!session.connect(path)) {
-    std::fprintf(stderr, "corvid-update-client: %s (is \"corvid-update serve\" running?)\n", session.error().c_str());
+    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
     return exit_failed;
   }
   bool result = false;
