@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -45,7 +46,8 @@ Commands:
 
 Options:
   --socket PATH   the bridge's socket (default: the var directory +
-                  "corvid_bridge.sock")
+                  "corvid_bridge.sock" if that exists, else the service's
+                  )" CORVID_SYSTEM_SOCKET R"()
   --root DIR      the agent root the daemon was given, to find its socket
   --yes, --no     answer the install question without asking (default: ask
                   when standard input is a terminal, else yes)
@@ -312,6 +314,9 @@ int run(const options_t& o) {
   if (path.empty()) {
     agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
     path = agent::default_socket_path();
+    // With no daemon of the user's own, the machine's service is the one meant.
+    std::error_code ignored;
+    if (o.root.empty() && !std::filesystem::exists(path, ignored)) path = CORVID_SYSTEM_SOCKET;
   }
   session_t session(o);
   if (!session.connect(path)) {

@@ -186,4 +186,18 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
 }
 
+// The package's programs, unpacked away from the build tree, find their libraries in its own layout.
+using PackageTest = HostTest;
+
+TEST_F(PackageTest, UnpackedHostChecksAgainstNginx) {
+  const std::string root = dir_.path("root"), host = root + "/usr/sbin/corvid-update";
+  ASSERT_EQ(std::system(("dpkg-deb -x '" CORVID_PACKAGE_FILE "' '" + root + "'").c_str()), 0);
+  EXPECT_NE(run({"--help"}, host).out.find("--socket-group NAME"), std::string::npos);
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  ASSERT_TRUE(server.put_file("repo/update.ini", read_file(CORVID_SOURCE_DIR "/examples/repo/update.ini")));
+  EXPECT_EQ(run({"--root", dir_.path("agent"), "check", server.url("/repo/")}, host).out, "update_state=outofdate\n");
+}
+
 }  // namespace
