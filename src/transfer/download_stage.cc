@@ -77,6 +77,23 @@ void download_rule(file_rule_t& rule, CURL* handle) {
     }
     const std::string temporary = download_name(entry.local_path, rule.update_version);
     if (!fetch(handle, entry, temporary, *rule.owner)) return;
+    // Hashed under its temporary name, so that a process that dies while a
+    // large file is hashed leaves a whole temporary file for the next run to
+    // take without a request. The disk writes it meanwhile; the status may
+    // say "downloaded" only once the data would survive a power loss.
+    platform::start_writeback(temporary.c_str());
+    set_checking_file(entry.name);
+    std::string calculated;
+    const bool hashed = HashFileChecker::CalcHash(temporary, entry.hash, calculated);
+    set_checking_file("");
+    if (!hashed) {
+      report_error(format_message("Failed to calculate hash for file: %s", temporary.c_str()));
+      return;
+    }
+    if (!platform::sync_path(temporary.c_str())) {
+      report_error(format_message("Failed to write downloaded file to disk: %s", temporary.c_str()));
+      return;
+    }
     // The file takes its final name before it is verified: a mismatch stands
     // in state 4 with its error, which keeps it from being installed.
     if (!move_file(temporary, entry.local_path)) {
@@ -85,21 +102,6 @@ void download_rule(file_rule_t& rule, CURL* handle) {
     }
     const uint64_t size = file_size(entry.local_path);
     if (size == 0) report(1, format_message("Empty file: %s", entry.local_path.c_str()));
-    // The disk writes the file while it is hashed; the status may say
-    // "downloaded" only once the data would survive a power loss.
-    platform::start_writeback(entry.local_path.c_str());
-    set_checking_file(entry.name);
-    std::string calculated;
-    const bool hashed = HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated);
-    set_checking_file("");
-    if (!hashed) {
-      report_error(format_message("Failed to calculate hash for file: %s", entry.local_path.c_str()));
-      return;
-    }
-    if (!platform::sync_path(entry.local_path.c_str())) {
-      report_error(format_message("Failed to write downloaded file to disk: %s", entry.local_path.c_str()));
-      return;
-    }
     {
       std::lock_guard<std::recursive_mutex> hold(status.lock);
       file_status_t& f = status.file_entry(entry.name);

@@ -155,7 +155,7 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
     const pid_t pid = start_install();
     if (attempts % 2 == 1) {
       // A random moment after the transfer began; at the latest as the file
-      // takes its final name, while it is hashed.
+      // takes its final name, before the status records it.
       wait_for(pid, [&] { return stamp(temporary) != before; });
       const auto end = std::chrono::steady_clock::now() + between(0, 600);
       wait_for(pid, [&] { return std::chrono::steady_clock::now() > end || std::filesystem::exists(final_path); });
