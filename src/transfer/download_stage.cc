@@ -29,12 +29,24 @@ bool begin_download(const file_entry_t& entry) {
   return true;
 }
 
+// True when local_path already holds the file the rule promises, by its size
+// and its hash.
+bool holds_promised_file(const file_entry_t& entry) {
+  if (entry.size == 0 || entry.hash.empty() || file_size(entry.local_path) != entry.size) return false;
+  std::string calculated;
+  return HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated) && hash_equal(entry.hash, calculated);
+}
+
 // A server answers a range at the end of a file with an error, so a
 // temporary file that is already whole (the process died before the move,
 // or the move failed) is taken as it stands; one that is larger than the
-// file can be is fetched anew from its first byte.
+// file can be is fetched anew from its first byte. A process that died
+// after the move and before the status said "downloaded" left no temporary
+// file but the whole one at its final name: it goes back and counts as whole.
 bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params) {
   uint64_t have = 0;
+  if (!platform::query_file_size(temporary.c_str(), have) && holds_promised_file(entry))
+    move_file(entry.local_path, temporary);
   if (entry.size != 0 && platform::query_file_size(temporary.c_str(), have)) {
     if (have == entry.size) {
       report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
@@ -65,6 +77,23 @@ void download_rule(file_rule_t& rule, CURL* handle) {
     }
     const std::string temporary = download_name(entry.local_path, rule.update_version);
     if (!fetch(handle, entry, temporary, *rule.owner)) return;
+    // Hashed under its temporary name, so that a process that dies while a
+    // large file is hashed leaves a whole temporary file for the next run to
+    // take without a request. The disk writes it meanwhile; the status may
+    // say "downloaded" only once the data would survive a power loss.
+    platform::start_writeback(temporary.c_str());
+    set_checking_file(entry.name);
+    std::string calculated;
+    const bool hashed = HashFileChecker::CalcHash(temporary, entry.hash, calculated);
+    set_checking_file("");
+    if (!hashed) {
+      report_error(format_message("Failed to calculate hash for file: %s", temporary.c_str()));
+      return;
+    }
+    if (!platform::sync_path(temporary.c_str())) {
+      report_error(format_message("Failed to write downloaded file to disk: %s", temporary.c_str()));
+      return;
+    }
     // The file takes its final name before it is verified: a mismatch stands
     // in state 4 with its error, which keeps it from being installed.
     if (!move_file(temporary, entry.local_path)) {
@@ -73,21 +102,6 @@ void download_rule(file_rule_t& rule, CURL* handle) {
     }
     const uint64_t size = file_size(entry.local_path);
     if (size == 0) report(1, format_message("Empty file: %s", entry.local_path.c_str()));
-    // The disk writes the file while it is hashed; the status may say
-    // "downloaded" only once the data would survive a power loss.
-    platform::start_writeback(entry.local_path.c_str());
-    set_checking_file(entry.name);
-    std::string calculated;
-    const bool hashed = HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated);
-    set_checking_file("");
-    if (!hashed) {
-      report_error(format_message("Failed to calculate hash for file: %s", entry.local_path.c_str()));
-      return;
-    }
-    if (!platform::sync_path(entry.local_path.c_str())) {
-      report_error(format_message("Failed to write downloaded file to disk: %s", entry.local_path.c_str()));
-      return;
-    }
     {
       std::lock_guard<std::recursive_mutex> hold(status.lock);
       file_status_t& f = status.file_entry(entry.name);

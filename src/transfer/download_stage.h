@@ -9,8 +9,8 @@ namespace update {
 
 // For each entry of rule in order: a file in state 2 or 3 (available, not
 // skipped) is fetched with resume to local_path + ".download." + version,
-// moved to local_path, hashed and left in state 4; any other entry is only
-// marked ready. exec_before_download runs once, before the first file that
+// hashed there, synced, moved to local_path and left in state 4, then
+// verified; any other entry is only marked ready. exec_before_download runs once, before the first file that
 // is fetched. Stops at the first failure, which is in the status by then.
 // A temporary file already as large as the entry's non-zero size is taken
 // without a request; a larger one is deleted and fetched anew. Update

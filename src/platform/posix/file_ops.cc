@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <system_error>
+#include <thread>
 
 namespace update::platform {
 
@@ -188,8 +190,16 @@ bool sync_path(const char* path) {
 void start_writeback(const char* path) {
   const int fd = path ? ::open(path, O_RDONLY | O_CLOEXEC) : -1;
   if (fd < 0) return;
-  ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
-  ::close(fd);
+  // Handing a large file to the disk blocks while the device's queue is
+  // full, so a thread of its own does it and the caller goes on at once.
+  try {
+    std::thread([fd] {
+      ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+      ::close(fd);
+    }).detach();
+  } catch (const std::system_error&) {
+    ::close(fd);  // no thread to spare: a later sync does all the work
+  }
 }
 
 bool sync_directory_of(const char* path) {
