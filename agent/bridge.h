@@ -39,11 +39,13 @@ bool write_frame(int fd, const frame_t& frame);
 // "corvid_bridge.sock".
 std::string default_socket_path();
 
-// Starts the server: binds path (owner-only, its directory made if needed;
-// a stale socket file left by a dead server is replaced), accepts clients on
-// a thread of its own and serves each on another. False with a reason when
-// the socket cannot be made or another server answers on it.
-bool start_bridge(const std::string& path, std::string& error);
+// Starts the server: binds path (its directory made if needed; a stale
+// socket file left by a dead server is replaced), accepts clients on a
+// thread of its own and serves each on another. The socket is owner-only,
+// or, with a group named, owned by that group with mode 0660 so that its
+// members may connect. False with a reason when the group is unknown, the
+// socket cannot be made or another server answers on it.
+bool start_bridge(const std::string& path, std::string& error, const std::string& group = "");
 // Disconnects every client, ends waiting notifications with false, joins the
 // threads and removes the socket file. Safe to call when not started.
 void stop_bridge();
@@ -64,6 +66,8 @@ class bridge_client_t {
   bridge_client_t(const bridge_client_t&) = delete;
   bridge_client_t& operator=(const bridge_client_t&) = delete;
 
+  // False with a reason; a client the socket's permissions refuse is told
+  // the group whose members may connect.
   bool connect(const std::string& path, std::string& error);
   // Sends a command and waits for its reply, answering the notifications
   // that come meanwhile through answer. False with a reason when the

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -182,8 +183,30 @@ void accept_clients() {
   }
 }
 
+// The id of the group called name; false when there is none.
+bool group_id(const std::string& name, gid_t& id) {
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return false;
+  id = found->gr_gid;
+  return true;
+}
+
+// Owner-only, or shared with the members of group (gid) when one is named.
+bool set_access(const std::string& path, const std::string& group, gid_t gid) {
+  if (group.empty()) return ::chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0;
+  return ::chown(path.c_str(), static_cast<uid_t>(-1), gid) == 0 &&
+         ::chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) == 0;
+}
+
 // Binds path, replacing a socket file no server answers on any more.
-int bind_socket(const std::string& path, std::string& error) {
+int bind_socket(const std::string& path, const std::string& group, std::string& error) {
+  gid_t gid = 0;
+  if (!group.empty() && !group_id(group, gid)) {
+    error = "unknown group " + group + " for the socket " + path;
+    return -1;
+  }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -208,10 +231,19 @@ int bind_socket(const std::string& path, std::string& error) {
     ::unlink(path.c_str());
   }
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(fd, 16) != 0) {
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     error = "cannot listen on " + path + ": " + std::strerror(errno);
     if (fd >= 0) ::close(fd);
+    return -1;
+  }
+  // Until listen, nobody can connect, whatever the mode on the way.
+  const bool shared = set_access(path, group, gid);
+  if (!shared || ::listen(fd, 16) != 0) {
+    const int code = errno;
+    error = (shared || group.empty() ? "cannot listen on " + path : "cannot give " + path + " to group " + group) +
+            ": " + std::strerror(code);
+    ::close(fd);
+    ::unlink(path.c_str());
     return -1;
   }
   return fd;
@@ -219,14 +251,14 @@ int bind_socket(const std::string& path, std::string& error) {
 
 }  // namespace
 
-bool start_bridge(const std::string& path, std::string& error) {
+bool start_bridge(const std::string& path, std::string& error, const std::string& group) {
   bridge_t& b = bridge();
   std::lock_guard<std::mutex> control(b.control_lock);
   if (b.listen_fd >= 0) {
     error = "the bridge is already serving " + b.path;
     return false;
   }
-  const int fd = bind_socket(path, error);
+  const int fd = bind_socket(path, group, error);
   if (fd < 0) return false;
   if (::pipe2(b.wake_pipe, O_CLOEXEC) != 0) {
     error = std::string("cannot make a pipe: ") + std::strerror(errno);

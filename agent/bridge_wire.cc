@@ -1,10 +1,13 @@
 // Frames of the command bridge, and a client's end of a connection.
 #include <cerrno>
 #include <cstring>
+#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 #include "agent/bridge.h"
 #include "platform/agent_paths.h"
@@ -37,6 +40,21 @@ int read_all(int fd, char* data, size_t size) {
     }
   }
   return 0;
+}
+
+// Why the socket's permissions refuse this user: the group that may connect
+// (its number when it has no name), or none when the socket is owner-only.
+std::string refusal_reason(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return "";
+  if ((st.st_mode & S_IWGRP) == 0) return " (the socket is its owner's only)";
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  const bool named = ::getgrgid_r(st.st_gid, &entry, buffer.data(), buffer.size(), &found) == 0 && found;
+  const std::string name = named ? found->gr_name : std::to_string(st.st_gid);
+  return "; the user must be a member of the group \"" + name +
+         "\" that owns the socket (and log in again after joining it)";
 }
 
 }  // namespace
@@ -96,7 +114,10 @@ bool bridge_client_t::connect(const std::string& path, std::string& error) {
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    error = "cannot connect to " + path + ": " + std::strerror(errno);
+    const int code = errno;
+    error = "cannot connect to " + path + ": " + std::strerror(code);
+    if (code == EACCES) error += refusal_reason(path);
+    if (code == ENOENT || code == ECONNREFUSED) error += " (is \"corvid-update serve\" running?)";
     if (fd >= 0) ::close(fd);
     return false;
   }

@@ -67,19 +67,9 @@ using bench::write_random_file;
 
 int benchmark_main(const std::string& self) {
   fixtures::nginx_server_t nginx;
-  std::string error;
-  if (!nginx.start(error)) {
-    std::fprintf(stderr, "bench_download: nginx: %s\n", error.c_str());
-    return 1;
-  }
-  const std::string work = fixtures::make_temp_dir("corvid-bench-");
-  struct cleanup_t {
-    std::string dir;
-    ~cleanup_t() {
-      std::error_code ignored;
-      std::filesystem::remove_all(dir, ignored);
-    }
-  } cleanup{work};
+  if (!bench::start_nginx(nginx, "bench_download")) return 1;
+  const bench::work_dir_t work_dir;
+  const std::string& work = work_dir.path;
   const std::string source = nginx.root() + "/big.bin";
   const std::string ours = work + "/ours.bin";
   const std::string theirs = work + "/curl.bin";

@@ -160,19 +160,9 @@ bool run_workload(const fixtures::nginx_server_t& nginx, const std::string& self
 
 int benchmark_main(const std::string& self) {
   fixtures::nginx_server_t nginx;
-  std::string error;
-  if (!nginx.start(error)) {
-    std::fprintf(stderr, "bench_download_stage: nginx: %s\n", error.c_str());
-    return 1;
-  }
-  const std::string work = fixtures::make_temp_dir("corvid-bench-");
-  struct cleanup_t {
-    std::string dir;
-    ~cleanup_t() {
-      std::error_code ignored;
-      std::filesystem::remove_all(dir, ignored);
-    }
-  } cleanup{work};
+  if (!bench::start_nginx(nginx, "bench_download_stage")) return 1;
+  const bench::work_dir_t work_dir;
+  const std::string& work = work_dir.path;
   const workload_t workloads[] = {
       {"1 x 1 GiB", 1, uint64_t{1} << 30, 3, 1.10},
       {"100 x 1 MiB", 100, uint64_t{1} << 20, 5, 1.25},

@@ -11,9 +11,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "fixtures/nginx_server.h"
 
 namespace bench {
 
@@ -90,5 +93,26 @@ inline double median(std::vector<double> values) {
 }
 
 inline const char* verdict(bool pass) { return pass ? "PASS" : "FAIL"; }
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes; empty path on failure.
+struct work_dir_t {
+  std::string path = fixtures::make_temp_dir("corvid-bench-");
+  work_dir_t() = default;
+  work_dir_t(const work_dir_t&) = delete;
+  work_dir_t& operator=(const work_dir_t&) = delete;
+  ~work_dir_t() {
+    std::error_code ignored;
+    if (!path.empty()) std::filesystem::remove_all(path, ignored);
+  }
+};
+
+// Starts nginx, telling why it could not under the benchmark's name.
+inline bool start_nginx(fixtures::nginx_server_t& nginx, const char* name) {
+  std::string error;
+  if (nginx.start(error)) return true;
+  std::fprintf(stderr, "%s: nginx: %s\n", name, error.c_str());
+  return false;
+}
 
 }  // namespace bench

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "agent/bridge.h"
 #include "client/responder.h"
 #include "status/status.h"
+#include "support/byte_layout.h"
 
 namespace client {
 
@@ -45,7 +47,8 @@ Commands:
 
 Options:
   --socket PATH   the bridge's socket (default: the var directory +
-                  "corvid_bridge.sock")
+                  "corvid_bridge.sock" if that exists, else the service's
+                  )" CORVID_SYSTEM_SOCKET R"()
   --root DIR      the agent root the daemon was given, to find its socket
   --yes, --no     answer the install question without asking (default: ask
                   when standard input is a terminal, else yes)
@@ -136,30 +139,17 @@ struct snapshot_t {
 };
 
 bool parse_status(const std::string& reply, bool with_revision, snapshot_t& s) {
-  size_t at = 0;
-  auto number = [&](void* out, size_t size) {
-    if (reply.size() - at < size) return false;
-    std::memcpy(out, reply.data() + at, size);
-    at += size;
-    return true;
-  };
-  auto counted = [&](std::string& text) {
-    uint32_t length = 0;
-    if (!number(&length, sizeof length) || reply.size() - at < length) return false;
-    text.assign(reply, at, length);
-    at += length;
-    return true;
-  };
+  update::byte_reader_t r(reply);
   s = snapshot_t{};
-  if (with_revision && !number(&s.revision, sizeof s.revision)) return false;
-  if (!number(&s.result, sizeof s.result)) return false;
+  if (with_revision && !r.number(s.revision)) return false;
+  if (!r.number(s.result)) return false;
   if (s.result == update::status_download)
-    return number(&s.download_size, 8) && number(&s.total_size, 8) && counted(s.checking_file);
+    return r.number(s.download_size) && r.number(s.total_size) && r.counted(s.checking_file);
   if (s.result == update::status_error) {
     uint32_t count = 0;
-    if (!number(&count, sizeof count)) return false;
+    if (!r.number(count)) return false;
     for (uint32_t i = 0; i < count; ++i)
-      if (!counted(s.messages.emplace_back())) return false;
+      if (!r.counted(s.messages.emplace_back())) return false;
   }
   return true;
 }
@@ -312,10 +302,13 @@ int run(const options_t& o) {
   if (path.empty()) {
     agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
     path = agent::default_socket_path();
+    // With no daemon of the user's own, the machine's service is the one meant.
+    std::error_code ignored;
+    if (o.root.empty() && !std::filesystem::exists(path, ignored)) path = CORVID_SYSTEM_SOCKET;
   }
   session_t session(o);
   if (!session.connect(path)) {
-    std::fprintf(stderr, "corvid-update-client: %s (is \"corvid-update serve\" running?)\n", session.error().c_str());
+    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
     return exit_failed;
   }
   bool result = false;

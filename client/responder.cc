@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "platform/process.h"
+#include "support/byte_layout.h"
 
 namespace client {
 
@@ -13,29 +14,6 @@ namespace {
 
 constexpr uint32_t install_question_id = 6;
 constexpr uint32_t client_message_id = 7;
-
-// Reads the module's fields from a body, refusing to run past its end.
-class body_reader_t {
- public:
-  explicit body_reader_t(const std::string& body) : body_(body) {}
-  bool number(void* out, size_t size) {
-    if (body_.size() - at_ < size) return false;
-    std::memcpy(out, body_.data() + at_, size);
-    at_ += size;
-    return true;
-  }
-  bool counted(std::string& text) {
-    uint32_t length = 0;
-    if (!number(&length, sizeof length) || body_.size() - at_ < length) return false;
-    text.assign(body_, at_, length);
-    at_ += length;
-    return true;
-  }
-
- private:
-  const std::string& body_;
-  size_t at_ = 0;
-};
 
 void print_list(const char* title, const std::string& list) {
   if (list.empty()) return;
@@ -73,18 +51,18 @@ bool read_answer(int32_t timeout_seconds, std::string& line, bool& timed_out) {
 answer_t default_answer() { return isatty(STDIN_FILENO) == 1 ? answer_t::ask : answer_t::yes; }
 
 bool parse_install_question(const std::string& body, install_question_t& q) {
-  body_reader_t r(body);
+  update::byte_reader_t r(body);
   return r.counted(q.exec_sys) && r.counted(q.exec_user) && r.counted(q.display_name) && r.counted(q.message) &&
-         r.counted(q.ready_files) && r.counted(q.other_files) && r.number(&q.timeout, sizeof q.timeout) &&
+         r.counted(q.ready_files) && r.counted(q.other_files) && r.number(q.timeout) &&
          r.counted(q.uri);
 }
 
 bool parse_client_message(const std::string& body, client_message_t& m) {
-  body_reader_t r(body);
-  if (!r.number(&m.kind, 1)) return false;
+  update::byte_reader_t r(body);
+  if (!r.number(m.kind)) return false;
   if (m.kind == 0) return r.counted(m.text);
   uint8_t wait = 0, silent = 0;
-  if (m.kind != 1 || !r.counted(m.text) || !r.number(&wait, 1) || !r.number(&silent, 1)) return false;
+  if (m.kind != 1 || !r.counted(m.text) || !r.number(wait) || !r.number(silent)) return false;
   m.wait = wait == 1;
   m.silent = silent == 1;
   return true;
@@ -92,9 +70,8 @@ bool parse_client_message(const std::string& body, client_message_t& m) {
 
 std::string exec_user_reply(bool result, const std::string& text) {
   std::string reply(1, result ? '\x01' : '\x00');
-  const uint32_t length = static_cast<uint32_t>(text.size());
-  reply.append(reinterpret_cast<const char*>(&length), sizeof length);
-  return reply + text;
+  update::append_counted(reply, text);
+  return reply;
 }
 
 bool run_user_command(const std::string& command_line, bool wait, std::string& text) {

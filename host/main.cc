@@ -156,7 +156,7 @@ int serve(const options_t& options) {
   update::init();
   const std::string socket = options.socket.empty() ? agent::default_socket_path() : options.socket;
   std::string error;
-  if (!agent::start_bridge(socket, error)) {
+  if (!agent::start_bridge(socket, error, options.socket_group)) {
     {
       TLogMessage log(log_id_failure);
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);
@@ -169,7 +169,9 @@ int serve(const options_t& options) {
   }
   {
     TLogMessage log(log_id_course);
-    log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, "listening on " + socket);
+    const std::string& group = options.socket_group;
+    log.append_attr(log_attr_text, "serve")
+        .append_attr(log_attr_text, "listening on " + socket + (group.empty() ? "" : " for group " + group));
   }
   if (isatty(STDERR_FILENO) == 1)
     std::fprintf(stderr, "corvid-update: serving on %s; SIGTERM or Ctrl-C stops\n", socket.c_str());

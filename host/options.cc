@@ -33,6 +33,7 @@ constexpr value_option_t value_options[] = {
     {"--log", &options_t::log_file},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
+    {"--socket-group", &options_t::socket_group},
     {"--answer", &options_t::answer},
     {"--product-version", &options_t::product_version},
     {"--product-build", &options_t::product_build},
@@ -135,7 +136,7 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
 
 const char* usage_text() {
   return R"(Usage: corvid-update [OPTIONS] COMMAND [URI...]
-       corvid-update [OPTIONS] status [--xml]
+  or:  corvid-update [OPTIONS] status [--xml]
 
 Runs one command of the update module against the update sources given as
 URIs, in order, and prints the module's status when the command has ended:
@@ -181,6 +182,9 @@ Options:
                         the user are run by corvid-update itself
   --socket PATH         serve: the bridge's socket (default: the var
                         directory + "corvid_bridge.sock")
+  --socket-group NAME   serve: the socket belongs to group NAME with mode
+                        0660, so that the group's members may use the client
+                        (default: the socket is owner-only)
   --help                this text
 
 A client's code 8 bytes reach a serving host as a command line: a command

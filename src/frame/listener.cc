@@ -7,6 +7,7 @@
 #include "frame/request.h"
 #include "frame/update.h"
 #include "status/status.h"
+#include "support/byte_layout.h"
 #include "support/stream_error.h"
 
 namespace update {
@@ -17,19 +18,6 @@ namespace {
 
 // The bridge's number for this module's listener.
 constexpr int32_t listener_data = 11;
-
-// Numbers go out in the machine's byte order, without padding.
-template <typename T>
-void append_number(std::string& out, T value) {
-  char bytes[sizeof value];
-  std::memcpy(bytes, &value, sizeof value);
-  out.append(bytes, sizeof value);
-}
-
-void append_bytes(std::string& out, const std::string& text) {
-  append_number(out, static_cast<uint32_t>(text.size()));
-  out += text;
-}
 
 }  // namespace
 
@@ -50,10 +38,10 @@ bool write_binary_status(const std::string& request, std::string& reply) {
   if (status.result == status_download) {
     append_number(reply, status.sum_download_size());
     append_number(reply, status.sum_total_size());
-    append_bytes(reply, status.checking_file);
+    append_counted(reply, status.checking_file);
   } else if (status.result == status_error) {
     append_number(reply, static_cast<uint32_t>(status.messages.size()));
-    for (const auto& message : status.messages) append_bytes(reply, message.text);
+    for (const auto& message : status.messages) append_counted(reply, message.text);
   }
   return true;
 }

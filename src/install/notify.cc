@@ -1,10 +1,10 @@
 #include "install/notify.h"
 
 #include <cstdint>
-#include <cstring>
 
 #include "platform/command_bridge.h"
 #include "status/status.h"
+#include "support/byte_layout.h"
 #include "support/stream_error.h"
 
 namespace update {
@@ -16,18 +16,6 @@ namespace {
 constexpr bool notify_errors = false;
 
 constexpr long no_time_limit = -1;
-constexpr size_t exec_reply_header = 5;  // result byte and text length
-
-void append_u32(std::string& out, uint32_t value) {
-  char bytes[sizeof value];
-  std::memcpy(bytes, &value, sizeof value);
-  out.append(bytes, sizeof value);
-}
-
-void append_counted(std::string& out, const std::string& text) {
-  append_u32(out, static_cast<uint32_t>(text.size()));
-  out += text;
-}
 
 void append_entry(std::string& list, const file_entry_t& entry) {
   if (!list.empty()) list += '\n';
@@ -68,14 +56,10 @@ std::string client_text_body(const std::string& text) {
 }
 
 bool read_exec_user_reply(const std::string& reply, std::string& text) {
-  if (reply.empty()) raise_stream_error();
-  const bool result = reply[0] == 1;
-  if (reply.size() < exec_reply_header) raise_stream_error();
-  uint32_t length = 0;
-  std::memcpy(&length, reply.data() + 1, sizeof length);
-  if (uint64_t{length} + exec_reply_header > reply.size()) raise_stream_error();
-  text.assign(reply, exec_reply_header, length);
-  return result;
+  byte_reader_t r(reply);
+  uint8_t result = 0;
+  if (!r.number(result) || !r.counted(text)) raise_stream_error();
+  return result == 1;
 }
 
 bool notify_install(const update_ini_t& owner, const file_rule_t& rule, bool with_uri) {

@@ -29,12 +29,24 @@ bool begin_download(const file_entry_t& entry) {
   return true;
 }
 
+// True when local_path already holds the file the rule promises, by its size
+// and its hash.
+bool holds_promised_file(const file_entry_t& entry) {
+  if (entry.size == 0 || entry.hash.empty() || file_size(entry.local_path) != entry.size) return false;
+  std::string calculated;
+  return HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated) && hash_equal(entry.hash, calculated);
+}
+
 // A server answers a range at the end of a file with an error, so a
 // temporary file that is already whole (the process died before the move,
 // or the move failed) is taken as it stands; one that is larger than the
-// file can be is fetched anew from its first byte.
+// file can be is fetched anew from its first byte. A process that died
+// after the move and before the status said "downloaded" left no temporary
+// file but the whole one at its final name: it goes back and counts as whole.
 bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params) {
   uint64_t have = 0;
+  if (!platform::query_file_size(temporary.c_str(), have) && holds_promised_file(entry))
+    move_file(entry.local_path, temporary);
   if (entry.size != 0 && platform::query_file_size(temporary.c_str(), have)) {
     if (have == entry.size) {
       report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));

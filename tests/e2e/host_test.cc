@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -24,8 +25,9 @@ struct outcome_t {
 class HostTest : public ::testing::Test {
  protected:
   // Runs the host with its per-user state kept inside the test's directory.
-  outcome_t run(const std::vector<std::string>& args, const char* program = "corvid-update") {
-    std::string command = "XDG_STATE_HOME='" + dir_.path("state") + "' '" CORVID_BIN_DIR "/" + program + "'";
+  outcome_t run(const std::vector<std::string>& args, const std::string& program = "corvid-update") {
+    std::string command = "XDG_STATE_HOME='" + dir_.path("state") + "' '" +
+                          (program[0] == '/' ? program : CORVID_BIN_DIR "/" + program) + "'";
     for (const auto& a : args) command += " '" + a + "'";
     command += " >'" + dir_.path("stdout") + "' 2>'" + dir_.path("stderr") + "'";
     const int wstatus = std::system(command.c_str());
@@ -75,7 +77,8 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
 
   const std::string socket = dir_.path("bridge.sock");
   const pid_t daemon = fixtures::spawn_child(
-      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "serve"}, -1, dir_.path("serve.log"));
+      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "--socket-group", "daemon", "serve"}, -1,
+      dir_.path("serve.log"));
   for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   const outcome_t once = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
   EXPECT_EQ(once.out.rfind("status: ", 0), 0u) << once.err;
@@ -94,10 +97,33 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     after = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
   }
   EXPECT_EQ(after.exit_code, 0) << after.out;
+  if (::getuid() == 0) {  // as other users: one outside the socket's group is told to join it, a member gets in
+    std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+    for (const auto& [groups, says] : {std::pair{"--clear-groups", "must be a member of the group \"daemon\" that owns"},
+                                       std::pair{"--groups=daemon", "status: uptodate"}}) {
+      const outcome_t o = run({"--reuid=nobody", "--regid=nogroup", groups, CORVID_BIN_DIR "/corvid-update-client",
+                               "--socket", socket, "status", "--once"}, "/usr/bin/setpriv");
+      EXPECT_NE((o.out + o.err).find(says), std::string::npos) << groups << ": " << o.out << o.err;
+    }
+  }
   fixtures::stop_child(daemon, 5000);
   EXPECT_FALSE(std::filesystem::exists(socket));
   EXPECT_NE(read_file(root + "/log/corvid_update.log").find("\tserve\tstopped\n"), std::string::npos);
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
+}
+
+// The package's programs, unpacked away from the build tree, find their libraries in its own layout.
+using PackageTest = HostTest;
+
+TEST_F(PackageTest, UnpackedHostChecksAgainstNginx) {
+  const std::string root = dir_.path("root"), host = root + "/usr/sbin/corvid-update";
+  ASSERT_EQ(std::system(("dpkg-deb -x '" CORVID_PACKAGE_FILE "' '" + root + "'").c_str()), 0);
+  EXPECT_NE(run({"--help"}, host).out.find("--socket-group NAME"), std::string::npos);
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  ASSERT_TRUE(server.put_file("repo/update.ini", read_file(CORVID_SOURCE_DIR "/examples/repo/update.ini")));
+  EXPECT_EQ(run({"--root", dir_.path("agent"), "check", server.url("/repo/")}, host).out, "update_state=outofdate\n");
 }
 
 }  // namespace
