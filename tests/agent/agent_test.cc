@@ -1,7 +1,7 @@
 // The agent's services to the module: the event manager (one worker, calls
 // in order, every queued call handed back cancelled at stop), the log (one
-// line per record, whatever its attributes hold), the two file helpers, and
-// the bridge with its clients over a real socket and the module's listener.
+// line per record, whatever its attributes hold), and the bridge with its
+// clients over a real socket and the module's listener.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -93,10 +93,8 @@ TEST_F(EventManagerTest, StopHandsQueuedCallsBackCancelled) {
       tag(1));
   EM_AsyncCall(queue_follow_up, tag(2));
   EM_AsyncCall(record, tag(3));
-  for (auto limit = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < limit;) {
-    std::lock_guard<std::mutex> hold(journal_lock);
-    if (!calls.empty()) break;
-  }
+  auto started = [] { std::lock_guard<std::mutex> hold(journal_lock); return !calls.empty(); };
+  while (!started()) std::this_thread::yield();
   std::thread stopper([] { agent::stop_event_manager(); });
   // A manager that is stopping refuses timers: the stop has begun.
   while (EM_SetTimer(100, 0, record, tag(9)) == 0) std::this_thread::yield();
@@ -119,26 +117,6 @@ TEST(Log, EveryRecordStaysOneLineWithItsFieldsEscaped) {
   const std::regex line(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\t)");
   const std::string text = fixtures::read_file(dir.path("sub/dir/corvid_update.log"));
   EXPECT_EQ(std::regex_replace(text, line, "T\t"), "T\t365\ttwo\\nlines\ttab\\there\\r\\\\ \\x01 end\nT\t367\n");
-}
-
-mode_t mode_of(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 ? st.st_mode & (S_IFMT | 0777) : 0;
-}
-
-TEST(AgentFs, MakesDirectoriesForTheOwnerAndMakesACompanionWritable) {
-  fixtures::scratch_dir_t dir;
-  EXPECT_EQ(agent_fs_mkdir_if_not_exist_rwx_usr(dir.path("a/b//c/")), 0);
-  EXPECT_EQ(mode_of(dir.path("a/b/c")), S_IFDIR | 0700u);
-  EXPECT_EQ(agent_fs_mkdir_if_not_exist_rwx_usr(dir.path("a/b//c/")), 0);  // existing is fine
-  const std::string file = dir.write("f", "x");
-  EXPECT_EQ(agent_fs_mkdir_if_not_exist_rwx_usr(file + "/under"), -1);
-
-  const std::string bak = dir.write("f.bak", "old");
-  ASSERT_EQ(chmod(bak.c_str(), 0444), 0);
-  EXPECT_EQ(agent_fs_chmod_bak_rw_usr(bak, file), 0);
-  EXPECT_EQ(mode_of(bak), S_IFREG | 0644u);
-  EXPECT_EQ(agent_fs_chmod_bak_rw_usr(dir.path("none.bak"), file), 0);  // none yet
 }
 
 }  // namespace

@@ -39,7 +39,6 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
   const std::pair<std::string, std::string> rows[] = {  // "": it loads
       {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
       {"message=hello\n", not_found + "'version'" + section},
-      {"[elsewhere]\nversion=1\n", not_found + "'version'" + section},
       {"version.1=2\n", not_found + "'exec.1'" + section},
       {"version=1\nfile=a,a\nhash=1,2\nexec=x\n", "duplicated file name: a"},
       {"version=1\nfile=a\nexec=x\n", "Parse 'update.ini' error: missing required field 'hash'. Turn off local "
@@ -154,8 +153,6 @@ TEST(ReadParams, ValueRulesByTheTable) {
            "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
       {"connect_timeout=12abc", "connect_timeout=60"},
       {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
-      {"download_lowspeed=1\ndownload_lowspeed=2", "download_lowspeed=2"},
-      {"timeout=20\nmessage_timeout=x", "timeout=20"},
       {"timeout=20\nmessage_timeout=5", "timeout=5"},
       {"message=hello", "silent="},
       {"download_rollback_size=9223372036854775807", "download_rollback_size=9223372036854775807"},
@@ -166,11 +163,6 @@ TEST(ReadParams, ValueRulesByTheTable) {
   };
   for (const auto& [lines, expected] : rows)
     EXPECT_NE(settings_of(lines).find(" " + expected + " "), std::string::npos) << lines << "\n" << settings_of(lines);
-}
-
-TEST(ParseBoolText, TrueOnlyForTheFourWordsInAnyCase) {
-  for (const char* text : {"1", "ON", "Yes", "tRuE"}) EXPECT_TRUE(parse_bool_text(text)) << text;
-  for (const char* text : {"0", "", "2", " 1", "yess"}) EXPECT_FALSE(parse_bool_text(text)) << text;
 }
 
 using vars_t = std::vector<std::pair<std::string, std::string>>;
@@ -184,14 +176,12 @@ TEST(Inivars, ApplySubstitutesByTheTable) {
       {{}, "$(x)", "$(x)", false},
       {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
       {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
-      {{{"x", ""}}, "a$(x)$(x)b", "ab", true},
       // List order decides how far a chain gets within one pass.
       {{{"x", "$(y)"}, {"y", "$(z)"}, {"z", "1"}}, "$(x)", "1", true},
       {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}}, "$(x)", "1", true},
       {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}, {"w", "$(x)"}}, "$(w)", "$(z)", true},  // three passes only
       {{{"a", "$(a)"}}, "$(a)", "$(a)", true},                                           // dies out, no error
       {{{"a", "$(a)x"}}, "$(a)", "$(a)xxx", true},  // an inserted value is not rescanned in its pass
-      {{{"a", "1"}, {"a", "2"}}, "$(a)$(a)", "11", true},
       {{{"k", "b"}, {"t.b", "found"}}, "$(t.$(k))", "found", true},  // computed lookups
   };
   for (const auto& row : rows) {
@@ -291,13 +281,9 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
   const std::pair<std::string, std::string> rows[] = {
       {"apply_if.version_of.agent=1.0.0", "f=1/0;"},
       {"apply_if.version_of.agent=1.0", "f=/0;"},  // no range: text equality
-      {"apply_if.version_of.agent= - 2", "f=1/0;"},
       {"f=x\napply_if.version_of.f=4.0-4.5", "f=1/0;"},  // the file's own version record
-      {"apply_if.version_of.tool=3-", "f=/0;"},
       {"apply_if.hash_of.tool=" + digest, "f=1/0;"},
       {"apply_if.hash_of.tool=" + hash_of(tool, "#SHA256:"), "f=1/0;"},  // computed in the type it names
-      {"apply_if.hash_of.tool=#SHA256:00", "f=/0;"},
-      {"apply_if.exec=true", "f=1/0;"},
       {"apply_if.exec=false", "f=/0;"},
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},

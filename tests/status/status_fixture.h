@@ -31,6 +31,10 @@ class StatusTest : public ::testing::Test {
     status.save_enabled = false;
     status.select_message(uri);
   }
+  static void set_module_state(module_state_t state) {
+    std::lock_guard<std::mutex> hold(module_lock);
+    module_state = state;
+  }
   static std::string reported() {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     return status.current_message ? status.current_message->text : "";
