@@ -106,6 +106,9 @@ for f in "$ROOT"/var/update/*.version; do echo "$(basename "$f"): $(cat "$f")"; 
 step "corvid-update --root $ROOT check $AGENT_SOURCE $SOURCE (a second look)"
 "$HOST" --root "$ROOT" --cmdid demo-2 check "$AGENT_SOURCE" "$SOURCE" 2>/dev/null
 echo "(exit status $?)"
+step "corvid-update --root $ROOT status (a new process reads back what the check left)"
+"$HOST" --root "$ROOT" status 2>/dev/null
+echo "(exit status $?)"
 
 SOCKET="$WORK/bridge.sock"
 step "corvid-update --root $ROOT --socket $SOCKET serve &"
