@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "description/inivars.h"
+#include "description/loader.h"
 #include "description/update_ini.h"
 #include "frame/curl_init.h"
 #include "frame/module.h"
@@ -27,7 +28,6 @@ curl_init_fn_t run_curl_init = curl_easy_init;
 
 namespace {
 
-constexpr const char* local_ini_name = "corvid_update.ini";
 
 struct curl_cleanup_t {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -76,22 +76,13 @@ bool expand_uri(inivars_t& vars, std::string& uri) {
   }
 }
 
-void select_owner_message(const file_rule_t& rule) { status.select_message(rule.owner ? rule.owner->uri : ""); }
-
-void download_step(const plans_t& plans, CURL* handle) {
-  if (!open_download_gate(status)) return;
+// Each rule's errors land in its source's message, and what comes after it
+// in the general one.
+template <typename Stage>
+void for_each_rule(const plans_t& plans, Stage stage) {
   for (file_rule_t* rule : plans) {
-    select_owner_message(*rule);
-    download_rule(*rule, handle);
-    select_first_message();
-  }
-}
-
-void install_step(const plans_t& plans, const request_t& request) {
-  if (!open_install_gate(status)) return;
-  for (file_rule_t* rule : plans) {
-    select_owner_message(*rule);
-    install_rule(*rule, request.command, request.update_path);
+    status.select_message(rule->owner ? rule->owner->uri : "");
+    stage(*rule);
     select_first_message();
   }
 }
@@ -172,14 +163,11 @@ void run_command(request_t& request) {
   select_first_message();
 
   reconcile_status(sources, status, plans, request.update_path);
-  for (file_rule_t* rule : plans) {
-    select_owner_message(*rule);
-    plan_rule(*rule, request.update_path);
-    select_first_message();
-  }
-
-  if (runs_downloads(request.command)) download_step(plans, handle.get());
-  if (runs_installs(request.command)) install_step(plans, request);
+  for_each_rule(plans, [&](file_rule_t& rule) { plan_rule(rule, request.update_path); });
+  if (runs_downloads(request.command) && open_download_gate(status))
+    for_each_rule(plans, [&](file_rule_t& rule) { download_rule(rule, handle.get()); });
+  if (runs_installs(request.command) && open_install_gate(status))
+    for_each_rule(plans, [&](file_rule_t& rule) { install_rule(rule, request.command, request.update_path); });
 
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.verify_versions(request.update_path);

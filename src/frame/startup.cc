@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "description/inivars.h"
+#include "description/loader.h"
 #include "description/update_ini.h"
 #include "frame/listener.h"
 #include "frame/module.h"
@@ -21,7 +22,6 @@ namespace update {
 
 namespace {
 
-constexpr const char* local_ini_name = "corvid_update.ini";
 constexpr const char* loopback_host = "localhost";
 constexpr const char* no_status_xml =
     "<update-status result=\"undefined\"><message>no update status</message></update-status>";

@@ -103,10 +103,6 @@ struct spawn_setup_t {
   bool ready_ = false;
 };
 
-}  // namespace
-
-namespace {
-
 int start(const std::string& command_line, process_t& process, bool for_user) {
   if (refuse_process_start()) return ENOSYS;
   std::vector<std::string> words;
