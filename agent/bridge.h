@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <sys/types.h>
+#include <vector>
 
 namespace agent {
 
@@ -15,6 +17,9 @@ enum frame_type_t : uint32_t {
   frame_command_reply = 2, // daemon -> client: value is the result (0 or 1)
   frame_notification = 3,  // daemon -> client: value is the notification id
   frame_answer = 4,        // client -> daemon: value 1 answered, 0 declined
+  frame_answering = 5,     // client -> daemon: this client answers notifications
+  frame_refusal = 6,       // daemon -> client: the frame of this serial, or with
+                           // serial 0 the connection, is refused; body: why
 };
 constexpr size_t frame_header_size = 16;
 // A body above this drops the connection that announced it.
@@ -30,22 +35,37 @@ struct frame_t {
 enum class frame_read_t { ok, closed, bad };
 // Reads one whole frame: closed at a clean end before a header, bad for a
 // cut frame, an unknown type or a body above the limit, or a read error.
-frame_read_t read_frame(int fd, frame_t& frame);
+// The wait for a frame's first byte has no limit; with a limit of time
+// (milliseconds, negative for none) the rest must come within it, or bad.
+frame_read_t read_frame(int fd, frame_t& frame, int limit_ms = -1);
 // Writes one whole frame; false if the connection failed. Never raises
 // SIGPIPE.
 bool write_frame(int fd, const frame_t& frame);
+
+// Group lookups: the id of the group called name (false when there is
+// none), the name of a group id (its number when it has none), and whether
+// the user uid has gid as its primary or one of its supplementary groups.
+bool group_id(const std::string& name, gid_t& id);
+std::string group_name(gid_t id);
+bool user_in_group(uid_t uid, gid_t gid);
 
 // Where the bridge listens unless told otherwise: systemVarDir() +
 // "corvid_bridge.sock".
 std::string default_socket_path();
 
 // Starts the server: binds path (its directory made if needed; a stale
-// socket file left by a dead server is replaced), accepts clients on a
-// thread of its own and serves each on another. The socket is owner-only,
-// or, with a group named, owned by that group with mode 0660 so that its
-// members may connect. False with a reason when the group is unknown, the
-// socket cannot be made or another server answers on it.
-bool start_bridge(const std::string& path, std::string& error, const std::string& group = "");
+// socket file left by a dead server is replaced; a path without a slash is
+// in the current directory), accepts clients on a thread of its own and
+// serves each on another. The socket is owner-only, or, with a group named,
+// owned by that group with mode 0660 so that its members may connect.
+// Who a peer is comes from the socket (its user and groups): root and the
+// daemon's own user may send every command; anyone connected may send the
+// open_codes; notifications go only to a client that said it answers them
+// and is root, the daemon's user or a member of the group. False with a
+// reason when the group is unknown or cannot reach the socket's directory,
+// the socket cannot be made or another server answers on it.
+bool start_bridge(const std::string& path, std::string& error, const std::string& group = "",
+                  const std::vector<uint32_t>& open_codes = {});
 // Disconnects every client, ends waiting notifications with false, joins the
 // threads and removes the socket file. Safe to call when not started.
 void stop_bridge();
@@ -71,13 +91,17 @@ class bridge_client_t {
   bool connect(const std::string& path, std::string& error);
   // Sends a command and waits for its reply, answering the notifications
   // that come meanwhile through answer. False with a reason when the
-  // connection fails or the daemon sends garbage.
+  // connection fails, the daemon refuses the command or sends garbage.
   bool call(uint32_t code, const std::string& request, bool& result, std::string& reply,
             const notification_answerer_t& answer, std::string& error);
+  // Tells the daemon that this client answers notifications; the latest
+  // such client is the one asked. False with the daemon's reason.
+  bool offer_answers(std::string& error);
   // Answers notifications for up to milliseconds.
   bool wait(int milliseconds, const notification_answerer_t& answer, std::string& error);
 
  private:
+  bool exchange(const frame_t& out, frame_t& reply, const notification_answerer_t& answer, std::string& error);
   bool answer_notification(const frame_t& frame, const notification_answerer_t& answer, std::string& error);
   int fd_ = -1;
   uint32_t next_serial_ = 1;

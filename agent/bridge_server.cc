@@ -1,11 +1,12 @@
 // The daemon's end of the command bridge: the listener registry, the socket
 // server with one thread per client, and notifications to the client.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -13,6 +14,7 @@
 #include <shared_mutex>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -27,44 +29,78 @@ namespace agent {
 
 namespace {
 
+// Who is at the other end of a connection, as the socket tells.
+struct peer_t {
+  uid_t uid = static_cast<uid_t>(-1);
+  pid_t pid = 0;
+  bool privileged = false;  // root or the daemon's own user: every command
+  bool may_answer = false;  // privileged, or a member of the socket's group
+};
+
 struct connection_t {
-  explicit connection_t(int fd, uint64_t number) : fd(fd), number(number) {}
+  explicit connection_t(int fd, uint64_t number, const peer_t& peer) : fd(fd), number(number), peer(peer) {}
   ~connection_t() { ::close(fd); }
   connection_t(const connection_t&) = delete;
   connection_t& operator=(const connection_t&) = delete;
 
   const int fd;
   const uint64_t number;
+  const peer_t peer;
   std::mutex write_lock;  // one frame at a time on the socket
   std::thread reader;     // joined by the acceptor or by stop_bridge
   bool gone = false;      // guarded by bridge_t::lock
+  uint64_t answering = 0;  // guarded by bridge_t::lock; when it offered answers, 0 never
 };
 
 // The one notification under way.
 struct pending_answer_t {
+  NotificationIdType id{};
+  const std::string* sent = nullptr;
+  bridge::server::AnswerCheck check = nullptr;
   std::shared_ptr<connection_t> target;
   uint32_t serial = 0;
   bool answered = false;
   bool accepted = false;
+  bool malformed = false;  // the target answered something unreadable and is dropped
   std::string body;
 };
 
 struct bridge_t {
   std::mutex control_lock;  // serialises start and stop
   std::mutex lock;
-  std::condition_variable changed;  // an answer came, a client went, or stop
+  std::condition_variable changed;  // an answer came, a client came or went, or stop
   std::list<std::shared_ptr<connection_t>> connections;  // guarded by lock
   pending_answer_t* pending = nullptr;                    // guarded by lock
   bool stopping = false;                                  // guarded by lock
   uint64_t next_number = 1;                               // guarded by lock
   uint32_t next_serial = 1;                               // guarded by lock
+  uint64_t next_offer = 1;                                // guarded by lock
   notification_answerer_t local;                          // guarded by lock
   std::mutex notify_lock;  // one notification at a time
+  // Set by start_bridge before the acceptor runs, read-only after.
   int listen_fd = -1;
   int wake_pipe[2] = {-1, -1};
   std::string path;
+  std::string group;
+  gid_t group_gid = 0;
+  std::vector<uint32_t> open_codes;
   std::thread acceptor;
 };
+
+// Connections at once: a peer that is neither root nor the daemon's user
+// gets at most per_user_limit of them, and none of the last reserved ones.
+constexpr size_t connection_limit = 64;
+constexpr size_t reserved_connections = 16;
+constexpr size_t per_user_limit = 16;
+// A frame that has begun must be whole within this time.
+constexpr int frame_time_limit_ms = 10000;
+// A client that reads nothing for this long is dropped rather than
+// holding a writer, the update worker's notification among them.
+constexpr int send_time_limit_s = 10;
+// How long the acceptor pauses when the system has no descriptor left.
+constexpr int accept_pause_ms = 100;
+
+constexpr const char* commands_need_root = "not permitted: commands need root";
 
 struct listeners_t {
   std::shared_mutex lock;  // shared by calls, exclusive for changes
@@ -107,26 +143,91 @@ void tell_listeners(void (CommandListener::*what)(uint64_t), uint64_t client) {
   for (CommandListener* listener : listeners().list) (listener->*what)(client);
 }
 
+// A refusal on the wire: of the frame of serial, or of the connection (0).
+void refuse(connection_t& connection, uint32_t serial, const std::string& why) {
+  std::lock_guard<std::mutex> hold(connection.write_lock);
+  write_frame(connection.fd, {frame_refusal, serial, 0, why});
+}
+
+std::string client_name(const connection_t& connection) {
+  return "client " + std::to_string(connection.number) + " (uid " + std::to_string(connection.peer.uid) + ", pid " +
+         std::to_string(connection.peer.pid) + ")";
+}
+
+// An answer frame from connection. False when it was an unreadable answer
+// to the pending notification: the client is then dropped.
+bool take_answer(const std::shared_ptr<connection_t>& connection, frame_t& frame) {
+  bridge_t& b = bridge();
+  std::lock_guard<std::mutex> hold(b.lock);
+  pending_answer_t* pending = b.pending;
+  // An answer nobody waits for any more is dropped quietly.
+  if (!pending || pending->target != connection || pending->serial != frame.serial || pending->answered) return true;
+  if (frame.value == 1 && pending->check && !pending->check(pending->id, *pending->sent, frame.body)) {
+    pending->malformed = true;
+    connection->answering = 0;
+    b.changed.notify_all();
+    return false;
+  }
+  pending->answered = true;
+  pending->accepted = frame.value == 1;
+  pending->body = std::move(frame.body);
+  b.changed.notify_all();
+  return true;
+}
+
+void offer_answers(const std::shared_ptr<connection_t>& connection, const frame_t& frame) {
+  bridge_t& b = bridge();
+  if (!connection->peer.may_answer) {
+    log_notice(client_name(*connection) + " may not answer notifications");
+    refuse(*connection, frame.serial,
+           "not permitted: only root, the daemon's user" +
+               (b.group.empty() ? std::string() : " or the group " + b.group) + " answer the update's questions");
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> hold(b.lock);
+    connection->answering = b.next_offer++;
+    b.changed.notify_all();
+  }
+  std::lock_guard<std::mutex> hold(connection->write_lock);
+  write_frame(connection->fd, {frame_command_reply, frame.serial, 1, {}});
+}
+
+bool may_send(const connection_t& connection, uint32_t code) {
+  const auto& open = bridge().open_codes;
+  return connection.peer.privileged || std::find(open.begin(), open.end(), code) != open.end();
+}
+
 void serve_client(std::shared_ptr<connection_t> connection) {
   bridge_t& b = bridge();
   tell_listeners(&CommandListener::on_client_connected, connection->number);
   for (;;) {
     frame_t frame;
-    const frame_read_t got = read_frame(connection->fd, frame);
+    const frame_read_t got = read_frame(connection->fd, frame, frame_time_limit_ms);
     if (got == frame_read_t::closed) break;
-    if (got == frame_read_t::bad || frame.type == frame_command_reply || frame.type == frame_notification) {
-      log_notice("client " + std::to_string(connection->number) + " dropped: malformed frame");
+    if (got == frame_read_t::bad || frame.type == frame_command_reply || frame.type == frame_notification ||
+        frame.type == frame_refusal) {
+      log_notice(client_name(*connection) + " dropped: malformed frame");
+      std::lock_guard<std::mutex> hold(b.lock);
+      // Garbage instead of an answer leaves the question open for another.
+      connection->answering = 0;
+      if (b.pending && b.pending->target == connection && !b.pending->answered) b.pending->malformed = true;
+      b.changed.notify_all();
       break;
     }
     if (frame.type == frame_answer) {
-      std::lock_guard<std::mutex> hold(b.lock);
-      // An answer nobody waits for any more is dropped quietly.
-      if (b.pending && b.pending->target == connection && b.pending->serial == frame.serial) {
-        b.pending->answered = true;
-        b.pending->accepted = frame.value == 1;
-        b.pending->body = std::move(frame.body);
-        b.changed.notify_all();
-      }
+      if (take_answer(connection, frame)) continue;
+      log_notice(client_name(*connection) + " dropped: malformed answer to notification " +
+                 std::to_string(frame.serial));
+      break;
+    }
+    if (frame.type == frame_answering) {
+      offer_answers(connection, frame);
+      continue;
+    }
+    if (!may_send(*connection, frame.value)) {
+      log_notice(client_name(*connection) + " refused: command " + std::to_string(frame.value) + " needs root");
+      refuse(*connection, frame.serial, commands_need_root);
       continue;
     }
     frame_t reply{frame_command_reply, frame.serial, 0, {}};
@@ -139,6 +240,7 @@ void serve_client(std::shared_ptr<connection_t> connection) {
   {
     std::lock_guard<std::mutex> hold(b.lock);
     connection->gone = true;
+    connection->answering = 0;
     b.changed.notify_all();
   }
   tell_listeners(&CommandListener::on_client_disconnected, connection->number);
@@ -164,8 +266,40 @@ void reap_connections(bool all) {
     if (c->reader.joinable()) c->reader.join();
 }
 
+peer_t peer_of(int fd) {
+  bridge_t& b = bridge();
+  peer_t peer;
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return peer;
+  peer.uid = cred.uid;
+  peer.pid = cred.pid;
+  peer.privileged = cred.uid == 0 || cred.uid == ::geteuid();
+  peer.may_answer =
+      peer.privileged || (!b.group.empty() && (cred.gid == b.group_gid || user_in_group(cred.uid, b.group_gid)));
+  return peer;
+}
+
+// Why a new connection from peer is turned away, or empty to take it.
+// REQUIRES: b.lock held.
+std::string over_limit(const bridge_t& b, const peer_t& peer) {
+  size_t all = 0, same_user = 0;
+  for (const auto& c : b.connections) {
+    if (c->gone) continue;
+    ++all;
+    if (c->peer.uid == peer.uid) ++same_user;
+  }
+  if (all >= connection_limit) return "too many connections";
+  if (!peer.privileged && (all >= connection_limit - reserved_connections || same_user >= per_user_limit))
+    return "too many connections";
+  return "";
+}
+
 void accept_clients() {
   bridge_t& b = bridge();
+  bool told_exhausted = false;
+  std::chrono::steady_clock::time_point last_refusal_logged{};
+  uint64_t unlogged_refusals = 0;
   for (;;) {
     pollfd ready[2] = {{b.listen_fd, POLLIN, 0}, {b.wake_pipe[0], POLLIN, 0}};
     if (::poll(ready, 2, -1) < 0) {
@@ -175,22 +309,63 @@ void accept_clients() {
     if (ready[1].revents != 0) return;
     reap_connections(false);
     const int fd = ::accept4(b.listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
+    if (fd < 0) {
+      // Out of descriptors or memory the listener stays readable: pause
+      // rather than spin, and wake at once for a stop.
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        if (!told_exhausted) log_notice(std::string("accept failed: ") + std::strerror(errno));
+        told_exhausted = true;
+        pollfd wake{b.wake_pipe[0], POLLIN, 0};
+        if (::poll(&wake, 1, accept_pause_ms) > 0) return;
+      }
+      continue;
+    }
+    told_exhausted = false;
+    const timeval send_limit{send_time_limit_s, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
+    const peer_t peer = peer_of(fd);
     std::lock_guard<std::mutex> hold(b.lock);
-    auto connection = std::make_shared<connection_t>(fd, b.next_number++);
+    auto connection = std::make_shared<connection_t>(fd, b.next_number++, peer);
+    const std::string refusal = over_limit(b, peer);
+    if (!refusal.empty()) {
+      // A flood of refused peers gets one line a second, not one each.
+      const auto now = std::chrono::steady_clock::now();
+      if (now - last_refusal_logged >= std::chrono::seconds(1)) {
+        log_notice(client_name(*connection) + " refused: " + refusal +
+                   (unlogged_refusals ? " (and " + std::to_string(unlogged_refusals) + " more before)" : ""));
+        last_refusal_logged = now;
+        unlogged_refusals = 0;
+      } else {
+        ++unlogged_refusals;
+      }
+      refuse(*connection, 0, refusal);
+      continue;
+    }
     connection->reader = std::thread(serve_client, connection);
     b.connections.push_back(std::move(connection));
   }
 }
 
-// The id of the group called name; false when there is none.
-bool group_id(const std::string& name, gid_t& id) {
-  std::vector<char> buffer(16384);
-  group entry{};
-  group* found = nullptr;
-  if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return false;
-  id = found->gr_gid;
-  return true;
+// Whether members of the group gid can search dir: by its bits for others,
+// or for its group when that is gid.
+bool group_can_search(const std::string& dir, gid_t gid) {
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) return false;
+  return (st.st_mode & S_IXOTH) != 0 || (st.st_gid == gid && (st.st_mode & S_IXGRP) != 0);
+}
+
+// The first directory on the way to a socket in dir that the group cannot
+// search, or empty when its members can reach the socket.
+std::string closed_to_group(const std::string& dir, gid_t gid) {
+  char* resolved = ::realpath(dir.c_str(), nullptr);
+  if (!resolved) return dir;
+  const std::string full = resolved;
+  std::free(resolved);
+  for (size_t end = full.find('/', 1);; end = full.find('/', end + 1)) {
+    const std::string level = end == std::string::npos ? full : full.substr(0, end);
+    if (!group_can_search(level, gid)) return level;
+    if (end == std::string::npos) return "";
+  }
 }
 
 // Owner-only, or shared with the members of group (gid) when one is named.
@@ -201,8 +376,8 @@ bool set_access(const std::string& path, const std::string& group, gid_t gid) {
 }
 
 // Binds path, replacing a socket file no server answers on any more.
-int bind_socket(const std::string& path, const std::string& group, std::string& error) {
-  gid_t gid = 0;
+int bind_socket(const std::string& path, const std::string& group, gid_t& gid, std::string& error) {
+  gid = 0;
   if (!group.empty() && !group_id(group, gid)) {
     error = "unknown group " + group + " for the socket " + path;
     return -1;
@@ -214,8 +389,18 @@ int bind_socket(const std::string& path, const std::string& group, std::string& 
     return -1;
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const std::string dir = path.substr(0, path.rfind('/'));
-  if (!dir.empty()) agent_fs_mkdir_if_not_exist_rwx_usr(dir);
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  agent_fs_mkdir_if_not_exist_rwx_usr(dir);
+  // A socket the group may use is no use behind a directory it cannot pass.
+  if (!group.empty()) {
+    const std::string closed = closed_to_group(dir, gid);
+    if (!closed.empty()) {
+      error = "the group " + group + " cannot reach " + path + ": " + closed +
+              " is closed to it (give --socket a path in a directory the group can search)";
+      return -1;
+    }
+  }
   struct stat st;
   if (::lstat(path.c_str(), &st) == 0) {
     if (!S_ISSOCK(st.st_mode)) {
@@ -251,14 +436,17 @@ int bind_socket(const std::string& path, const std::string& group, std::string& 
 
 }  // namespace
 
-bool start_bridge(const std::string& path, std::string& error, const std::string& group) {
+bool start_bridge(const std::string& path, std::string& error, const std::string& group,
+                  const std::vector<uint32_t>& open_codes) {
   bridge_t& b = bridge();
   std::lock_guard<std::mutex> control(b.control_lock);
   if (b.listen_fd >= 0) {
     error = "the bridge is already serving " + b.path;
     return false;
   }
-  const int fd = bind_socket(path, group, error);
+  b.group = group;
+  b.open_codes = open_codes;
+  const int fd = bind_socket(path, group, b.group_gid, error);
   if (fd < 0) return false;
   if (::pipe2(b.wake_pipe, O_CLOEXEC) != 0) {
     error = std::string("cannot make a pipe: ") + std::strerror(errno);
@@ -338,43 +526,82 @@ void DelCommandListener(CommandListener* listener) {
 
 namespace bridge::server {
 
-bool NotifyClientAndWaitResponse(NotificationIdType id, std::string& body, long timeout) {
+namespace {
+
+// The client asked: the one that offered answers last, among those still
+// connected. REQUIRES: bridge lock held.
+std::shared_ptr<agent::connection_t> answering_client(const agent::bridge_t& b) {
+  std::shared_ptr<agent::connection_t> chosen;
+  for (const auto& c : b.connections)
+    if (!c->gone && c->answering != 0 && (!chosen || c->answering > chosen->answering)) chosen = c;
+  return chosen;
+}
+
+}  // namespace
+
+NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeout, AnswerCheck check) {
   agent::bridge_t& b = agent::bridge();
   std::lock_guard<std::mutex> one_at_a_time(b.notify_lock);
-  agent::pending_answer_t pending;
-  {
-    std::unique_lock<std::mutex> hold(b.lock);
-    if (b.local) {
-      agent::notification_answerer_t local = b.local;
-      hold.unlock();
-      return local(id, body);
-    }
-    // The latest client to connect is the one in front of the user.
-    for (auto it = b.connections.rbegin(); it != b.connections.rend(); ++it)
-      if (!(*it)->gone) {
-        pending.target = *it;
-        break;
-      }
-    if (!pending.target || b.stopping) return false;
-    pending.serial = b.next_serial++;
-    b.pending = &pending;
-  }
-  bool sent;
-  {
-    std::lock_guard<std::mutex> hold(pending.target->write_lock);
-    sent = agent::write_frame(pending.target->fd, {agent::frame_notification, pending.serial, id, body});
-  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout < 0 ? 0 : timeout);
+  const std::string sent = body;
   std::unique_lock<std::mutex> hold(b.lock);
-  auto settled = [&] { return !sent || pending.answered || pending.target->gone || b.stopping; };
-  if (timeout < 0) {
-    b.changed.wait(hold, settled);
-  } else {
-    b.changed.wait_for(hold, std::chrono::milliseconds(timeout), settled);
+  if (b.local) {
+    agent::notification_answerer_t local = b.local;
+    hold.unlock();
+    if (!local(id, body)) return NotifyOutcome::declined;
+    return !check || check(id, sent, body) ? NotifyOutcome::answered : NotifyOutcome::declined;
   }
-  b.pending = nullptr;
-  if (!pending.answered || !pending.accepted) return false;
-  body = std::move(pending.body);
-  return true;
+  // Waits until settled holds; false when the time ran out first.
+  auto wait = [&](auto settled) {
+    if (timeout < 0) {
+      b.changed.wait(hold, settled);
+      return true;
+    }
+    return b.changed.wait_until(hold, deadline, settled);
+  };
+  agent::pending_answer_t pending;
+  pending.id = id;
+  pending.sent = &sent;
+  pending.check = check;
+  bool reoffer = false;  // a client answered garbage: wait for a proper answer
+  for (;;) {
+    if (b.stopping) return NotifyOutcome::stopped;
+    pending.target = answering_client(b);
+    if (!pending.target) {
+      if (!reoffer) return NotifyOutcome::no_client;
+      if (!wait([&] { return b.stopping || answering_client(b) != nullptr; })) return NotifyOutcome::timed_out;
+      continue;
+    }
+    pending.serial = b.next_serial++;
+    pending.answered = pending.malformed = false;
+    b.pending = &pending;
+    hold.unlock();
+    bool sent_out;
+    {
+      std::lock_guard<std::mutex> write(pending.target->write_lock);
+      sent_out = agent::write_frame(pending.target->fd, {agent::frame_notification, pending.serial, id, body});
+    }
+    hold.lock();
+    const bool in_time = wait([&] {
+      return !sent_out || pending.answered || pending.malformed || pending.target->gone || b.stopping;
+    });
+    b.pending = nullptr;
+    if (pending.answered) {
+      if (!pending.accepted) return NotifyOutcome::declined;
+      body = std::move(pending.body);
+      return NotifyOutcome::answered;
+    }
+    if (b.stopping) return NotifyOutcome::stopped;
+    if (pending.malformed) {
+      reoffer = true;
+      continue;
+    }
+    return in_time ? NotifyOutcome::gone : NotifyOutcome::timed_out;
+  }
+}
+
+bool NotifyClientAndWaitResponse(NotificationIdType id, std::string& body, long timeout) {
+  return NotifyClient(id, body, timeout, nullptr) == NotifyOutcome::answered;
 }
 
 }  // namespace bridge::server

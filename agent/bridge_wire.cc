@@ -1,8 +1,11 @@
 // Frames of the command bridge, and a client's end of a connection.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <grp.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,6 +19,11 @@ namespace agent {
 
 namespace {
 
+int64_t now_ms() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
 void put_u32(char* at, uint32_t value) {
   for (int i = 0; i < 4; ++i) at[i] = static_cast<char>((value >> (8 * i)) & 0xff);
 }
@@ -26,15 +34,26 @@ uint32_t get_u32(const char* at) {
   return value;
 }
 
-// 0 read everything, 1 clean end before the first byte, -1 cut or failed.
-int read_all(int fd, char* data, size_t size) {
+// 0 read everything, 1 clean end before the first byte, -1 cut, failed or
+// late. deadline_ms is when the rest must have come, once a byte came: set
+// on the first byte when it is 0, never when limit_ms is negative.
+int read_all(int fd, char* data, size_t size, int limit_ms, int64_t& deadline_ms) {
   size_t got = 0;
   while (got < size) {
+    if (deadline_ms != 0) {
+      const int64_t left = deadline_ms - now_ms();
+      pollfd ready{fd, POLLIN, 0};
+      const int n = left > 0 ? ::poll(&ready, 1, static_cast<int>(left)) : 0;
+      if (n == 0) return -1;
+      if (n < 0 && errno != EINTR) return -1;
+      if (n < 0) continue;
+    }
     const ssize_t n = ::read(fd, data + got, size - got);
     if (n > 0) {
       got += static_cast<size_t>(n);
+      if (deadline_ms == 0 && limit_ms >= 0) deadline_ms = now_ms() + limit_ms;
     } else if (n == 0) {
-      return got == 0 ? 1 : -1;
+      return got == 0 && deadline_ms == 0 ? 1 : -1;
     } else if (errno != EINTR) {
       return -1;
     }
@@ -42,35 +61,64 @@ int read_all(int fd, char* data, size_t size) {
   return 0;
 }
 
-// Why the socket's permissions refuse this user: the group that may connect
-// (its number when it has no name), or none when the socket is owner-only.
+// Why the socket's permissions refuse this user: the group that may connect,
+// or none when the socket is owner-only.
 std::string refusal_reason(const std::string& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return "";
   if ((st.st_mode & S_IWGRP) == 0) return " (the socket is its owner's only)";
-  std::vector<char> buffer(16384);
-  group entry{};
-  group* found = nullptr;
-  const bool named = ::getgrgid_r(st.st_gid, &entry, buffer.data(), buffer.size(), &found) == 0 && found;
-  const std::string name = named ? found->gr_name : std::to_string(st.st_gid);
-  return "; the user must be a member of the group \"" + name +
+  return "; the user must be a member of the group \"" + group_name(st.st_gid) +
          "\" that owns the socket (and log in again after joining it)";
 }
 
 }  // namespace
 
-frame_read_t read_frame(int fd, frame_t& frame) {
+bool group_id(const std::string& name, gid_t& id) {
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return false;
+  id = found->gr_gid;
+  return true;
+}
+
+std::string group_name(gid_t id) {
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  if (::getgrgid_r(id, &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return std::to_string(id);
+  return found->gr_name;
+}
+
+bool user_in_group(uid_t uid, gid_t gid) {
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return false;
+  if (found->pw_gid == gid) return true;
+  int count = 64;
+  std::vector<gid_t> groups(static_cast<size_t>(count));
+  if (::getgrouplist(found->pw_name, found->pw_gid, groups.data(), &count) < 0) {
+    groups.resize(static_cast<size_t>(count));
+    if (::getgrouplist(found->pw_name, found->pw_gid, groups.data(), &count) < 0) return false;
+  }
+  groups.resize(static_cast<size_t>(count));
+  return std::find(groups.begin(), groups.end(), gid) != groups.end();
+}
+
+frame_read_t read_frame(int fd, frame_t& frame, int limit_ms) {
   char header[frame_header_size];
-  const int got = read_all(fd, header, sizeof header);
+  int64_t deadline_ms = 0;
+  const int got = read_all(fd, header, sizeof header, limit_ms, deadline_ms);
   if (got == 1) return frame_read_t::closed;
   if (got != 0) return frame_read_t::bad;
   frame.type = get_u32(header);
   frame.serial = get_u32(header + 4);
   frame.value = get_u32(header + 8);
   const uint32_t length = get_u32(header + 12);
-  if (frame.type < frame_command || frame.type > frame_answer || length > frame_body_limit) return frame_read_t::bad;
+  if (frame.type < frame_command || frame.type > frame_refusal || length > frame_body_limit) return frame_read_t::bad;
   frame.body.resize(length);
-  if (length != 0 && read_all(fd, frame.body.data(), length) != 0) return frame_read_t::bad;
+  if (length != 0 && read_all(fd, frame.body.data(), length, limit_ms, deadline_ms) != 0) return frame_read_t::bad;
   return frame_read_t::ok;
 }
 
@@ -139,32 +187,46 @@ bool bridge_client_t::answer_notification(const frame_t& frame, const notificati
   return false;
 }
 
-bool bridge_client_t::call(uint32_t code, const std::string& request, bool& result, std::string& reply,
-                           const notification_answerer_t& answer, std::string& error) {
-  const uint32_t serial = next_serial_++;
-  if (fd_ < 0 || !write_frame(fd_, {frame_command, serial, code, request})) {
+bool bridge_client_t::exchange(const frame_t& out, frame_t& reply, const notification_answerer_t& answer,
+                               std::string& error) {
+  if (fd_ < 0 || !write_frame(fd_, out)) {
     error = "the daemon went away";
     return false;
   }
   for (;;) {
-    frame_t frame;
-    const frame_read_t got = read_frame(fd_, frame);
+    const frame_read_t got = read_frame(fd_, reply);
     if (got != frame_read_t::ok) {
       error = got == frame_read_t::closed ? "the daemon went away" : "the daemon sent a malformed frame";
       return false;
     }
-    if (frame.type == frame_notification) {
-      if (!answer_notification(frame, answer, error)) return false;
+    if (reply.type == frame_notification) {
+      if (!answer_notification(reply, answer, error)) return false;
       continue;
     }
-    if (frame.type != frame_command_reply || frame.serial != serial) {
+    if (reply.type == frame_refusal && (reply.serial == out.serial || reply.serial == 0)) {
+      error = reply.body;
+      return false;
+    }
+    if (reply.type != frame_command_reply || reply.serial != out.serial) {
       error = "the daemon sent an unexpected frame";
       return false;
     }
-    result = frame.value == 1;
-    reply = std::move(frame.body);
     return true;
   }
+}
+
+bool bridge_client_t::call(uint32_t code, const std::string& request, bool& result, std::string& reply,
+                           const notification_answerer_t& answer, std::string& error) {
+  frame_t frame;
+  if (!exchange({frame_command, next_serial_++, code, request}, frame, answer, error)) return false;
+  result = frame.value == 1;
+  reply = std::move(frame.body);
+  return true;
+}
+
+bool bridge_client_t::offer_answers(std::string& error) {
+  frame_t frame;
+  return exchange({frame_answering, next_serial_++, 1, {}}, frame, nullptr, error);
 }
 
 bool bridge_client_t::wait(int milliseconds, const notification_answerer_t& answer, std::string& error) {
@@ -174,6 +236,10 @@ bool bridge_client_t::wait(int milliseconds, const notification_answerer_t& answ
   if (n == 0) return true;
   frame_t frame;
   const frame_read_t got = read_frame(fd_, frame);
+  if (got == frame_read_t::ok && frame.type == frame_refusal && frame.serial == 0) {
+    error = frame.body;
+    return false;
+  }
   if (got != frame_read_t::ok || frame.type != frame_notification) {
     error = got == frame_read_t::closed ? "the daemon went away" : "the daemon sent a malformed frame";
     return false;

@@ -51,13 +51,16 @@ Options:
                   )" CORVID_SYSTEM_SOCKET R"()
   --root DIR      the agent root the daemon was given, to find its socket
   --yes, --no     answer the install question without asking (default: ask
-                  when standard input is a terminal, else yes)
+                  when standard input is a terminal; without one and
+                  without --yes or --no the client is not asked)
   --once          status: one snapshot, no following
   --watch         status: follow every command until interrupted
   --help          this text
 
-While connected, the client answers the update's install question and runs
-the commands the update hands to the user. Exit status: 0 when the status
+While it follows a command (install, status), a client that can answer
+tells the daemon so, and the latest such client answers the update's install
+question and runs the commands the update hands to the user. Ctrl-C, the end
+of input or a closed terminal at the question is a no. Exit status: 0 when the status
 is a defined state other than error, 1 when it is error or undefined or the
 daemon cannot be reached, 2 for a bad command line.
 )";
@@ -66,6 +69,7 @@ daemon cannot be reached, 2 for a bad command line.
 struct options_t {
   std::string command, hex, socket, root;
   answer_t answer = default_answer();
+  bool answer_given = false;  // --yes or --no
   bool once = false;
   bool watch = false;
 };
@@ -74,10 +78,9 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
   std::vector<std::string> words;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--yes") {
-      o.answer = answer_t::yes;
-    } else if (arg == "--no") {
-      o.answer = answer_t::no;
+    if (arg == "--yes" || arg == "--no") {
+      o.answer = arg == "--yes" ? answer_t::yes : answer_t::no;
+      o.answer_given = true;
     } else if (arg == "--once") {
       o.once = true;
     } else if (arg == "--watch") {
@@ -178,6 +181,12 @@ class session_t {
   }
 
   bool connect(const std::string& path) { return bridge_.connect(path, error_); }
+
+  // Offers the daemon this client's answers; a refusal is told, not fatal.
+  void offer_answers() {
+    std::string why;
+    if (!bridge_.offer_answers(why)) std::fprintf(stderr, "corvid-update-client: the update will not ask this client: %s\n", why.c_str());
+  }
   const std::string& error() const { return error_; }
 
   bool call(uint32_t code, const std::string& request, bool& result, std::string& reply) {
@@ -336,6 +345,8 @@ int run(const options_t& o) {
     }
     return print_snapshot(s);
   }
+  // Only a client with somebody, or a standing answer, behind it is asked.
+  if (o.answer_given || isatty(STDIN_FILENO) == 1) session.offer_answers();
   if (o.command == "status") return follow(session, nullptr, o.watch);
   // The status before the command, so that its start can be told.
   std::string before;

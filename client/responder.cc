@@ -1,5 +1,7 @@
 #include "client/responder.h"
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
@@ -27,28 +29,38 @@ void print_list(const char* title, const std::string& list) {
   }
 }
 
-// One line from standard input within the time limit; false at its end.
-bool read_answer(int32_t timeout_seconds, std::string& line, bool& timed_out) {
-  timed_out = false;
-  if (timeout_seconds > 0) {
-    pollfd in{STDIN_FILENO, POLLIN, 0};
-    if (::poll(&in, 1, timeout_seconds * 1000) == 0) {
-      timed_out = true;
-      return false;
-    }
-  }
+enum class read_t { line, ended, timed_out, cancelled };
+
+// One line from standard input within the time limit (none when 0 or
+// less), unless cancel_fd becomes readable first.
+read_t read_answer(int32_t timeout_seconds, int cancel_fd, std::string& line) {
+  using clock = std::chrono::steady_clock;
+  const auto deadline = clock::now() + std::chrono::seconds(timeout_seconds > 0 ? timeout_seconds : 0);
   line.clear();
-  char c;
-  while (::read(STDIN_FILENO, &c, 1) == 1) {
-    if (c == '\n') return true;
+  for (;;) {
+    pollfd ready[2] = {{STDIN_FILENO, POLLIN, 0}, {cancel_fd, POLLIN, 0}};
+    int wait_ms = -1;
+    if (timeout_seconds > 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
+      wait_ms = left > 0 ? static_cast<int>(left) : 0;
+    }
+    const int n = ::poll(ready, cancel_fd >= 0 ? 2 : 1, wait_ms);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return read_t::ended;
+    if (n == 0) return read_t::timed_out;
+    if (cancel_fd >= 0 && ready[1].revents != 0) return read_t::cancelled;
+    char c;
+    const ssize_t got = ::read(STDIN_FILENO, &c, 1);
+    if (got < 0 && errno == EINTR) continue;
+    if (got != 1) return read_t::ended;  // the end of input, or the terminal is gone
+    if (c == '\n') return read_t::line;
     line += c;
   }
-  return !line.empty();
 }
 
 }  // namespace
 
-answer_t default_answer() { return isatty(STDIN_FILENO) == 1 ? answer_t::ask : answer_t::yes; }
+answer_t default_answer() { return isatty(STDIN_FILENO) == 1 ? answer_t::ask : answer_t::no; }
 
 bool parse_install_question(const std::string& body, install_question_t& q) {
   update::byte_reader_t r(body);
@@ -112,14 +124,20 @@ bool responder_t::ask(const install_question_t& q) const {
   std::fprintf(stderr, "Install now? [y/N] ");
   std::fflush(stderr);
   std::string line;
-  bool timed_out = false;
-  const bool answered = read_answer(q.timeout, line, timed_out);
-  if (timed_out) {
-    std::fprintf(stderr, "\nno answer: installing\n");
-    return true;
+  switch (read_answer(q.timeout, cancel_fd_, line)) {
+    case read_t::timed_out:
+      std::fprintf(stderr, "\nno answer: installing\n");
+      return true;
+    case read_t::cancelled:
+      std::fprintf(stderr, "\nstopping: not installed\n");
+      return false;
+    case read_t::ended:
+      std::fprintf(stderr, "\nno answer: not installed\n");
+      return false;
+    case read_t::line:
+      break;
   }
-  if (!answered) std::fprintf(stderr, "\n");
-  return answered && (line == "y" || line == "Y" || line == "yes");
+  return line == "y" || line == "Y" || line == "yes";
 }
 
 bool responder_t::operator()(uint32_t id, std::string& body) const {

@@ -11,7 +11,7 @@ namespace client {
 
 enum class answer_t { yes, no, ask };
 
-// ask when standard input is a terminal, else yes.
+// ask when standard input is a terminal, else no: nobody is there to agree.
 answer_t default_answer();
 
 struct install_question_t {
@@ -40,14 +40,18 @@ bool run_user_command(const std::string& command_line, bool wait, std::string& t
 
 // Answers one notification in place; false declines (an unknown id or a
 // malformed body). Talks to the user on standard error and standard input.
+// Asking, only a line that says yes is a yes: the end of input, a terminal
+// that went away, or the descriptor cancel_fd becoming readable (a stop) is
+// a no.
 class responder_t {
  public:
-  explicit responder_t(answer_t answer) : answer_(answer) {}
+  explicit responder_t(answer_t answer, int cancel_fd = -1) : answer_(answer), cancel_fd_(cancel_fd) {}
   bool operator()(uint32_t id, std::string& body) const;
 
  private:
   bool ask(const install_question_t& question) const;
   answer_t answer_;
+  int cancel_fd_;
 };
 
 }  // namespace client

@@ -3,6 +3,7 @@
 // one command or answers the status, and stops it again.
 #include <condition_variable>
 #include <csignal>
+#include <fcntl.h>
 #include <cstdio>
 #include <mutex>
 #include <pthread.h>
@@ -15,6 +16,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "frame/listener.h"
 #include "frame/module.h"
 #include "frame/update.h"
 #include "host/options.h"
@@ -73,7 +75,9 @@ void set_if(std::string& field, const std::string& value) {
   if (!value.empty()) field = value;
 }
 
-void configure_agent(const options_t& options) {
+// Fills in the agent's paths and parameters and opens its log. False, with
+// nothing written, when another process holds the update directory.
+bool configure_agent(const options_t& options) {
   agent::paths_t paths = options.root.empty() ? agent::default_paths() : agent::paths_under(options.root);
   set_if(paths.product_version, options.product_version);
   set_if(paths.product_build, options.product_build);
@@ -84,6 +88,14 @@ void configure_agent(const options_t& options) {
   agent::configure_paths(paths);
   LPARAMS::server::set_update_dir(options.update_dir);
   LPARAMS::server::set_verify_downloads(!options.no_verify);
+  long holder = 0;
+  if (!update::claim_update_dir(holder)) {
+    std::string dir;
+    update::update_dir_path(dir);
+    std::fprintf(stderr, "corvid-update: the update directory %s is in use by %s\n", dir.c_str(),
+                 holder > 0 ? ("process " + std::to_string(holder)).c_str() : "another process");
+    return false;
+  }
   std::string log = options.log_file;
   if (log.empty()) {
     log = systemLogDir();
@@ -91,6 +103,7 @@ void configure_agent(const options_t& options) {
     log += log_name;
   }
   if (!agent::open_log(log)) std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
+  return true;
 }
 
 // fini is called from the signal watcher and at the end of main; the module
@@ -110,13 +123,23 @@ void stop_module() {
 volatile sig_atomic_t interrupted = 0;
 std::mutex& stop_lock = *new std::mutex;
 std::condition_variable& stop_signalled = *new std::condition_variable;  // serve waits on it
+// Readable once a stop signal came: the one-shot's prompt gives up on it.
+int stop_pipe[2] = {-1, -1};
 
-void watch_signals() {
+// A one-shot also takes a closed terminal (SIGHUP) as a stop; the daemon
+// outlives the terminal it was started from and ignores it.
+void watch_signals(bool serving) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  if (serving) {
+    std::signal(SIGHUP, SIG_IGN);
+  } else {
+    sigaddset(&signals, SIGHUP);
+  }
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  if (::pipe2(stop_pipe, O_CLOEXEC) != 0) stop_pipe[0] = stop_pipe[1] = -1;
   std::thread([signals] {
     for (;;) {
       int received = 0;
@@ -128,7 +151,10 @@ void watch_signals() {
       }
       const char note[] = "\ncorvid-update: stopping\n";
       if (isatty(STDERR_FILENO) == 1) (void)!write(STDERR_FILENO, note, sizeof note - 1);
+      // The module first: a question the prompt then gives up is a no, and
+      // nothing starts after it.
       stop_module();
+      if (stop_pipe[1] >= 0) (void)!write(stop_pipe[1], "x", 1);
       stop_signalled.notify_all();
     }
   }).detach();
@@ -148,7 +174,7 @@ bool result_failed() {
 
 // The daemon: the module and the bridge's server until a stop signal.
 int serve(const options_t& options) {
-  configure_agent(options);
+  if (!configure_agent(options)) return exit_failed;
   update::callbacks().on_status = no_status_push;
   update::callbacks().on_client_command = client_command;
   agent::start_event_manager();
@@ -156,7 +182,9 @@ int serve(const options_t& options) {
   update::init();
   const std::string socket = options.socket.empty() ? agent::default_socket_path() : options.socket;
   std::string error;
-  if (!agent::start_bridge(socket, error, options.socket_group)) {
+  // Anyone who may connect may read the status; commands need root.
+  const std::vector<uint32_t> open_codes{update::code_status, update::code_status_xml};
+  if (!agent::start_bridge(socket, error, options.socket_group, open_codes)) {
     {
       TLogMessage log(log_id_failure);
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);
@@ -191,7 +219,7 @@ int serve(const options_t& options) {
 }
 
 int run(const options_t& options) {
-  configure_agent(options);
+  if (!configure_agent(options)) return exit_failed;
   update::callbacks().on_status = no_status_push;
   update::callbacks().on_client_command = no_client;
   agent::start_event_manager();
@@ -200,7 +228,7 @@ int run(const options_t& options) {
     progress_t progress(isatty(STDERR_FILENO) == 1);
     // The host is its own client: it answers the install question and runs
     // what the update hands to the user.
-    const client::responder_t responder(answer_of(options.answer));
+    const client::responder_t responder(answer_of(options.answer), stop_pipe[0]);
     agent::set_local_client([&](uint32_t id, std::string& body) {
       progress.hold(true);
       const bool answered = responder(id, body);
@@ -255,9 +283,7 @@ int main(int argc, char** argv) {
     std::fputs(host::usage_text(), stdout);
     return host::exit_ok;
   }
-  host::watch_signals();
-  // A daemon outlives the terminal it was started from.
-  if (options.action == host::action_t::serve) std::signal(SIGHUP, SIG_IGN);
+  host::watch_signals(options.action == host::action_t::serve);
   curl_global_init(CURL_GLOBAL_DEFAULT);
   const int code = options.action == host::action_t::serve ? host::serve(options) : host::run(options);
   curl_global_cleanup();

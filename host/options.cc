@@ -178,17 +178,24 @@ Options:
   --cmdid ID            identifier of the command, kept in the status
   --answer A            install: answer the update's install question with
                         yes, no or ask (default: ask when standard input is
-                        a terminal, else yes); commands the update hands to
+                        a terminal, else no); Ctrl-C or the end of input at
+                        the question is a no; commands the update hands to
                         the user are run by corvid-update itself
   --socket PATH         serve: the bridge's socket (default: the var
                         directory + "corvid_bridge.sock")
   --socket-group NAME   serve: the socket belongs to group NAME with mode
                         0660, so that the group's members may use the client
-                        (default: the socket is owner-only)
+                        to read the status and answer the update's questions
+                        (default: the socket is owner-only); commands need
+                        root or the daemon's own user
   --help                this text
 
 A client's code 8 bytes reach a serving host as a command line: a command
-and its URIs, e.g. "check http://host/repo/", which it runs.
+and its URIs, e.g. "check http://host/repo/", which it runs when the client
+is root or the daemon's own user.
+
+One process at a time uses an update directory: another that finds it taken
+says which process holds it and exits with status 1.
 
 Progress goes to standard error: a bar on a terminal, log lines otherwise.
 Exit status: 0 when the command ended in a defined state other than error,

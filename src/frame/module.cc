@@ -1,6 +1,8 @@
 // The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
 
+#include <atomic>
+
 #include "frame/listener.h"
 #include "frame/path_vars.h"
 #include "frame/update.h"
@@ -19,18 +21,35 @@ std::unique_ptr<request_t> pending_request;
 
 namespace {
 
+// Set by fini, cleared by init. Apart from the state, which start-up's last
+// step opens whatever it finds, so that a stop is never undone under a run.
+std::atomic<bool> stop_asked{false};
+
+constexpr const char* lock_file_name = "corvid_update.lock";
+
 callbacks_t host_callbacks{};
+
+void clear_path_vars() {
+  std::lock_guard<std::mutex> hold(path_vars_lock);
+  path_vars.clear();
+}
 
 // Takes the pending request and moves the state to busy or idle. After a run
 // a stopped module stays stopped; start-up opens the module whatever it finds.
 void dispatch_pending(bool after_run) {
   request_t* next = nullptr;
+  bool stopped = false;
   {
     std::lock_guard<std::mutex> hold(module_lock);
-    if (after_run && module_state == module_stopped) return;
-    next = pending_request.release();
-    module_state = next ? module_busy : module_idle;
+    stopped = after_run && module_state == module_stopped;
+    if (!stopped) {
+      next = pending_request.release();
+      module_state = next ? module_busy : module_idle;
+    }
   }
+  // fini left the "$" values to the run it stopped, which could still have
+  // substituted them into a command line; that run is over now.
+  if (stopped) clear_path_vars();
   if (next) EM_AsyncCall(run_request, next);
 }
 
@@ -57,6 +76,10 @@ module_state_t current_module_state() {
   return module_state;
 }
 
+bool stop_requested() { return stop_asked.load(); }
+
+void clear_stop_request() { stop_asked = false; }
+
 void submit_request(request_t* request) {
   std::unique_lock<std::mutex> hold(module_lock);
   if (module_state == module_idle) {
@@ -78,7 +101,8 @@ void submit_request(request_t* request) {
 void run_request(em_call_t* call) {
   std::unique_ptr<request_t> request(static_cast<request_t*>(call->arg));
   if (call->cancel != 0) return;  // abandoned: the state stays busy
-  if (request) {
+  // A run that had not begun when the module stopped goes like a pending one.
+  if (request && !stop_requested()) {
     update_dir_path(request->update_path);
     agent_fs_mkdir_if_not_exist_rwx_usr(request->update_path);
     request->update_path += platform::path_separator;
@@ -101,6 +125,13 @@ void finish_init(em_call_t*) {
   dispatch_pending(false);
 }
 
+bool claim_update_dir(long& holder) {
+  std::string dir;
+  update_dir_path(dir);
+  agent_fs_mkdir_if_not_exist_rwx_usr(dir);
+  return platform::hold_process_lock((dir + platform::path_separator + lock_file_name).c_str(), holder);
+}
+
 void update_dir_path(std::string& path) {
   std::string configured = LPARAMS::server::update_dir();
   if (configured.empty()) {
@@ -111,15 +142,18 @@ void update_dir_path(std::string& path) {
 }
 
 void fini() {
+  bool running = false;
   {
     std::lock_guard<std::mutex> hold(module_lock);
+    stop_asked = true;
+    running = module_state == module_busy;
     module_state = module_stopped;
     pending_request.reset();
   }
   EM_DelTimer(status_timer_proc);
   unregister_service_listener();
-  std::lock_guard<std::mutex> hold(path_vars_lock);
-  path_vars.clear();
+  // A run under way clears them when it ends (dispatch_pending).
+  if (!running) clear_path_vars();
 }
 
 callbacks_t& callbacks() { return host_callbacks; }
@@ -153,12 +187,10 @@ void reset_module_for_tests() {
     module_state = module_stopped;
     pending_request.reset();
   }
+  stop_asked = false;
   status.reset();
   unregister_service_listener();
-  {
-    std::lock_guard<std::mutex> hold(path_vars_lock);
-    path_vars.clear();
-  }
+  clear_path_vars();
   host_callbacks = callbacks_t{};
 }
 

@@ -23,6 +23,13 @@ extern std::unique_ptr<request_t> pending_request;  // guarded by module_lock
 // Reads the module state under module_lock.
 module_state_t current_module_state();
 
+// True once fini has stopped the module: from then on no command, question
+// or transfer begins, and a run under way walks to its end. Safe from any
+// thread.
+bool stop_requested();
+// Takes back an earlier stop: init calls it as it begins.
+void clear_stop_request();
+
 // The only way in: dispatches when idle, else replaces the pending request.
 void submit_request(request_t* request);
 

@@ -78,13 +78,16 @@ bool expand_uri(inivars_t& vars, std::string& uri) {
 
 // Each rule's errors land in its source's message, and what comes after it
 // in the general one.
+// False when a stop cut the walk short.
 template <typename Stage>
-void for_each_rule(const plans_t& plans, Stage stage) {
+bool for_each_rule(const plans_t& plans, Stage stage) {
   for (file_rule_t* rule : plans) {
+    if (stop_requested()) return false;
     status.select_message(rule->owner ? rule->owner->uri : "");
     stage(*rule);
     select_first_message();
   }
+  return true;
 }
 
 }  // namespace
@@ -147,7 +150,9 @@ void run_command(request_t& request) {
   inivars_t vars;
   add_predefined_variables(vars, request);
 
+  bool cut = false;  // by a stop: work was left undone
   for (const std::string& uri : request.uris) {
+    if ((cut = stop_requested())) break;
     update_ini_t& record = sources.emplace_back();
     record.uri = uri;
     if (!expand_uri(vars, record.uri)) continue;
@@ -162,12 +167,20 @@ void run_command(request_t& request) {
   }
   select_first_message();
 
-  reconcile_status(sources, status, plans, request.update_path);
-  for_each_rule(plans, [&](file_rule_t& rule) { plan_rule(rule, request.update_path); });
-  if (runs_downloads(request.command) && open_download_gate(status))
-    for_each_rule(plans, [&](file_rule_t& rule) { download_rule(rule, handle.get()); });
-  if (runs_installs(request.command) && open_install_gate(status))
-    for_each_rule(plans, [&](file_rule_t& rule) { install_rule(rule, request.command, request.update_path); });
+  // A stop leaves what the sources have not all said untouched: a source cut
+  // short, or a condition whose command was refused, would mislead planning.
+  if (!cut && !(cut = stop_requested())) {
+    reconcile_status(sources, status, plans, request.update_path);
+    cut = !for_each_rule(plans, [&](file_rule_t& rule) { plan_rule(rule, request.update_path); });
+    if (!cut && runs_downloads(request.command) && open_download_gate(status))
+      cut = !for_each_rule(plans, [&](file_rule_t& rule) { download_rule(rule, handle.get()); });
+    if (!cut && runs_installs(request.command) && open_install_gate(status))
+      cut = !for_each_rule(plans, [&](file_rule_t& rule) { install_rule(rule, request.command, request.update_path); });
+  }
+  if (cut) {
+    select_first_message();
+    report(0, format_message("%sUpdate stopped: the module is stopping", ""));
+  }
 
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.verify_versions(request.update_path);

@@ -113,6 +113,15 @@ void init() {
     TLogMessage log(log_id_course);
     log.append_attr(log_attr_text, "start").append_attr(log_attr_text, "init");
   }
+  clear_stop_request();
+  // Two processes on one status would overwrite each other's.
+  long holder = 0;
+  if (!claim_update_dir(holder)) {
+    TLogMessage log(log_id_failure);
+    log.append_attr(log_attr_text, "init")
+        .append_attr(log_attr_text, "the update directory is in use by process " + std::to_string(holder));
+    return;
+  }
   build_path_vars();
   std::string dir;
   update_dir_path(dir);

@@ -18,6 +18,13 @@ struct callbacks_t {
   bool (*on_client_command)(size_t length, const char* bytes);
 };
 
+// Takes the update directory for this process until it ends: an exclusive
+// lock on "corvid_update.lock" in it (the directory is made if need be).
+// False when another process holds it, with that process's id in holder (0
+// when unknown). init takes it too and stays stopped without it; a host
+// asks first, to refuse before it writes anything of its own.
+bool claim_update_dir(long& holder);
+
 void init();
 void fini();
 callbacks_t& callbacks();

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "frame/module.h"
+#include "install/run_exec.h"
 #include "platform/command_bridge.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
@@ -62,16 +64,38 @@ bool read_exec_user_reply(const std::string& reply, std::string& text) {
   return result == 1;
 }
 
+bool readable_answer(NotificationIdType id, const std::string& sent, const std::string& answer) {
+  if (id == NotifyUpdateInstallQuestion) return !answer.empty();
+  if (sent.empty() || sent[0] != 1) return true;  // a text: its reply is not read
+  byte_reader_t r(answer);
+  uint8_t result = 0;
+  std::string text;
+  return r.number(result) && r.counted(text);
+}
+
 bool notify_install(const update_ini_t& owner, const file_rule_t& rule, bool with_uri) {
+  if (stop_requested()) return false;  // the install stage tells why
   std::string body = install_question_body(owner, rule, with_uri);
-  if (!bridge::server::NotifyClientAndWaitResponse(NotifyUpdateInstallQuestion, body, no_time_limit)) return !with_uri;
-  if (body.empty()) raise_stream_error();
-  return body[0] == 1;
+  switch (bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, no_time_limit, readable_answer)) {
+    case bridge::server::NotifyOutcome::answered:
+      if (body.empty()) raise_stream_error();
+      return body[0] == 1;
+    case bridge::server::NotifyOutcome::no_client:
+      return !with_uri;
+    default:
+      // Asked and not answered yes: a client that went away, a stop.
+      return false;
+  }
 }
 
 bool notify_exec_user(const std::string& exec_user, bool wait, bool silent, std::string& text) {
+  if (stop_refuses(exec_user, 0)) {
+    text = "the module is stopping";
+    return false;
+  }
   std::string body = exec_user_body(exec_user, wait, silent);
-  if (!bridge::server::NotifyClientAndWaitResponse(NotifyUpdateClientMessage, body, no_time_limit)) {
+  if (bridge::server::NotifyClient(NotifyUpdateClientMessage, body, no_time_limit, readable_answer) !=
+      bridge::server::NotifyOutcome::answered) {
     text = "send notification to GUI failed";
     return false;
   }

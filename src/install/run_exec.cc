@@ -1,5 +1,6 @@
 #include "install/run_exec.h"
 
+#include "frame/module.h"
 #include "platform/process.h"
 #include "status/status.h"
 #include "support/message_format.h"
@@ -26,7 +27,14 @@ std::string one_line(std::string text) {
 
 }  // namespace
 
+bool stop_refuses(const std::string& what, int32_t quiet) {
+  if (!stop_requested()) return false;
+  tell_failure(quiet, format_message("The module is stopping, not started: %s", what.c_str()));
+  return true;
+}
+
 bool run_exec(const std::string& command, bool wait, int32_t quiet) {
+  if (stop_refuses(command, quiet)) return false;
   platform::process_t process;
   const int error = platform::start_process(command, process);
   if (error != 0) {

@@ -46,12 +46,28 @@ enum NotificationIdType : uint32_t {
 
 namespace bridge::server {
 
-// Sends body to the client under id and waits for the answer, which
-// replaces body. timeout is in milliseconds; a negative one waits without a
-// limit. False, with body unread, when no client is connected, when the
-// client goes away or declines, or when the time runs out. One notification
-// is under way at a time; others wait their turn. Safe from any thread but
-// a listener's call.
+// How a notification ended.
+enum class NotifyOutcome {
+  answered,   // a client accepted it; body holds its answer
+  declined,   // the client asked declined it
+  no_client,  // no client that answers notifications was connected
+  gone,       // the client asked went away before it answered
+  stopped,    // the bridge stopped first
+  timed_out,  // the time ran out
+};
+
+// Whether answer can be read as the answer to sent. One that cannot is a
+// protocol error of the client that gave it: the bridge drops that client and
+// the notification stays open for another client's proper answer.
+using AnswerCheck = bool (*)(NotificationIdType id, const std::string& sent, const std::string& answer);
+
+// Sends body under id to the client that answers notifications and waits for
+// its answer, which replaces body. timeout is in milliseconds; a negative one
+// waits without a limit. check may be null. One notification is under way at
+// a time; others wait their turn. Safe from any thread but a listener's call.
+NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeout, AnswerCheck check);
+
+// NotifyClient without a check: true when answered, body unread otherwise.
 bool NotifyClientAndWaitResponse(NotificationIdType id, std::string& body, long timeout);
 
 }  // namespace bridge::server

@@ -68,6 +68,13 @@ bool remove_file(const char* path);
 // True if the directory exists afterwards.
 bool make_directories(const char* path, unsigned mode);
 
+// Takes an exclusive lock on the file at path for this process, creating
+// it, and writes the process id into it. The lock lasts until the process
+// ends (the descriptor is never closed). Taking a path this process already
+// holds succeeds again. False when another process holds it: holder then
+// receives that process's id as the file tells it, or 0 when it tells none.
+bool hold_process_lock(const char* path, long& holder);
+
 // Fault injection for tests: while a flag is set, the named operation fails
 // as the system would, with errno set. Production code never sets these.
 struct file_faults_t {

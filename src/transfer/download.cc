@@ -89,6 +89,10 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, FILE*
   }
   if (!params.tcp_nodelay.empty())
     curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, parse_bool_text(params.tcp_nodelay) ? 1L : 0L);
+  // A source names where root's commands come from: no scheme beyond these,
+  // and a redirect never leads to a local file.
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https,file");
+  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
 }
 
 // A stream whose buffered tail cannot be written out (a full disk) holds
@@ -101,7 +105,7 @@ bool close_stream(file_ptr& file) {
 }  // namespace
 
 int xfer_progress_cb(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t, curl_off_t) {
-  if (current_module_state() == module_stopped) return 1;
+  if (stop_requested()) return 1;
   const uint64_t now = counter(dlnow);
   {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
@@ -159,7 +163,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       resume = false;
       offset = 0;
     }
-    if (current_module_state() == module_stopped) break;
+    if (stop_requested()) break;
     if (retry >= params.download_retry) break;
     ++retry;
   }

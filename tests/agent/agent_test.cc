@@ -18,6 +18,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "frame/frame_fixture.h"
+#include "install/notify.h"
 #include "platform/command_bridge.h"
 #include "fixtures/scratch_dir.h"
 #include "platform/agent_paths.h"
@@ -169,8 +170,7 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
     ::close(fd);
   }
 
-  auto client_holder = std::make_unique<agent::bridge_client_t>();
-  agent::bridge_client_t& client = *client_holder;
+  agent::bridge_client_t client;
   ASSERT_TRUE(client.connect(socket_, error)) << error;
   bool result = false;
   std::string reply;
@@ -182,40 +182,57 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   ASSERT_TRUE(client.call(6, "1234567", result, reply, nullptr, error));  // the listener threw
   EXPECT_FALSE(result);
 
-  // A question reaches the connected client and waits for its answer.
+  // A question goes only to a client that offered answers, and waits for it.
   std::string body = "question";
+  EXPECT_FALSE(bridge::server::NotifyClientAndWaitResponse(NotifyUpdateInstallQuestion, body, -1));
+  ASSERT_TRUE(client.offer_answers(error)) << error;
   auto answered = notify_later(body);
   std::string asked;
-  while (asked.empty()) {
-    ASSERT_TRUE(client.wait(50, [&](uint32_t id, std::string& b) {
-      asked = std::to_string(id) + ":" + b;
-      b = "\x01";
-      return true;
-    }, error)) << error;
-  }
+  auto answer_yes = [&](uint32_t id, std::string& b) {
+    asked = std::to_string(id) + ":" + b;
+    b = "\x01";
+    return true;
+  };
+  while (asked.empty()) ASSERT_TRUE(client.wait(50, answer_yes, error)) << error;
   EXPECT_TRUE(answered.get());
   EXPECT_EQ(asked, "6:question");
   EXPECT_EQ(body, "\x01");
 
-  // The latest client gets the next question; it goes away meanwhile. Its
-  // command frame and the reply are written out byte for byte: little-endian
-  // type, serial, value and body length.
-  const int quitter = raw_connect();
-  const std::string command("\x01\0\0\0\x07\0\0\0\x05\0\0\0\x01\0\0\0x", 17);
-  ASSERT_EQ(::write(quitter, command.data(), command.size()), 17);
-  char replied[16];
-  ASSERT_EQ(::read(quitter, replied, sizeof replied), 16);  // served: now the latest
-  EXPECT_EQ(std::string(replied, 16), std::string("\x02\0\0\0\x07\0\0\0\0\0\0\0\0\0\0\0", 16));
-  agent::frame_t frame;
-  auto abandoned = notify_later(body);
-  ASSERT_EQ(agent::read_frame(quitter, frame), agent::frame_read_t::ok);
-  EXPECT_EQ(frame.type, agent::frame_notification);
-  ::close(quitter);
-  EXPECT_FALSE(abandoned.get());
+  // The latest to offer is asked. Its offer and the reply are written out
+  // byte for byte: little-endian type, serial, value and body length. The
+  // first such client goes away at the question (a no); the second answers
+  // it with an empty body, is dropped for it, and the question goes on to
+  // the first client, which answers it properly.
+  for (const bool garbage : {false, true}) {
+    const int latest = raw_connect();
+    const std::string offer("\x05\0\0\0\x07\0\0\0\x01\0\0\0\0\0\0\0", 16);
+    ASSERT_EQ(::write(latest, offer.data(), offer.size()), 16);
+    char replied[16];
+    ASSERT_EQ(::read(latest, replied, sizeof replied), 16);
+    EXPECT_EQ(std::string(replied, 16), std::string("\x02\0\0\0\x07\0\0\0\x01\0\0\0\0\0\0\0", 16));
+    body = "again";
+    auto outcome = std::async(std::launch::async, [&body] {
+      return bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, -1, readable_answer);
+    });
+    agent::frame_t frame;
+    ASSERT_EQ(agent::read_frame(latest, frame), agent::frame_read_t::ok);
+    EXPECT_EQ(frame.type, agent::frame_notification);
+    if (!garbage) {
+      ::close(latest);
+      EXPECT_EQ(outcome.get(), bridge::server::NotifyOutcome::gone);
+      continue;
+    }
+    ASSERT_TRUE(agent::write_frame(latest, {agent::frame_answer, frame.serial, 1, ""}));
+    char c;
+    EXPECT_EQ(::read(latest, &c, 1), 0);
+    ::close(latest);
+    asked.clear();
+    while (asked.empty()) ASSERT_TRUE(client.wait(50, answer_yes, error)) << error;
+    EXPECT_EQ(outcome.get(), bridge::server::NotifyOutcome::answered);
+    EXPECT_EQ(asked, "6:again");
+  }
 
-  // Without clients a question fails at once, and stopping removes the socket.
-  client_holder.reset();
-  EXPECT_FALSE(bridge::server::NotifyClientAndWaitResponse(NotifyUpdateInstallQuestion, body, -1));
+  // Stopping removes the socket.
   agent::stop_bridge();
   EXPECT_NE(::stat(socket_.c_str(), &st), 0);
 }

@@ -10,6 +10,7 @@
 #include <thread>
 #include <tuple>
 
+#include "agent/bridge.h"
 #include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
 
@@ -70,6 +71,8 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   EXPECT_EQ(run({"--root", root, "status", "--xml"}).out.rfind("<update-status result=\"uptodate\"", 0), 0u);
 
   const std::string socket = dir_.path("bridge.sock");
+  // The group must be able to pass the directories on the way to its socket.
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
   const pid_t daemon = fixtures::spawn_child(
       {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "--socket-group", "daemon", "serve"}, -1,
       dir_.path("serve.log"));
@@ -91,19 +94,76 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     after = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
   }
   EXPECT_EQ(after.exit_code, 0) << after.out;
-  if (::getuid() == 0) {  // as other users: one outside the socket's group is told to join it, a member gets in
-    std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
-    for (const auto& [groups, says] : {std::pair{"--clear-groups", "must be a member of the group \"daemon\" that owns"},
-                                       std::pair{"--groups=daemon", "status: uptodate"}}) {
-      const outcome_t o = run({"--reuid=nobody", "--regid=nogroup", groups, CORVID_BIN_DIR "/corvid-update-client",
-                               "--socket", socket, "status", "--once"}, "/usr/bin/setpriv");
+  if (::getuid() == 0) {  // as other users: one outside the socket's group is told to join it, a member reads
+    for (const auto& [groups, command, says] :  // the status but may not command the daemon
+         {std::tuple{"--clear-groups", "status", "must be a member of the group \"daemon\" that owns"},
+          std::tuple{"--groups=daemon", "status", "status: uptodate"},
+          std::tuple{"--groups=daemon", "send", "not permitted: commands need root"}}) {
+      std::vector<std::string> args{"--reuid=nobody", "--regid=nogroup", groups,
+                                    CORVID_BIN_DIR "/corvid-update-client", "--socket", socket, command};
+      args.push_back(std::string(command) == "send" ? hex : "--once");
+      const outcome_t o = run(args, "/usr/bin/setpriv");
       EXPECT_NE((o.out + o.err).find(says), std::string::npos) << groups << ": " << o.out << o.err;
     }
+    EXPECT_NE(read_file(root + "/log/corvid_update.log").find("refused: command 8 needs root"), std::string::npos);
   }
+  // A second process on the same update directory names the first and
+  // leaves its status, its log and its socket alone.
+  const std::string status_before = read_file(root + "/var/update/corvid_update_status.xml"),
+                    log_before = read_file(root + "/log/corvid_update.log");
+  for (const auto& args : {std::vector<std::string>{"--root", root, "check", source},
+                           std::vector<std::string>{"--root", root, "--socket", socket + "2", "serve"}}) {
+    const outcome_t second = run(args);
+    EXPECT_EQ(second.exit_code, 1);
+    EXPECT_NE(second.err.find("is in use by process " + std::to_string(daemon)), std::string::npos) << second.err;
+  }
+  EXPECT_EQ(read_file(root + "/var/update/corvid_update_status.xml"), status_before);
+  EXPECT_EQ(read_file(root + "/log/corvid_update.log"), log_before);
+  EXPECT_FALSE(std::filesystem::exists(socket + "2"));
   fixtures::stop_child(daemon, 5000);
   EXPECT_FALSE(std::filesystem::exists(socket));
   EXPECT_NE(read_file(root + "/log/corvid_update.log").find("\tserve\tstopped\n"), std::string::npos);
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
+}
+
+// A stop starts nothing more: not at the daemon's question, which it
+// answers no, nor between two rules of a one-shot hit by Ctrl-C, where the
+// running command finishes. The files stay downloaded; the next install
+// completes them.
+TEST_F(HostTest, StopStartsNoFurtherCommand) {
+  serve({"repo", "agent"});
+  const std::string root = dir_.path("agent"), source = server_.url("/repo/"), socket = dir_.path("bridge.sock");
+  const pid_t daemon = fixtures::spawn_child(
+      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "serve"}, -1, dir_.path("serve.log"));
+  agent::bridge_client_t client;
+  std::string error, reply;
+  for (int i = 0; i < 250 && !client.connect(socket, error); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(client.offer_answers(error)) << error;
+  bool accepted = false, asked = false;
+  ASSERT_TRUE(client.call(8, "install " + source, accepted, reply, nullptr, error) && accepted) << error;
+  while (!asked && client.wait(50, [&](uint32_t, std::string& body) {
+    fixtures::stop_child(daemon, 10000);  // at the question, unanswered
+    body = "\x01";
+    return asked = true;
+  }, error)) {}
+  EXPECT_TRUE(asked) << error;
+  const std::string status = read_file(root + "/var/update/corvid_update_status.xml");
+  EXPECT_NE(status.find("Update stopped: the module is stopping"), std::string::npos) << status;
+  EXPECT_NE(status.find("state=\"downloaded\""), std::string::npos) << status;
+  EXPECT_FALSE(std::filesystem::exists(root + "/var/update/corvid-tool.sh.version"));
+  EXPECT_EQ(run({"--root", root, "--answer", "yes", "install", server_.url("/agent/"), source}).out, "update_state=uptodate\n");
+
+  // Rule 1's command stops the one-shot and goes on; rule 2's never starts.
+  const std::string two_rules = "[corvid]\nversion.1=1\nfile.1=a.txt\nexec_wait.1=1\n"
+      "exec.1=sh -c \"kill -INT $PPID; sleep 0.3; echo [$update_path] > $update_path/one\"\n"
+      "version.2=1\nfile.2=b.txt\nexec_wait.2=1\nexec.2=sh -c \"echo [$update_path] > $update_path/two\"\n";
+  ASSERT_TRUE(server_.put_file("two/update.ini", two_rules) && server_.put_file("two/a.txt", "a") &&
+              server_.put_file("two/b.txt", "b"));
+  const std::string other = dir_.path("other");
+  EXPECT_EQ(run({"--root", other, "--no-verify", "--answer", "yes", "install", server_.url("/two/")}).exit_code, 130);
+  EXPECT_EQ(read_file(other + "/var/update/one"), "[" + other + "/var/update]\n");
+  EXPECT_FALSE(std::filesystem::exists(other + "/var/update/two"));
+  EXPECT_NE(read_file(other + "/var/update/corvid_update_status.xml").find("Update stopped"), std::string::npos);
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.

@@ -15,6 +15,7 @@
 #include <curl/curl.h>
 
 #include "fixtures/fault_server.h"
+#include "frame/update.h"
 #include "planning/plan_rule.h"
 #include "platform/hash_file.h"
 #include "status/status_fixture.h"
@@ -173,7 +174,7 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    set_module_state(module_stopped);
+    fini();
   });
   auto start = clock_type::now();
   EXPECT_FALSE(download_file(handle, server.url(), target, quick_params(3), true));

@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -243,6 +246,29 @@ bool make_directories(const char* path, unsigned mode) {
     if (end == std::string::npos) break;
   }
   return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool hold_process_lock(const char* path, long& holder) {
+  holder = 0;
+  static std::mutex lock;
+  static std::map<std::string, int>& held = *new std::map<std::string, int>;  // guarded by lock
+  std::lock_guard<std::mutex> hold(lock);
+  if (held.count(path) != 0) return true;
+  const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (fd < 0) return false;
+  // flock belongs to the open file: a second open in this process would
+  // conflict with the first, hence the table of what is held.
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    char text[32] = {};
+    if (::pread(fd, text, sizeof text - 1, 0) > 0) holder = std::strtol(text, nullptr, 10);
+    close_keeping_errno(fd);
+    return false;
+  }
+  // The id only helps the next one name us; the lock is what counts.
+  const std::string pid = std::to_string(::getpid()) + "\n";
+  if (::ftruncate(fd, 0) == 0) (void)!::pwrite(fd, pid.data(), pid.size(), 0);
+  held[path] = fd;
+  return true;
 }
 
 }  // namespace update::platform
