@@ -20,7 +20,7 @@
 #include "agent/agent.h"
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "planning/hash_cache.h"
 #include "platform/hash_file.h"
 #include "platform/local_params.h"

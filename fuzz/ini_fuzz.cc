@@ -15,7 +15,7 @@
 #include <string>
 
 #include "description/indexed_rules.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "fuzz/fuzz_support.h"
 #include "support/ini_file.h"
 

@@ -21,7 +21,7 @@
 
 #include "agent/agent.h"
 #include "description/inivars.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "planning/hash_cache.h"
 #include "platform/local_params.h"
 #include "platform/process.h"

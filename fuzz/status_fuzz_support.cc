@@ -3,7 +3,7 @@
 // reading and rendering, only by saving and hashing, which it never does.
 #include <string>
 
-#include "frame/command.h"
+#include "records/command.h"
 #include "platform/agent_paths.h"
 #include "platform/hash_file.h"
 #include "platform/log.h"

@@ -3,7 +3,7 @@
 #include <list>
 #include <string>
 
-#include "frame/command.h"
+#include "records/command.h"
 
 namespace host {
 

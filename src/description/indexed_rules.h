@@ -5,7 +5,7 @@
 #include <list>
 #include <string>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 class CIniFile;
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "support/ini_file.h"
 
 namespace update {

@@ -4,7 +4,7 @@
 
 #include "description/indexed_rules.h"
 #include "description/section_rules.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "platform/agent_paths.h"
 #include "status/status.h"
 #include "support/file_helpers.h"

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 #include "support/ini_file.h"
 

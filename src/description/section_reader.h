@@ -6,7 +6,7 @@
 #include <string>
 
 #include "description/inivars.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "support/ini_file.h"
 
 namespace update {

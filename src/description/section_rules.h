@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 class CIniFile;
 

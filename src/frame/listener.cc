@@ -4,7 +4,7 @@
 #include <list>
 
 #include "frame/module.h"
-#include "frame/request.h"
+#include "records/request.h"
 #include "frame/update.h"
 #include "status/status.h"
 #include "support/byte_layout.h"

@@ -55,22 +55,6 @@ void dispatch_pending(bool after_run) {
 
 }  // namespace
 
-const char* command_text(Command command) {
-  switch (command) {
-    case Command::check: return "check";
-    case Command::download: return "download";
-    case Command::install: return "install";
-    case Command::check_manual: return "check manual";
-    case Command::install_manual: return "install manual";
-    case Command::unknown: return "unknown";
-  }
-  return "UNDEFINED";
-}
-
-// params_t's own defaults are the fixed settings every fetch of update.ini
-// runs with, whatever a description says.
-request_t::request_t(Command command, const std::list<std::string>& uris) : command(command), uris(uris) {}
-
 module_state_t current_module_state() {
   std::lock_guard<std::mutex> hold(module_lock);
   return module_state;

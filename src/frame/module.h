@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "frame/request.h"
+#include "records/request.h"
 #include "platform/event_manager.h"
 
 namespace update {

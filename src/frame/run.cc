@@ -6,7 +6,7 @@
 
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "frame/curl_init.h"
 #include "frame/module.h"
 #include "frame/run_gates.h"

@@ -7,7 +7,7 @@
 
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "frame/listener.h"
 #include "frame/module.h"
 #include "frame/path_vars.h"

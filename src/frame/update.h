@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "frame/command.h"
+#include "records/command.h"
 #include "platform/log.h"
 
 namespace update {

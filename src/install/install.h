@@ -5,8 +5,8 @@
 #pragma once
 #include <string>
 
-#include "description/update_ini.h"
-#include "frame/command.h"
+#include "records/update_ini.h"
+#include "records/command.h"
 
 namespace update {
 

@@ -6,7 +6,7 @@
 #pragma once
 #include <string>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "platform/command_bridge.h"
 
 namespace update {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 namespace update {
 

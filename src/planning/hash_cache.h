@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 namespace update {
 

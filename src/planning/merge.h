@@ -4,7 +4,7 @@
 #include <list>
 #include <string>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 namespace update {
 

@@ -5,7 +5,7 @@
 #pragma once
 #include <string>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 
 namespace update {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 
 namespace update {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "platform/log.h"
 #include "support/message_format.h"
 #include "support/time_text.h"

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "frame/command.h"
+#include "records/command.h"
 #include "planning/hash_cache.h"
 
 class XMLDeclaration;  // platform/xml_document.h

@@ -3,7 +3,7 @@
 #pragma once
 #include <curl/curl.h>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 namespace update {
 

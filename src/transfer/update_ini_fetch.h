@@ -4,7 +4,7 @@
 
 #include <curl/curl.h>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 
 namespace update {
 

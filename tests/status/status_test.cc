@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "description/update_ini.h"
+#include "records/update_ini.h"
 #include "frame/update.h"
 #include "platform/hash_file.h"
 #include "status/status_fixture.h"

@@ -4,8 +4,8 @@
 #include <list>
 #include <string>
 
-#include "description/update_ini.h"
-#include "frame/command.h"
+#include "records/update_ini.h"
+#include "records/command.h"
 
 namespace update {
 
