@@ -21,7 +21,7 @@
 #include "description/inivars.h"
 #include "description/loader.h"
 #include "records/update_ini.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "platform/hash_file.h"
 #include "platform/local_params.h"
 #include "status/status.h"

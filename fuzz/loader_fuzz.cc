@@ -22,7 +22,7 @@
 #include "agent/agent.h"
 #include "description/inivars.h"
 #include "records/update_ini.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "platform/local_params.h"
 #include "platform/process.h"
 #include "status/status.h"

@@ -28,7 +28,7 @@ sources_of() {
               src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
     loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
     status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \
-                 src/status/status_xml.cc src/platform/xml_document.cc src/planning/hash_cache.cc \
+                 src/status/status_xml.cc src/platform/xml_document.cc src/facts/hash_cache.cc \
                  src/support/message_format.cc src/support/time_text.cc src/support/file_helpers.cc \
                  src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \

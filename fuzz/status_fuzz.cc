@@ -16,7 +16,7 @@
 #include <sstream>
 #include <string>
 
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "status/status.h"
 #include "status/status_file.h"
 

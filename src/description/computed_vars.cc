@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "description/inivars.h"
-#include "planning/hash_cache.h"
-#include "planning/versions.h"
+#include "facts/hash_cache.h"
+#include "facts/versions.h"
 #include "platform/hash_file.h"
 
 namespace update {

@@ -11,7 +11,7 @@
 #include "description/section_reader.h"
 #include "description/section_rules.h"
 #include "install/run_exec.h"
-#include "planning/versions.h"
+#include "facts/versions.h"
 #include "platform/local_params.h"
 #include "platform/log.h"
 #include "support/message_format.h"

@@ -1,8 +1,6 @@
 // The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
 
-#include <atomic>
-
 #include "frame/listener.h"
 #include "frame/path_vars.h"
 #include "frame/update.h"
@@ -20,10 +18,6 @@ module_state_t module_state = module_stopped;
 std::unique_ptr<request_t> pending_request;
 
 namespace {
-
-// Set by fini, cleared by init. Apart from the state, which start-up's last
-// step opens whatever it finds, so that a stop is never undone under a run.
-std::atomic<bool> stop_asked{false};
 
 constexpr const char* lock_file_name = "corvid_update.lock";
 
@@ -59,10 +53,6 @@ module_state_t current_module_state() {
   std::lock_guard<std::mutex> hold(module_lock);
   return module_state;
 }
-
-bool stop_requested() { return stop_asked.load(); }
-
-void clear_stop_request() { stop_asked = false; }
 
 void submit_request(request_t* request) {
   std::unique_lock<std::mutex> hold(module_lock);
@@ -116,20 +106,11 @@ bool claim_update_dir(long& holder) {
   return platform::hold_process_lock((dir + platform::path_separator + lock_file_name).c_str(), holder);
 }
 
-void update_dir_path(std::string& path) {
-  std::string configured = LPARAMS::server::update_dir();
-  if (configured.empty()) {
-    path = systemVarDir() + "update";
-    return;
-  }
-  path = without_trailing_separators(configured);
-}
-
 void fini() {
   bool running = false;
   {
     std::lock_guard<std::mutex> hold(module_lock);
-    stop_asked = true;
+    request_stop();
     running = module_state == module_busy;
     module_state = module_stopped;
     pending_request.reset();
@@ -171,7 +152,7 @@ void reset_module_for_tests() {
     module_state = module_stopped;
     pending_request.reset();
   }
-  stop_asked = false;
+  clear_stop_request();
   status.reset();
   unregister_service_listener();
   clear_path_vars();

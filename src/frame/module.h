@@ -5,6 +5,8 @@
 #include <mutex>
 #include <string>
 
+#include "facts/agent_facts.h"
+#include "facts/stop_flag.h"
 #include "records/request.h"
 #include "platform/event_manager.h"
 
@@ -23,13 +25,6 @@ extern std::unique_ptr<request_t> pending_request;  // guarded by module_lock
 // Reads the module state under module_lock.
 module_state_t current_module_state();
 
-// True once fini has stopped the module: from then on no command, question
-// or transfer begins, and a run under way walks to its end. Safe from any
-// thread.
-bool stop_requested();
-// Takes back an earlier stop: init calls it as it begins.
-void clear_stop_request();
-
 // The only way in: dispatches when idle, else replaces the pending request.
 void submit_request(request_t* request);
 
@@ -39,16 +34,8 @@ void finish_init(em_call_t* call);
 void status_timer_proc(em_call_t* call);
 void arm_status_timer();
 
-// The update directory without trailing separators; the configured one, or
-// systemVarDir() + "update".
-void update_dir_path(std::string& path);
-
 // Runs one command from start to end on the update worker.
 void run_command(request_t& request);
-
-// productVersion "." productBuild, and the four product values joined by ".".
-const std::string& current_version_text();
-const std::string& product_specs_text();
 
 // Puts every module-wide object back to its load-time values. Tests only.
 void reset_module_for_tests();

@@ -12,7 +12,7 @@
 #include "frame/run_gates.h"
 #include "install/install.h"
 #include "platform/agent_paths.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "planning/merge.h"
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
@@ -115,17 +115,6 @@ bool open_install_gate(status_t& status) {
   status.result = status_install;
   status.client_visible = true;
   return true;
-}
-
-const std::string& current_version_text() {
-  static const std::string text = productVersion() + "." + productBuild();
-  return text;
-}
-
-const std::string& product_specs_text() {
-  static const std::string text =
-      productTarget() + "." + productOs() + "." + productCpu() + "." + productVendor();
-  return text;
 }
 
 void run_command(request_t& request) {

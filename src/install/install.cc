@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include "frame/module.h"
+#include "facts/stop_flag.h"
 #include "frame/path_vars.h"
 #include "install/notify.h"
 #include "install/run_exec.h"

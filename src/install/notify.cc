@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "frame/module.h"
+#include "facts/stop_flag.h"
 #include "install/run_exec.h"
 #include "platform/command_bridge.h"
 #include "status/status.h"

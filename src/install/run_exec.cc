@@ -1,6 +1,6 @@
 #include "install/run_exec.h"
 
-#include "frame/module.h"
+#include "facts/stop_flag.h"
 #include "platform/process.h"
 #include "status/status.h"
 #include "support/message_format.h"

@@ -1,7 +1,7 @@
 #include "planning/plan_rule.h"
 
-#include "frame/module.h"
-#include "planning/versions.h"
+#include "facts/agent_facts.h"
+#include "facts/versions.h"
 #include "platform/log.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "records/command.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 
 class XMLDeclaration;  // platform/xml_document.h
 

@@ -1,7 +1,7 @@
 // The end-of-run passes over the status records. Each logs one line per
 // thing it looks at; none of them saves, end_run or start-up does that.
-#include "frame/module.h"
-#include "planning/versions.h"
+#include "facts/agent_facts.h"
+#include "facts/versions.h"
 #include "platform/hash_file.h"
 #include "platform/log.h"
 #include "status/status.h"

@@ -1,7 +1,7 @@
 #include <charconv>
 #include <string_view>
 
-#include "frame/module.h"
+#include "facts/agent_facts.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
 #include "platform/log.h"

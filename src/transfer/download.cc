@@ -4,7 +4,7 @@
 #include <memory>
 #include <mutex>
 
-#include "frame/module.h"
+#include "facts/stop_flag.h"
 #include "platform/file_ops.h"
 #include "status/status.h"
 #include "support/file_helpers.h"

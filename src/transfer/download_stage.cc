@@ -3,7 +3,7 @@
 #include "install/run_exec.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
-#include "planning/versions.h"
+#include "facts/versions.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"

@@ -9,7 +9,7 @@
 #include "description/inivars.h"
 #include "description/loader.h"
 #include "description/section_rules.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "platform/hash_file.h"
 #include "status/status_fixture.h"
 #include "support/ini_file.h"

@@ -9,10 +9,10 @@
 #include "fixtures/scratch_dir.h"
 #include "frame/frame_fixture.h"
 #include "frame/module.h"
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
-#include "planning/versions.h"
+#include "facts/versions.h"
 #include "platform/hash_file.h"
 
 namespace update {

@@ -1,4 +1,4 @@
-#include "planning/versions.h"
+#include "facts/versions.h"
 
 #include <string_view>
 

@@ -1,4 +1,4 @@
-#include "planning/hash_cache.h"
+#include "facts/hash_cache.h"
 
 #include <utility>
 
