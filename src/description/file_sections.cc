@@ -10,7 +10,7 @@
 
 #include "description/section_reader.h"
 #include "description/section_rules.h"
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "facts/versions.h"
 #include "platform/local_params.h"
 #include "platform/log.h"

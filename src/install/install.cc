@@ -6,7 +6,7 @@
 #include "facts/stop_flag.h"
 #include "frame/path_vars.h"
 #include "install/notify.h"
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"

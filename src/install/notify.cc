@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "facts/stop_flag.h"
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "platform/command_bridge.h"
 #include "status/status.h"
 #include "support/byte_layout.h"

@@ -1,6 +1,6 @@
 #include "planning/merge.h"
 
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "platform/hash_file.h"
 #include "platform/log.h"
 #include "status/status.h"

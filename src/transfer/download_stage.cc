@@ -1,6 +1,6 @@
 #include "transfer/download_stage.h"
 
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
 #include "facts/versions.h"

@@ -10,7 +10,7 @@
 #include "frame/path_vars.h"
 #include "install/install.h"
 #include "install/notify.h"
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 #include "status/status_fixture.h"
 
 namespace update::testing {

@@ -1,4 +1,4 @@
-#include "install/run_exec.h"
+#include "runner/run_exec.h"
 
 #include "facts/stop_flag.h"
 #include "platform/process.h"
