@@ -2,7 +2,7 @@
 #include "frame/module.h"
 
 #include "frame/listener.h"
-#include "frame/path_vars.h"
+#include "install/path_vars.h"
 #include "frame/update.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"

@@ -10,7 +10,7 @@
 #include "records/update_ini.h"
 #include "frame/listener.h"
 #include "frame/module.h"
-#include "frame/path_vars.h"
+#include "install/path_vars.h"
 #include "frame/update.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"

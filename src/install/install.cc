@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "facts/stop_flag.h"
-#include "frame/path_vars.h"
+#include "install/path_vars.h"
 #include "install/notify.h"
 #include "runner/run_exec.h"
 #include "status/status.h"

@@ -7,7 +7,7 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
-#include "frame/path_vars.h"
+#include "install/path_vars.h"
 #include "install/install.h"
 #include "install/notify.h"
 #include "runner/run_exec.h"

@@ -1,6 +1,6 @@
-#include "frame/path_vars.h"
+#include "install/path_vars.h"
 
-#include "frame/module.h"
+#include "facts/agent_facts.h"
 #include "platform/agent_paths.h"
 #include "support/file_helpers.h"
 
