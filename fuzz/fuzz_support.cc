@@ -5,7 +5,6 @@
 
 #include "platform/local_params.h"
 #include "status/status.h"
-#include "transfer/update_ini_fetch.h"
 
 namespace fuzz {
 int reports = 0;
@@ -17,11 +16,6 @@ void report(int level, const std::string&) {
   if (level == 0) ++fuzz::reports;
 }
 void report_error(const char* text) { report(0, text); }
-
-std::string& uri_join(std::string& base, const std::string& name) {
-  if (!base.empty() && base.back() != '/') base += '/';
-  return base += name;
-}
 }  // namespace update
 
 namespace LPARAMS {

@@ -24,7 +24,7 @@ CALC_HASH=_ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_tr
 sources_of() {
   case $1 in
     ini) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
-              src/description/indexed_rules.cc src/description/params.cc \
+              src/description/indexed_rules.cc src/description/params.cc src/support/uri_join.cc \
               src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
     loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
     status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \

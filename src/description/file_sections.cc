@@ -15,7 +15,7 @@
 #include "platform/local_params.h"
 #include "platform/log.h"
 #include "support/message_format.h"
-#include "transfer/update_ini_fetch.h"
+#include "support/uri_join.h"
 
 namespace update {
 

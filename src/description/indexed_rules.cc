@@ -8,7 +8,7 @@
 #include "support/ini_file.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
-#include "transfer/update_ini_fetch.h"
+#include "support/uri_join.h"
 
 namespace update {
 

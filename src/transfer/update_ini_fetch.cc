@@ -2,6 +2,7 @@
 
 #include "status/status.h"
 #include "support/message_format.h"
+#include "support/uri_join.h"
 #include "transfer/download.h"
 
 namespace update {
@@ -17,19 +18,6 @@ bool fetch_update_ini(const std::string& uri, const std::string& update_path, co
   std::string url = uri;
   uri_join(url, "update.ini");
   return download_file(handle, url, local_path, params, false);
-}
-
-std::string& uri_join(std::string& base, const std::string& name) {
-  if (!base.empty() && base.back() == '/') return base += name;
-  size_t q = base.rfind('?');
-  if (q == std::string::npos) {
-    base += '/';
-    return base += name;
-  }
-  if (name.find('?') != std::string::npos) base.resize(q);
-  const bool slash_before = q > 0 && base[q - 1] == '/';
-  if (!slash_before && name.compare(0, 1, "/") != 0) base.insert(q++, 1, '/');
-  return base.insert(q, name);
 }
 
 }  // namespace update

@@ -21,6 +21,7 @@
 #include "status/status_fixture.h"
 #include "transfer/download.h"
 #include "transfer/download_stage.h"
+#include "support/uri_join.h"
 #include "transfer/update_ini_fetch.h"
 
 namespace update::testing {
