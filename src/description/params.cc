@@ -4,22 +4,13 @@
 #include <string_view>
 
 #include "records/update_ini.h"
+#include "platform/ascii_text.h"
 #include "status/status.h"
 #include "support/ini_file.h"
 
 namespace update {
 
 namespace {
-
-bool equal_ignoring_case(std::string_view text, std::string_view lower_word) {
-  if (text.size() != lower_word.size()) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (c != lower_word[i]) return false;
-  }
-  return true;
-}
 
 // The size rule of the settings: anything parse_size refuses is 0.
 uint64_t size_or_zero(const std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "platform/ascii_text.h"
 #include "platform/log.h"
 #include "support/file_helpers.h"
 #include "support/ini_file.h"
@@ -33,15 +34,6 @@ int compare_numbers(std::string_view a, std::string_view b) {
   while (b.size() > 1 && b.front() == '0') b.remove_prefix(1);
   if (a.size() != b.size()) return a.size() < b.size() ? -1 : 1;
   return a.compare(b);
-}
-
-unsigned char lower(unsigned char c) { return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c - 'A' + 'a') : c; }
-
-bool equal_ignoring_case(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (lower(static_cast<unsigned char>(a[i])) != lower(static_cast<unsigned char>(b[i]))) return false;
-  return true;
 }
 
 }  // namespace

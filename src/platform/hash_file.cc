@@ -8,6 +8,7 @@
 
 #include <gcrypt.h>
 
+#include "platform/ascii_text.h"
 #include "platform/file_ops.h"
 
 namespace {
@@ -42,20 +43,9 @@ bool gcrypt_ready() {
   return ready;
 }
 
-bool equal_ignoring_case(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
-    if (x >= 'a' && x <= 'z') x = static_cast<unsigned char>(x - 'a' + 'A');
-    if (y >= 'a' && y <= 'z') y = static_cast<unsigned char>(y - 'a' + 'A');
-    if (x != y) return false;
-  }
-  return true;
-}
-
 const hash_type_t* type_named(std::string_view name) {
   for (const auto& t : hash_types)
-    if (equal_ignoring_case(t.name, name)) return &t;
+    if (update::equal_ignoring_case(t.name, name)) return &t;
   return nullptr;
 }
 
