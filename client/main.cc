@@ -14,6 +14,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "records/bridge_codes.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
 
@@ -29,7 +30,6 @@ constexpr int poll_milliseconds = 200;
 // same status text; after this long with nothing new it counts as done.
 constexpr int unchanged_limit_polls = 15;
 
-enum code_t : uint32_t { code_install = 4, code_status = 6, code_xml = 7, code_host = 8 };
 
 const char* usage_text() {
   return R"(Usage: corvid-update-client [OPTIONS] COMMAND
@@ -199,14 +199,14 @@ class session_t {
   bool poll(snapshot_t& s, bool& changed) {
     std::string request(reinterpret_cast<const char*>(&last_.revision), sizeof last_.revision), reply;
     bool result = false;
-    if (!call(code_status, request, result, reply)) return false;
+    if (!call(update::code_status, request, result, reply)) return false;
     if (result && reply.empty() && have_) {
       changed = false;
       s = last_;
       return true;
     }
     const bool with_revision = result;
-    if (!result && !call(code_status, "", result, reply)) return false;
+    if (!result && !call(update::code_status, "", result, reply)) return false;
     snapshot_t fresh;
     if (!parse_status(reply, with_revision, fresh)) {
       error_ = "the daemon sent a malformed status";
@@ -268,7 +268,7 @@ int print_snapshot(const snapshot_t& s) {
 
 bool status_xml(session_t& session, std::string& xml) {
   bool result = false;
-  return session.call(code_xml, "", result, xml);
+  return session.call(update::code_status_xml, "", result, xml);
 }
 
 // Follows the module until no command runs; with a text of the status
@@ -328,7 +328,7 @@ int run(const options_t& o) {
       std::fprintf(stderr, "corvid-update-client: send takes an even number of hex digits\n");
       return exit_usage;
     }
-    if (!session.call(o.command == "xml" ? code_xml : code_host, request, result, reply)) {
+    if (!session.call(o.command == "xml" ? update::code_status_xml : update::code_host, request, result, reply)) {
       std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
       return exit_failed;
     }
@@ -338,7 +338,7 @@ int run(const options_t& o) {
   }
   if (o.command == "status" && o.once) {
     snapshot_t s;
-    if (!session.call(code_status, "", result, reply) || !parse_status(reply, false, s)) {
+    if (!session.call(update::code_status, "", result, reply) || !parse_status(reply, false, s)) {
       std::fprintf(stderr, "corvid-update-client: %s\n",
                    session.error().empty() ? "the daemon sent a malformed status" : session.error().c_str());
       return exit_failed;
@@ -353,7 +353,7 @@ int run(const options_t& o) {
   snapshot_t baseline;
   bool changed = false;
   if (!session.poll(baseline, changed) || !status_xml(session, before) ||
-      !session.call(code_install, "", result, reply)) {
+      !session.call(update::code_install, "", result, reply)) {
     std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
     return exit_failed;
   }

@@ -7,15 +7,13 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "platform/command_bridge.h"
 #include "platform/process.h"
 #include "support/byte_layout.h"
 
 namespace client {
 
 namespace {
-
-constexpr uint32_t install_question_id = 6;
-constexpr uint32_t client_message_id = 7;
 
 void print_list(const char* title, const std::string& list) {
   if (list.empty()) return;
@@ -141,7 +139,7 @@ bool responder_t::ask(const install_question_t& q) const {
 }
 
 bool responder_t::operator()(uint32_t id, std::string& body) const {
-  if (id == install_question_id) {
+  if (id == NotifyUpdateInstallQuestion) {
     install_question_t question;
     if (!parse_install_question(body, question)) return false;
     const bool yes = answer_ == answer_t::ask ? ask(question) : answer_ == answer_t::yes;
@@ -151,7 +149,7 @@ bool responder_t::operator()(uint32_t id, std::string& body) const {
     return true;
   }
   client_message_t message;
-  if (id != client_message_id || !parse_client_message(body, message)) return false;
+  if (id != NotifyUpdateClientMessage || !parse_client_message(body, message)) return false;
   if (message.kind == 0) {
     std::fprintf(stderr, "update: %s\n", message.text.c_str());
     body.clear();

@@ -7,15 +7,9 @@
 #include <string>
 
 #include "platform/command_bridge.h"
+#include "records/bridge_codes.h"
 
 namespace update {
-
-enum listener_code_t : uint32_t {
-  code_install = 4,
-  code_status = 6,
-  code_status_xml = 7,
-  code_host = 8,
-};
 
 class UpSvcCmdListener : public CommandListener {
  public:
