@@ -13,6 +13,7 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "client/progress_line.h"
 #include "client/responder.h"
 #include "records/bridge_codes.h"
 #include "status/status.h"
@@ -161,16 +162,6 @@ bool running(int32_t result) {
   return result == update::status_prepare || result == update::status_download || result == update::status_install;
 }
 
-std::string sized(uint64_t bytes) {
-  char text[32];
-  if (bytes < 1024) {
-    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
-  } else {
-    std::snprintf(text, sizeof text, "%.1f KiB", static_cast<double>(bytes) / 1024);
-  }
-  return text;
-}
-
 class session_t {
  public:
   explicit session_t(const options_t& o) : responder_(o.answer), terminal_(isatty(STDERR_FILENO) == 1) {
@@ -231,12 +222,8 @@ class session_t {
       shown_result_ = s.result;
       return;
     }
-    const uint64_t total = s.total_size, done = std::min(s.download_size, total);
-    const int width = 30, filled = total ? static_cast<int>(done * width / total) : 0;
-    std::string bar(static_cast<size_t>(filled), '#');
-    bar.append(static_cast<size_t>(width - filled), '-');
-    std::fprintf(stderr, "\r\033[K%-10s [%s] %s / %s  %s", stage, bar.c_str(), sized(done).c_str(),
-                 sized(total).c_str(), s.checking_file.empty() ? "" : ("checking " + s.checking_file).c_str());
+    const std::string what = s.checking_file.empty() ? "" : "checking " + s.checking_file;
+    std::fputs(progress_line(stage, s.download_size, s.total_size, what).c_str(), stderr);
     std::fflush(stderr);
     bar_shown_ = true;
   }

@@ -3,14 +3,13 @@
 #include <cstdio>
 
 #include "agent/agent.h"
+#include "client/progress_line.h"
 #include "platform/log.h"
 #include "status/status.h"
 
 namespace host {
 
 namespace {
-
-constexpr int bar_width = 30;
 
 std::string join(const std::vector<std::string>& parts, const char* separator) {
   std::string text;
@@ -22,23 +21,6 @@ std::string join(const std::vector<std::string>& parts, const char* separator) {
 }
 
 }  // namespace
-
-std::string human_size(uint64_t bytes) {
-  static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024 && unit + 1 < sizeof units / sizeof units[0]) {
-    value /= 1024;
-    ++unit;
-  }
-  char text[32];
-  if (unit == 0) {
-    std::snprintf(text, sizeof text, "%llu B", static_cast<unsigned long long>(bytes));
-  } else {
-    std::snprintf(text, sizeof text, "%.1f %s", value, units[unit]);
-  }
-  return text;
-}
 
 progress_t::progress_t(bool terminal) : terminal_(terminal) {
   observer_ = agent::add_log_observer(
@@ -80,15 +62,10 @@ void progress_t::tick() {
       file = update::status.current_file->name;
     }
   }
-  if (done > total) done = total;
-  const int percent = total ? static_cast<int>(done * 100 / total) : 0;
-  const int filled = total ? static_cast<int>(done * bar_width / total) : 0;
-  std::string bar(static_cast<size_t>(filled), '#');
-  bar.append(static_cast<size_t>(bar_width - filled), '-');
+  const std::string line = client::progress_line(stage, done, total, file);
   std::lock_guard<std::mutex> hold(lock_);
   if (held_) return;
-  std::fprintf(stderr, "\r\033[K%-10s [%s] %3d%%  %s / %s  %s", stage.c_str(), bar.c_str(), percent,
-               human_size(done).c_str(), human_size(total).c_str(), file.c_str());
+  std::fputs(line.c_str(), stderr);
   std::fflush(stderr);
   bar_shown_ = true;
 }

@@ -34,7 +34,4 @@ class progress_t {
   bool held_ = false;         // guarded by lock_
 };
 
-// "1.5 MiB", "320 B": a size for people.
-std::string human_size(uint64_t bytes);
-
 }  // namespace host
