@@ -44,7 +44,6 @@ class byte_reader_t {
     at_ += sizeof length + length;
     return true;
   }
-  size_t position() const { return at_; }
 
  private:
   const std::string& bytes_;
