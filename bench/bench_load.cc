@@ -20,10 +20,10 @@
 #include "agent/agent.h"
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "records/update_ini.h"
 #include "facts/hash_cache.h"
 #include "platform/hash_file.h"
 #include "platform/local_params.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 
 namespace {

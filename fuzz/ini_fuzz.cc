@@ -15,8 +15,8 @@
 #include <string>
 
 #include "description/indexed_rules.h"
-#include "records/update_ini.h"
 #include "fuzz/fuzz_support.h"
+#include "records/update_ini.h"
 #include "support/ini_file.h"
 
 namespace {

@@ -21,10 +21,10 @@
 
 #include "agent/agent.h"
 #include "description/inivars.h"
-#include "records/update_ini.h"
 #include "facts/hash_cache.h"
 #include "platform/local_params.h"
 #include "platform/process.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 
 namespace {

@@ -3,10 +3,10 @@
 // reading and rendering, only by saving and hashing, which it never does.
 #include <string>
 
-#include "records/command.h"
 #include "platform/agent_paths.h"
 #include "platform/hash_file.h"
 #include "platform/log.h"
+#include "records/command.h"
 
 TLogMessage::~TLogMessage() = default;
 

@@ -10,10 +10,10 @@
 
 #include "description/section_reader.h"
 #include "description/section_rules.h"
-#include "runner/run_exec.h"
 #include "facts/versions.h"
 #include "platform/local_params.h"
 #include "platform/log.h"
+#include "runner/run_exec.h"
 #include "support/message_format.h"
 #include "support/uri_join.h"
 

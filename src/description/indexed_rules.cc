@@ -5,8 +5,8 @@
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "status/status.h"
-#include "support/ini_file.h"
 #include "support/file_helpers.h"
+#include "support/ini_file.h"
 #include "support/message_format.h"
 #include "support/uri_join.h"
 

@@ -4,8 +4,8 @@
 
 #include "description/indexed_rules.h"
 #include "description/section_rules.h"
-#include "records/update_ini.h"
 #include "platform/agent_paths.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/ini_file.h"

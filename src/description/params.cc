@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "records/update_ini.h"
 #include "platform/ascii_text.h"
+#include "records/update_ini.h"
 #include "status/status.h"
 #include "support/ini_file.h"
 

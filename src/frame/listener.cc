@@ -4,8 +4,8 @@
 #include <list>
 
 #include "frame/module.h"
-#include "records/request.h"
 #include "frame/update.h"
+#include "records/request.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
 #include "support/stream_error.h"

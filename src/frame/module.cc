@@ -2,8 +2,8 @@
 #include "frame/module.h"
 
 #include "frame/listener.h"
-#include "install/path_vars.h"
 #include "frame/update.h"
+#include "install/path_vars.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"

@@ -7,8 +7,8 @@
 
 #include "facts/agent_facts.h"
 #include "facts/stop_flag.h"
-#include "records/request.h"
 #include "platform/event_manager.h"
+#include "records/request.h"
 
 namespace update {
 

@@ -7,15 +7,15 @@
 
 #include "description/inivars.h"
 #include "description/loader.h"
-#include "records/update_ini.h"
 #include "frame/listener.h"
 #include "frame/module.h"
-#include "install/path_vars.h"
 #include "frame/update.h"
+#include "install/path_vars.h"
+#include "planning/reconcile.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
-#include "planning/reconcile.h"
 #include "platform/log.h"
+#include "records/update_ini.h"
 #include "support/file_helpers.h"
 
 namespace update {

@@ -4,8 +4,8 @@
 #include <list>
 #include <string>
 
-#include "records/command.h"
 #include "platform/log.h"
+#include "records/command.h"
 
 namespace update {
 

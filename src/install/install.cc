@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "facts/stop_flag.h"
-#include "install/path_vars.h"
 #include "install/notify.h"
+#include "install/path_vars.h"
 #include "runner/run_exec.h"
 #include "status/status.h"
 #include "support/file_helpers.h"

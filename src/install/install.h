@@ -5,8 +5,8 @@
 #pragma once
 #include <string>
 
-#include "records/update_ini.h"
 #include "records/command.h"
+#include "records/update_ini.h"
 
 namespace update {
 

@@ -3,8 +3,8 @@
 #include <cstdint>
 
 #include "facts/stop_flag.h"
-#include "runner/run_exec.h"
 #include "platform/command_bridge.h"
+#include "runner/run_exec.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
 #include "support/stream_error.h"

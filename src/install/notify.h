@@ -6,8 +6,8 @@
 #pragma once
 #include <string>
 
-#include "records/update_ini.h"
 #include "platform/command_bridge.h"
+#include "records/update_ini.h"
 
 namespace update {
 

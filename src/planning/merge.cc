@@ -1,8 +1,8 @@
 #include "planning/merge.h"
 
-#include "runner/run_exec.h"
 #include "platform/hash_file.h"
 #include "platform/log.h"
+#include "runner/run_exec.h"
 #include "status/status.h"
 #include "support/message_format.h"
 

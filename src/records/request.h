@@ -4,8 +4,8 @@
 #include <list>
 #include <string>
 
-#include "records/update_ini.h"
 #include "records/command.h"
+#include "records/update_ini.h"
 
 namespace update {
 

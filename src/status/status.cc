@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "records/update_ini.h"
 #include "platform/log.h"
+#include "records/update_ini.h"
 #include "support/message_format.h"
 #include "support/time_text.h"
 

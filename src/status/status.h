@@ -7,8 +7,8 @@
 #include <mutex>
 #include <string>
 
-#include "records/command.h"
 #include "facts/hash_cache.h"
+#include "records/command.h"
 
 class XMLDeclaration;  // platform/xml_document.h
 

@@ -1,9 +1,9 @@
 #include "transfer/download_stage.h"
 
-#include "runner/run_exec.h"
+#include "facts/versions.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
-#include "facts/versions.h"
+#include "runner/run_exec.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"

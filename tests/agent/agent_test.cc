@@ -17,11 +17,11 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "fixtures/scratch_dir.h"
 #include "frame/frame_fixture.h"
 #include "install/notify.h"
-#include "platform/command_bridge.h"
-#include "fixtures/scratch_dir.h"
 #include "platform/agent_paths.h"
+#include "platform/command_bridge.h"
 #include "platform/event_manager.h"
 #include "platform/log.h"
 

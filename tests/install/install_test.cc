@@ -7,9 +7,9 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
-#include "install/path_vars.h"
 #include "install/install.h"
 #include "install/notify.h"
+#include "install/path_vars.h"
 #include "runner/run_exec.h"
 #include "status/status_fixture.h"
 

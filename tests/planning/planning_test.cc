@@ -4,15 +4,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "facts/hash_cache.h"
+#include "facts/versions.h"
 #include "fixtures/log_records.h"
 #include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
 #include "frame/frame_fixture.h"
 #include "frame/module.h"
-#include "facts/hash_cache.h"
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
-#include "facts/versions.h"
 #include "platform/hash_file.h"
 
 namespace update {

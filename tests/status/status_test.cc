@@ -4,9 +4,9 @@
 
 #include <filesystem>
 
-#include "records/update_ini.h"
 #include "frame/update.h"
 #include "platform/hash_file.h"
+#include "records/update_ini.h"
 #include "status/status_fixture.h"
 
 namespace update::testing {

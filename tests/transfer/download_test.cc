@@ -19,9 +19,9 @@
 #include "planning/plan_rule.h"
 #include "platform/hash_file.h"
 #include "status/status_fixture.h"
+#include "support/uri_join.h"
 #include "transfer/download.h"
 #include "transfer/download_stage.h"
-#include "support/uri_join.h"
 #include "transfer/update_ini_fetch.h"
 
 namespace update::testing {
