@@ -18,9 +18,14 @@
 #include "install/notify.h"
 #include "platform/command_bridge.h"
 
+// The notifications never go out here; only their readers are fuzzed.
 namespace bridge::server {
+NotifyOutcome NotifyClient(NotificationIdType, std::string&, long, AnswerCheck) { return NotifyOutcome::no_client; }
 bool NotifyClientAndWaitResponse(NotificationIdType, std::string&, long) { return false; }
 }  // namespace bridge::server
+namespace update {
+bool stop_refuses(const std::string&, int32_t) { return false; }
+}  // namespace update
 
 namespace {
 
@@ -53,11 +58,15 @@ void fuzz_frames(const std::string& input) {
 
 void fuzz_exec_reply(const std::string& input) {
   std::string text;
+  // The bridge lets through exactly the answers the module can read.
+  const bool readable = update::readable_answer(NotifyUpdateClientMessage, update::exec_user_body("x", true, false), input);
   try {
     update::read_exec_user_reply(input, text);
   } catch (const char*) {
+    check(!readable, "an answer the bridge lets through is read");
     return;
   }
+  check(readable, "an answer the module reads is let through");
   check(input.size() >= 5 && input.compare(5, text.size(), text) == 0, "reply text is the counted bytes");
   check(client::exec_user_reply(true, text).substr(1) == input.substr(1, 4 + text.size()),
         "reply rewrites to its bytes");

@@ -32,7 +32,7 @@ sources_of() {
                  src/support/message_format.cc src/support/time_text.cc src/support/file_helpers.cc \
                  src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
-                 src/install/notify.cc src/platform/posix/process.cc ;;
+                 src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
     *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
   esac
 }
