@@ -11,6 +11,7 @@ struct values_t {
   std::mutex lock;
   std::string update_dir;       // guarded by lock; empty: the default
   bool verify_downloads = true;  // guarded by lock
+  std::string ca_file;           // guarded by lock; empty: the system's
 };
 
 values_t& values() {
@@ -41,5 +42,15 @@ void server::set_verify_downloads(bool on) {
 }
 
 std::string server::verify_downloads_name() { return "verify_downloads"; }
+
+std::string server::ca_file() {
+  std::lock_guard<std::mutex> hold(values().lock);
+  return values().ca_file;
+}
+
+void server::set_ca_file(const std::string& path) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  values().ca_file = path;
+}
 
 }  // namespace LPARAMS

@@ -1,10 +1,12 @@
 // corvid-update: a host for the update module. It provides the agent's
 // services (paths, parameters, log, event manager), starts the module, runs
 // one command or answers the status, and stops it again.
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <fcntl.h>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <pthread.h>
 #include <thread>
@@ -88,6 +90,13 @@ bool configure_agent(const options_t& options) {
   agent::configure_paths(paths);
   LPARAMS::server::set_update_dir(options.update_dir);
   LPARAMS::server::set_verify_downloads(!options.no_verify);
+  // A typo in a trust setting must not quietly fall back to the system's.
+  if (!options.ca_file.empty() && ::access(options.ca_file.c_str(), R_OK) != 0) {
+    std::fprintf(stderr, "corvid-update: cannot read the CA file %s: %s\n", options.ca_file.c_str(),
+                 std::strerror(errno));
+    return false;
+  }
+  LPARAMS::server::set_ca_file(options.ca_file);
   long holder = 0;
   if (!update::claim_update_dir(holder)) {
     std::string dir;

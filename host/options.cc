@@ -31,6 +31,7 @@ constexpr value_option_t value_options[] = {
     {"--update-dir", &options_t::update_dir},
     {"--root", &options_t::root},
     {"--log", &options_t::log_file},
+    {"--ca-file", &options_t::ca_file},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
@@ -171,6 +172,9 @@ Options:
   --product-cpu CPU     (default x86_64)
   --product-vendor V    (default corvid)
   --no-verify           turn off hash verification of downloaded files
+  --ca-file PATH        HTTPS servers must have certificates from the
+                        authorities in this PEM file (instead of the
+                        system's); it must be readable at start
   --stats               at the end, print the number of status saves and of
                         waits for the disk on standard error
   --log FILE            log file (default: the log directory +

@@ -19,6 +19,7 @@ struct options_t {
   std::string log_file;  // empty: systemLogDir + "corvid_update.log"
   std::string cmdid;
   bool no_verify = false;
+  std::string ca_file;  // HTTPS: the authorities to trust; empty: the system's
   bool stats = false;  // saves and disk syncs on stderr at the end
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string socket_group;  // serve: the group that may use the socket; empty: owner-only

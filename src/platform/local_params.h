@@ -15,6 +15,11 @@ class server {
   static bool verify_downloads();
   static void set_verify_downloads(bool on);
   static std::string verify_downloads_name();
+
+  // The certificate authorities HTTPS servers are checked against, as a
+  // file of PEM certificates; empty means the system's own.
+  static std::string ca_file();
+  static void set_ca_file(const std::string& path);
 };
 
 }  // namespace LPARAMS

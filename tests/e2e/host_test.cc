@@ -166,6 +166,36 @@ TEST_F(HostTest, StopStartsNoFurtherCommand) {
   EXPECT_NE(read_file(other + "/var/update/corvid_update_status.xml").find("Update stopped"), std::string::npos);
 }
 
+// Over HTTPS the server must show a certificate for its address from the
+// authority named by --ca-file; another authority or another name fails the
+// source with libcurl's text, and a CA file that cannot be read stops the
+// host at once.
+TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
+  const std::string pki = dir_.path("pki");
+  std::filesystem::create_directories(pki);
+  ASSERT_TRUE(fixtures::make_certificate(pki, "good", "ours", "IP:127.0.0.1") &&
+              fixtures::make_certificate(pki, "named", "ours", "DNS:other.example") &&
+              fixtures::make_certificate(pki, "stranger", "theirs", "IP:127.0.0.1"));
+  const struct {
+    const char* cert;
+    const char* says;
+  } rows[] = {{"good", "update_state=download\n"},
+              {"named", "no alternative certificate subject name matches target host name '127.0.0.1'"},
+              {"stranger", "SSL certificate problem: unable to get local issuer certificate"}};
+  for (const auto& row : rows) {
+    fixtures::nginx_server_t server;
+    server.use_tls(pki + "/" + row.cert + ".pem", pki + "/" + row.cert + ".key");
+    std::string error;
+    ASSERT_TRUE(server.start(error)) << error;
+    std::filesystem::copy(CORVID_SOURCE_DIR "/examples/repo", server.root() + "/repo", std::filesystem::copy_options::recursive);
+    const outcome_t o = run({"--root", dir_.path(row.cert), "--ca-file", pki + "/ours-ca.pem", "download", server.url("/repo/")});
+    EXPECT_NE(o.out.find(row.says), std::string::npos) << row.cert << ": " << o.out << o.err;
+  }
+  const outcome_t missing = run({"--root", dir_.path("x"), "--ca-file", pki + "/none.pem", "check", "https://127.0.0.1:1/"});
+  EXPECT_EQ(missing.exit_code, 1);
+  EXPECT_NE(missing.err.find("cannot read the CA file"), std::string::npos) << missing.err;
+}
+
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.
 using PackageTest = HostTest;
 
