@@ -78,11 +78,11 @@ size_t public_key_size(key_type_t type) { return type == key_type_t::ed25519 ? h
 
 bool generate_key(key_type_t type, secret_key_t& key) {
   if (!platform::gcrypt_ready()) return false;
-  sexp_t spec, pair;
-  if (gcry_sexp_build(&spec.s, nullptr, type == key_type_t::ed25519 ? "(genkey (ecc (curve %s) (flags eddsa)))"
+  sexp_t wanted, pair;
+  if (gcry_sexp_build(&wanted.s, nullptr, type == key_type_t::ed25519 ? "(genkey (ecc (curve %s) (flags eddsa)))"
                                                                     : "(genkey (ecc (curve %s)))",
                       curve_of(type)) != 0 ||
-      gcry_pk_genkey(&pair.s, spec.s) != 0)
+      gcry_pk_genkey(&pair.s, wanted.s) != 0)
     return false;
   sexp_t secret_part(gcry_sexp_find_token(pair.s, "private-key", 0));
   std::string d, q;
