@@ -6,6 +6,7 @@
 #           and the agent's sources; it starts no process
 #   status  the status reader, and the writer and reader together
 #   bridge  the bridge's frames, the client's reply and the module's messages
+#   signature  update.ini.sig and its check, the key files, the serial store
 # Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
 # Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
 # to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
@@ -15,7 +16,7 @@ ROOT=$PWD
 RUN_SECONDS=${1:-600}
 shift || true
 TARGETS=("$@")
-[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge)
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature)
 OUT=$ROOT/fuzz-out
 FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
@@ -33,6 +34,10 @@ sources_of() {
                  src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
                  src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
+    signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc \
+                    src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \
+                    src/support/message_format.cc src/support/file_helpers.cc src/platform/signature.cc \
+                    src/platform/hash_file.cc src/platform/posix/file_ops.cc ;;
     *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
   esac
 }
@@ -41,6 +46,7 @@ libs_of() {
   case $1 in
     loader) echo -Wl,--wrap="$CALC_HASH" -lcurl -lgcrypt -lpugixml -lpthread ;;
     status) echo -lpugixml ;;
+    signature) echo -lgcrypt ;;
   esac
 }
 
@@ -75,6 +81,7 @@ seeds_of() {
       for ini in examples/*/update.ini; do cp "$ini" "$dir/example_$(basename "$(dirname "$ini")").ini"; done ;;
     status) cp fuzz/corpus_status/* "$dir/" ;;
     bridge) cp fuzz/bridge_corpus/* "$dir/" ;;
+    signature) cp fuzz/corpus_signature/* "$dir/" ;;
   esac
   echo "$dir"
 }

@@ -30,19 +30,6 @@ constexpr const hash_type_t& default_type = hash_types[0];
 // enough to keep the footprint flat whatever the file size.
 constexpr size_t read_block = size_t{1} << 20;
 
-bool gcrypt_ready() {
-  // libgcrypt wants one initialisation before any use; since 1.6 it is
-  // thread-safe without callbacks. Respect a host that did it already.
-  static const bool ready = [] {
-    if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) return true;
-    if (!gcry_check_version(GCRYPT_VERSION)) return false;
-    gcry_control(GCRYCTL_DISABLE_SECMEM, 0);  // digests of public files need no locked memory
-    gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
-    return true;
-  }();
-  return ready;
-}
-
 const hash_type_t* type_named(std::string_view name) {
   for (const auto& t : hash_types)
     if (update::equal_ignoring_case(t.name, name)) return &t;
@@ -95,6 +82,25 @@ struct md_owner_t {
 
 }  // namespace
 
+namespace update::platform {
+
+bool gcrypt_ready() {
+  // libgcrypt wants one initialisation before any use; since 1.6 it is
+  // thread-safe without callbacks. Secure memory stays off: it is a small
+  // pool that must be set up before anything else, and the daemon keeps no
+  // secret; the signing program holds its key for a moment only.
+  static const bool ready = [] {
+    if (gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P)) return true;
+    if (!gcry_check_version(GCRYPT_VERSION)) return false;
+    gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
+    gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+    return true;
+  }();
+  return ready;
+}
+
+}  // namespace update::platform
+
 namespace HashFileChecker {
 
 bool CalcHash(const std::string& path, const std::string& type, std::string& result) {
@@ -112,7 +118,7 @@ bool CalcHash(const std::string& path, const std::string& type, std::string& res
   } else {
     out = decoration(*t, lead);
   }
-  if (!gcrypt_ready()) return false;
+  if (!update::platform::gcrypt_ready()) return false;
 
   // Unbuffered: each read of a block goes straight from the system into the
   // buffer, with no copy through the stream's own.

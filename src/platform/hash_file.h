@@ -17,6 +17,15 @@ bool CalcHash(const std::string& path, const std::string& type, std::string& res
 
 }  // namespace HashFileChecker
 
+namespace update::platform {
+
+// Initialises libgcrypt once for the process, unless the host did already;
+// false if the library is older than the one built against. Every use of
+// libgcrypt in the module goes through it first. Safe from any thread.
+bool gcrypt_ready();
+
+}  // namespace update::platform
+
 // The decoration ("#GOST3411_256_2012:" and so on) for a type name in any
 // case, a decoration, or a decorated hash; a bare hex digest of 64 or 128
 // digits gives the GOST type of that length. Empty for anything else.

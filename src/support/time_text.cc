@@ -154,6 +154,15 @@ int64_t packed_to_time(packed_time_t t) {
   return seconds;
 }
 
+packed_time_t packed_from_time(int64_t seconds) {
+  const time_t t = static_cast<time_t>(seconds);
+  std::tm tm{};
+  if (!seconds_in_range(seconds) || !gmtime_r(&t, &tm)) return bad_time;
+  return pack(static_cast<uint64_t>(tm.tm_year) + first_year, static_cast<unsigned>(tm.tm_mon),
+              static_cast<unsigned>(tm.tm_mday), static_cast<unsigned>(tm.tm_hour), static_cast<unsigned>(tm.tm_min),
+              static_cast<unsigned>(tm.tm_sec));
+}
+
 const char* time_local_text(int64_t seconds, char (&buffer)[32]) {
   std::tm tm;
   if (!local_tm(seconds, tm) || std::strftime(buffer, sizeof buffer, "%Y.%m.%d %H:%M:%S", &tm) == 0)

@@ -32,6 +32,7 @@ void time_text_local(packed_time_t t, std::string& out);
 // Conversions through seconds since 1970 accept 1970-01-01T00:00:00 to
 // 3000-12-31T23:59:59 UTC on every system; outside it they fail.
 int64_t packed_to_time(packed_time_t t);                             // -1 on failure
+packed_time_t packed_from_time(int64_t seconds);                     // bad_time on failure
 const char* time_local_text(int64_t seconds, char (&buffer)[32]);    // "%Y.%m.%d %H:%M:%S" local, else "0000.00.00 00:00:00"
 void time_ctime_text(int64_t seconds, std::string& out);             // appends the 24 characters of ctime, else "Bad time"
 
