@@ -12,6 +12,7 @@ struct values_t {
   std::string update_dir;       // guarded by lock; empty: the default
   bool verify_downloads = true;  // guarded by lock
   std::string ca_file;           // guarded by lock; empty: the system's
+  std::string trusted_keys_dir;  // guarded by lock; empty: the default
 };
 
 values_t& values() {
@@ -51,6 +52,16 @@ std::string server::ca_file() {
 void server::set_ca_file(const std::string& path) {
   std::lock_guard<std::mutex> hold(values().lock);
   values().ca_file = path;
+}
+
+std::string server::trusted_keys_dir() {
+  std::lock_guard<std::mutex> hold(values().lock);
+  return values().trusted_keys_dir;
+}
+
+void server::set_trusted_keys_dir(const std::string& dir) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  values().trusted_keys_dir = dir;
 }
 
 }  // namespace LPARAMS

@@ -18,6 +18,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "facts/trust.h"
 #include "frame/listener.h"
 #include "frame/module.h"
 #include "frame/update.h"
@@ -97,6 +98,13 @@ bool configure_agent(const options_t& options) {
     return false;
   }
   LPARAMS::server::set_ca_file(options.ca_file);
+  LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
+  std::vector<update::trusted_key_t> keys;
+  std::string error;
+  if (!update::load_trusted_keys(keys, error)) {
+    std::fprintf(stderr, "corvid-update: trusted keys: %s\n", error.c_str());
+    return false;
+  }
   long holder = 0;
   if (!update::claim_update_dir(holder)) {
     std::string dir;

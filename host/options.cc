@@ -32,6 +32,7 @@ constexpr value_option_t value_options[] = {
     {"--root", &options_t::root},
     {"--log", &options_t::log_file},
     {"--ca-file", &options_t::ca_file},
+    {"--trusted-keys", &options_t::trusted_keys},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
@@ -175,6 +176,12 @@ Options:
   --ca-file PATH        HTTPS servers must have certificates from the
                         authorities in this PEM file (instead of the
                         system's); it must be readable at start
+  --trusted-keys DIR    every source's update.ini must come with an
+                        update.ini.sig signed by one of the public keys
+                        DIR/*.pub (default: the etc directory +
+                        "update-keys", which may be absent); a named DIR
+                        and every key in it must be readable at start. With
+                        no key, descriptions are not signature-checked
   --stats               at the end, print the number of status saves and of
                         waits for the disk on standard error
   --log FILE            log file (default: the log directory +

@@ -20,6 +20,7 @@ struct options_t {
   std::string cmdid;
   bool no_verify = false;
   std::string ca_file;  // HTTPS: the authorities to trust; empty: the system's
+  std::string trusted_keys;  // the keys descriptions must be signed with; empty: the default directory
   bool stats = false;  // saves and disk syncs on stderr at the end
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string socket_group;  // serve: the group that may use the socket; empty: owner-only

@@ -20,6 +20,13 @@ class server {
   // file of PEM certificates; empty means the system's own.
   static std::string ca_file();
   static void set_ca_file(const std::string& path);
+
+  // The directory of the public keys (*.pub) that every source's update.ini
+  // must be signed with; empty means the default, "update-keys" in the
+  // agent's etc directory, which may be absent. A directory named here must
+  // exist: a typo must not turn the check off.
+  static std::string trusted_keys_dir();
+  static void set_trusted_keys_dir(const std::string& dir);
 };
 
 }  // namespace LPARAMS
