@@ -106,6 +106,24 @@ bool close_stream(file_ptr& file) {
   return std::fclose(file.release()) == 0 && written;
 }
 
+struct text_sink_t {
+  std::string* text;
+  size_t limit;
+  bool cut = false;
+};
+
+size_t write_text(char* bytes, size_t, size_t count, void* context) {
+  auto* sink = static_cast<text_sink_t*>(context);
+  const size_t room = sink->limit + 1 - sink->text->size();
+  if (count <= room) {
+    sink->text->append(bytes, count);
+    return count;
+  }
+  sink->text->append(bytes, room);
+  sink->cut = true;
+  return 0;  // ends the transfer
+}
+
 }  // namespace
 
 int xfer_progress_cb(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t, curl_off_t) {
@@ -174,6 +192,30 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
   const char* reason = error_buffer[0] != 0 ? error_buffer : curl_easy_strerror(result);
   report_error(format_message("Download error: %s -> %s", url.c_str(), reason));
   return false;
+}
+
+text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& params, size_t limit,
+                        std::string& text, std::string& reason) {
+  char error_buffer[CURL_ERROR_SIZE] = {};
+  for (int32_t retry = 0;; ++retry) {
+    text.clear();
+    text_sink_t sink{&text, limit};
+    set_options(handle, url, error_buffer, nullptr, nullptr, params, 0);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, write_text);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &sink);
+    const CURLcode result = curl_easy_perform(handle);
+    long code = 0;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &code);
+    curl_easy_reset(handle);
+    if (result == CURLE_OK || sink.cut) return text_fetch_t::fetched;
+    if ((result == CURLE_HTTP_RETURNED_ERROR && (code == 404 || code == 410)) ||
+        result == CURLE_FILE_COULDNT_READ_FILE)
+      return text_fetch_t::missing;
+    if (stop_requested() || retry >= params.download_retry) {
+      reason = error_buffer[0] != 0 ? error_buffer : curl_easy_strerror(result);
+      return text_fetch_t::failed;
+    }
+  }
 }
 
 }  // namespace update

@@ -33,6 +33,19 @@ struct flush_context_t {
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
                    const params_t& params, bool resume);
 
+// How fetch_text ended. missing: the server has no such file (HTTP 404 or
+// 410, or no local file); failed: any other failure.
+enum class text_fetch_t { fetched, missing, failed };
+
+// A small file into memory, on the update worker: the same options and
+// attempts as download_file, but no file, no resume and no report, so that
+// the caller alone words what a failure means. A body longer than limit is
+// cut after limit + 1 bytes and counts as fetched: the caller sees that it
+// is too long, and a hostile server cannot make it grow. reason is
+// libcurl's text when failed. The handle holds no options after the call.
+text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& params, size_t limit,
+                        std::string& text, std::string& reason);
+
 // libcurl progress callbacks; both are always set, and the libcurl in use
 // picks one. context is a flush_context_t or null. Returns 1 (abort) once
 // the module is stopped, else moves the progress of current_file in the
