@@ -5,6 +5,7 @@
 #include "description/indexed_rules.h"
 #include "description/section_rules.h"
 #include "platform/agent_paths.h"
+#include "platform/local_params.h"
 #include "records/update_ini.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
@@ -36,6 +37,19 @@ bool parse_description(std::istream& in, update_ini_t& ini, const inivars_t& pre
   return true;
 }
 
+// A signed description vouches for the files only through their hashes.
+bool pins_every_file(const update_ini_t& ini) {
+  for (const auto& rule : ini.rules)
+    for (const auto& entry : rule.entries)
+      if (entry.hash.empty()) {
+        report_error(format_message("Parse 'update.ini' error: no hash for file '%s': a signed description must "
+                                    "pin every file it downloads, whatever local parameter '%s' says",
+                                    entry.name.c_str(), LPARAMS::server::verify_downloads_name().c_str()));
+        return false;
+      }
+  return true;
+}
+
 }  // namespace
 
 const std::string& product_section_name() {
@@ -52,7 +66,7 @@ bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_
     return false;
   }
   try {
-    return parse_description(in, ini, predefined, hashes, dir, mode);
+    return parse_description(in, ini, predefined, hashes, dir, mode) && (!ini.signature_checked || pins_every_file(ini));
   } catch (const CIniFileGroupNotFound& e) {
     report_error(format_message("Parse 'update.ini' error: section not found [%s]", e.what()));
   } catch (const CIniFileVarNameNotFound& e) {

@@ -7,6 +7,7 @@
 #include "description/inivars.h"
 #include "description/loader.h"
 #include "facts/hash_cache.h"
+#include "facts/trust.h"
 #include "frame/curl_init.h"
 #include "frame/module.h"
 #include "frame/run_gates.h"
@@ -15,11 +16,13 @@
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
 #include "platform/agent_paths.h"
+#include "platform/log.h"
 #include "records/update_ini.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
 #include "transfer/download_stage.h"
+#include "transfer/signed_fetch.h"
 #include "transfer/update_ini_fetch.h"
 
 namespace update {
@@ -90,6 +93,17 @@ bool for_each_rule(const plans_t& plans, Stage stage) {
   return true;
 }
 
+// Keys are read anew by every command, so that a key added or withdrawn
+// counts from the next one.
+void read_run_trust(const std::string& update_path, trust_t& trust) {
+  read_trust(update_path, trust);
+  if (checks_signatures(trust)) return;
+  bool named = false;
+  TLogMessage log(log_id_notice);
+  log.append_attr(log_attr_text, format_message("Descriptions are not signature-checked: no trusted key in %s",
+                                                trusted_keys_path(named).c_str()));
+}
+
 }  // namespace
 
 bool open_download_gate(status_t& status) {
@@ -138,6 +152,9 @@ void run_command(request_t& request) {
   hash_cache_t hashes;
   inivars_t vars;
   add_predefined_variables(vars, request);
+  trust_t trust;
+  read_run_trust(request.update_path, trust);
+  const bool signed_only = checks_signatures(trust);
 
   bool cut = false;  // by a stop: work was left undone
   for (const std::string& uri : request.uris) {
@@ -147,8 +164,14 @@ void run_command(request_t& request) {
     if (!expand_uri(vars, record.uri)) continue;
     status.select_message(record.uri);
     // Every source is fetched to the same local name, so each is compared,
-    // parsed and merged before the next one overwrites it.
-    if (!fetch_update_ini(record.uri, request.update_path, local_ini_name, handle.get(), request.params)) continue;
+    // parsed and merged before the next one overwrites it. A signed source
+    // that fails is passed over like one that cannot be fetched.
+    record.signature_checked = signed_only;
+    if (!(signed_only ? fetch_signed_update_ini(record.uri, request.update_path, local_ini_name, handle.get(),
+                                                request.params, trust)
+                      : fetch_update_ini(record.uri, request.update_path, local_ini_name, handle.get(),
+                                         request.params)))
+      continue;
     // A copy of an earlier source is gone from the list after this.
     if (!check_source_file(sources, request.update_path, local_ini_name)) continue;
     if (!load_update_ini(record, vars, hashes, request.update_path, local_ini_name, 0)) continue;

@@ -61,6 +61,9 @@ struct file_rule_t {
 struct update_ini_t : params_t {
   bool merged = false;
   std::string uri;
+  // Set by the run driver when the description had to pass a signature
+  // check: every file it downloads must then have a hash.
+  bool signature_checked = false;
   std::string message;
   std::string silent;
   int32_t timeout = 0;
@@ -89,7 +92,9 @@ void read_params(CIniFile& ini_file, const std::string& section_name, update_ini
 
 // Opens dir + file_name, parses it and fills ini. Mode 0 is a run, mode 1 is
 // start-up (indexed format, bare keys only, no report for a missing file).
-// Parse failures are reported as the source's error and give false.
+// Parse failures are reported as the source's error and give false; so is,
+// for a signature_checked description, a file to download without a hash,
+// whatever the verification switch says.
 bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_t& hashes,
                      const std::string& dir, const char* file_name, int mode);
 
