@@ -7,12 +7,16 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <thread>
 #include <tuple>
 
 #include "agent/bridge.h"
 #include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
+#include "support/key_file.h"
+#include "support/signature_file.h"
 
 namespace {
 
@@ -194,6 +198,80 @@ TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
   const outcome_t missing = run({"--root", dir_.path("x"), "--ca-file", pki + "/none.pem", "check", "https://127.0.0.1:1/"});
   EXPECT_EQ(missing.exit_code, 1);
   EXPECT_NE(missing.err.find("cannot read the CA file"), std::string::npos) << missing.err;
+}
+
+// With a trusted key a source is used only with its valid signature; one
+// that fails changes nothing on disk but the status: neither the saved
+// description, nor the serials, nor what was downloaded.
+TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
+  serve({"repo"});
+  const std::string root = dir_.path("agent"), update = root + "/var/update/", source = server_.url("/repo/");
+  const std::string ini = server_.root() + "/repo/update.ini", signed_ini = read_file(ini);
+  std::filesystem::create_directories(root + "/etc/update-keys");  // the default place
+  std::filesystem::create_directories(update);
+  ASSERT_EQ(run({"keygen", "--type", "gost2012", dir_.path("release")}, "corvid-update-sign").exit_code, 0);
+  std::filesystem::copy(dir_.path("release.pub"), root + "/etc/update-keys/");
+  const auto sign = [&](const char* serial) {
+    run({"sign", "--key", dir_.path("release.key"), "--serial", serial, "--expires", "30", ini}, "corvid-update-sign");
+  };
+  const auto serve_ini = [&](const std::string& bytes) { fixtures::write_file(ini, bytes); };
+  const auto serve_sig = [&](const std::string& bytes) { fixtures::write_file(ini + ".sig", bytes); };
+  const auto on_disk = [&] {  // what a refusal must leave as it was
+    std::map<std::string, std::string> files;
+    for (const auto& e : std::filesystem::directory_iterator(update)) {
+      const std::string name = e.path().filename();
+      if (name.rfind("corvid_update_status.xml", 0) != 0 && name != "corvid_update.lock") files[name] = read_file(e.path());
+    }
+    return files;
+  };
+  std::string serial_5_sig, expired_sig, reason;
+  update::secret_key_t key;
+  ASSERT_TRUE(update::read_secret_key(read_file(dir_.path("release.key")), key, reason)) << reason;
+  const update::packed_time_t yesterday = update::packed_from_time(update::packed_to_time(update::packed_now()) - 86400);
+  ASSERT_TRUE(update::sign_description(key, signed_ini, 8, yesterday, expired_sig));
+  const std::string no_hash = "[corvid]\nversion.1=1\nfile.1=files/readme.txt\nexec.1=true\n";
+  const struct {
+    std::function<void()> serve;
+    std::vector<std::string> args;
+    std::string says;
+    bool changes;
+  } rows[] = {
+      {[&] { sign("5"), serial_5_sig = read_file(ini + ".sig"); }, {"download"}, "update_state=download\n", true},
+      {[&] { serve_ini(signed_ini + " "); }, {"download"}, "Signature check failed: digest mismatch: update.ini hashes to", false},
+      {[&] { serve_ini(signed_ini), sign("7"); }, {"check"}, "update_state=download\n", true},
+      {[&] { serve_sig(serial_5_sig); }, {"check"}, "Signature check failed: older serial: 5 is below 7", false},
+      {[&] { serve_sig(expired_sig); }, {"check"}, "Signature check failed: expired at ", false},
+      {[&] { std::filesystem::remove(ini + ".sig"); }, {"check"}, "update_msg=Signature check failed: missing update.ini.sig\n", false},
+      {[&] { serve_sig(std::string(5000, 'x')); }, {"check"}, "malformed update.ini.sig: larger than 4096 bytes", false},
+      {[&] { fixtures::write_file(update + "corvid_update_serials", "corvid-update-serials 1\n7\n"), sign("7"); }, {"check"},
+       "Signature check failed: " + update + "corvid_update_serials is damaged: line 2", false},
+      {[&] { std::filesystem::remove(update + "corvid_update_serials"), serve_ini(no_hash), sign("9"); }, {"--no-verify", "check"},
+       "no hash for file 'readme.txt': a signed description must pin every file", true},
+  };
+  for (const auto& row : rows) {
+    row.serve();
+    const auto before = on_disk();
+    std::vector<std::string> args{"--root", root};
+    args.insert(args.end(), row.args.begin(), row.args.end());
+    args.push_back(source);
+    const outcome_t o = run(args);
+    EXPECT_NE(o.out.find(row.says), std::string::npos) << row.says << ": " << o.out << o.err;
+    if (!row.changes) {
+      EXPECT_EQ(on_disk(), before) << row.says;
+    }
+  }
+  EXPECT_EQ(read_file(update + "readme.txt"), read_file(CORVID_SOURCE_DIR "/examples/repo/files/readme.txt"));
+  EXPECT_EQ(read_file(update + "corvid_update_serials"), "corvid-update-serials 1\n9 " + source + "\n");
+  // No key is no check, and the log says so once per command.
+  const std::string plain = dir_.path("plain");
+  std::filesystem::create_directories(plain + "/none");
+  EXPECT_EQ(run({"--root", plain, "--trusted-keys", plain + "/none", "--no-verify", "check", source}).out, "update_state=outofdate\n");
+  const std::string log = read_file(plain + "/log/corvid_update.log"), notice = "\t366\tDescriptions are not signature-checked";
+  EXPECT_NE(log.find(notice), std::string::npos) << log;
+  EXPECT_EQ(log.find(notice), log.rfind(notice));
+  const outcome_t typo = run({"--root", root, "--trusted-keys", root + "/etc/update-key", "check", source});
+  EXPECT_EQ(typo.exit_code, 1);
+  EXPECT_NE(typo.err.find("trusted keys: cannot read the directory " + root + "/etc/update-key"), std::string::npos) << typo.err;
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.
