@@ -66,7 +66,8 @@ bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_
     return false;
   }
   try {
-    return parse_description(in, ini, predefined, hashes, dir, mode) && (!ini.signature_checked || pins_every_file(ini));
+    return parse_description(in, ini, predefined, hashes, dir, mode) &&
+           (!ini.signature_checked || pins_every_file(ini));
   } catch (const CIniFileGroupNotFound& e) {
     report_error(format_message("Parse 'update.ini' error: section not found [%s]", e.what()));
   } catch (const CIniFileVarNameNotFound& e) {
