@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
-# Serves examples/ on loopback with a private nginx and runs corvid-update
-# against it in a throw-away agent root: an install, which asks, downloads
-# and runs the update's commands, then a check that finds everything up to
-# date; then the daemon, serve, on a private socket, with its client asking
-# for the status. Usage: examples/demo.sh BIN_DIR
+# Serves a copy of examples/ on loopback with a private nginx, signs its
+# descriptions with a key made for the occasion, and runs corvid-update
+# against it in a throw-away agent root that trusts that key: an install,
+# which asks, downloads and runs the update's commands, then a check that
+# finds everything up to date; then the daemon, serve, on a private socket,
+# with its client asking for the status; last, a served update.ini with one
+# byte changed, which the agent refuses. Usage: examples/demo.sh BIN_DIR
 set -euo pipefail
 
 BIN=${1:?usage: demo.sh BIN_DIR}
 HOST="$BIN/corvid-update"
 CLIENT="$BIN/corvid-update-client"
+SIGN="$BIN/corvid-update-sign"
 EXAMPLES=$(cd "$(dirname "$0")" && pwd)
 NGINX=$(command -v nginx || echo /usr/sbin/nginx)
 [ -x "$HOST" ] || { echo "demo: $HOST is not built" >&2; exit 1; }
@@ -57,7 +60,7 @@ http {
   scgi_temp_path $WORK/nginx/tmp/scgi;
   server {
     listen 127.0.0.1:$PORT;
-    root $EXAMPLES;
+    root $SERVED;
   }
 }
 CONF
@@ -82,19 +85,40 @@ CONF
 
 step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 
+# The served copy gets the signatures; examples/ stays as it is.
+SERVED="$WORK/served"
+mkdir -p "$SERVED"
+cp -R "$EXAMPLES/agent" "$EXAMPLES/repo" "$EXAMPLES/sections" "$SERVED/"
 start_nginx
 SOURCE="http://127.0.0.1:$PORT/repo/"
 AGENT_SOURCE="http://127.0.0.1:$PORT/agent/"
 ROOT="$WORK/agent"
 step "update source $AGENT_SOURCE (the agent itself: its main rule) serves:"
-sed -n '/^\[/,$p' "$EXAMPLES/agent/update.ini"
+sed -n '/^\[/,$p' "$SERVED/agent/update.ini"
 step "update source $SOURCE (the tools) serves:"
-sed -n '/^\[/,$p' "$EXAMPLES/repo/update.ini"
+sed -n '/^\[/,$p' "$SERVED/repo/update.ini"
+
+step "corvid-update-sign keygen --type gost2012 $WORK/keys/release (the publisher's key pair)"
+mkdir -p "$WORK/keys"
+"$SIGN" keygen --type gost2012 "$WORK/keys/release"
+step "corvid-update-sign sign --key $WORK/keys/release.key --serial 1 --expires 30 (each served update.ini)"
+for source in agent repo sections; do
+  "$SIGN" sign --key "$WORK/keys/release.key" --serial 1 --expires 30 "$SERVED/$source/update.ini"
+done
+cat "$SERVED/repo/update.ini.sig"
+# Every agent root of the demo trusts the key, in its default directory.
+for agent_root in "$ROOT" "$WORK/agent-1.0" "$WORK/agent-2.0"; do
+  mkdir -p "$agent_root/etc/update-keys"
+  cp "$WORK/keys/release.pub" "$agent_root/etc/update-keys/"
+done
+echo "(the agents trust it: etc/update-keys/release.pub in their roots)"
 
 set +e
 step "corvid-update --root $ROOT check $AGENT_SOURCE $SOURCE"
 "$HOST" --root "$ROOT" --cmdid demo-0 check "$AGENT_SOURCE" "$SOURCE" 2>/dev/null
 echo "(exit status $?)"
+step "each source passed its signature check (from the log)"
+grep -a "$(printf '\tsignature\t')" "$ROOT/log/corvid_update.log" | cut -f4-
 
 step "corvid-update --root $ROOT --answer yes install $AGENT_SOURCE $SOURCE"
 echo "(the host is its own client: it answers the question and runs the user's command)"
@@ -148,7 +172,7 @@ cat "$ROOT/log/corvid_update.log"
 # roots that differ only in --product-version get different rules from it.
 SECTIONS="http://127.0.0.1:$PORT/sections/"
 step "update source $SECTIONS serves:"
-sed -n '/^\[/,$p' "$EXAMPLES/sections/update.ini"
+sed -n '/^\[/,$p' "$SERVED/sections/update.ini"
 for version in 1.0 2.0; do
   agent_root="$WORK/agent-$version"
   for command in check download; do
@@ -165,3 +189,16 @@ for version in 1.0 2.0; do
   sed -n '/processing command: download/,$p' "$agent_root/log/corvid_update.log" |
     grep -a -e 'file section #' -e 'sections were skipped' | cut -f3- | tr '\t' ' '
 done
+
+# ---- A changed byte: the signature no longer matches --------------------------
+step "one byte of the served $SOURCE update.ini changes (version.1=1.1 becomes 1.2)"
+sed -i 's/^version\.1=1\.1$/version.1=1.2/' "$SERVED/repo/update.ini"
+grep '^version\.1=' "$SERVED/repo/update.ini"
+step "corvid-update --root $ROOT check $SOURCE"
+set +e
+"$HOST" --root "$ROOT" --cmdid demo-4 check "$SOURCE" 2>/dev/null
+echo "(exit status $?)"
+set -e
+step "nothing of the refused source was used: the saved description and the serials stand"
+grep '^version\.1=' "$ROOT/var/update/corvid_update.ini"
+cat "$ROOT/var/update/corvid_update_serials"
