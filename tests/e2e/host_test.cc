@@ -285,7 +285,10 @@ TEST_F(PackageTest, UnpackedHostChecksAgainstNginx) {
   std::string error;
   ASSERT_TRUE(server.start(error)) << error;
   ASSERT_TRUE(server.put_file("repo/update.ini", read_file(CORVID_SOURCE_DIR "/examples/repo/update.ini")));
-  EXPECT_EQ(run({"--root", dir_.path("agent"), "check", server.url("/repo/")}, host).out, "update_state=outofdate\n");
+  // As the unit runs it: the package's keys directory is there, and empty.
+  EXPECT_EQ(run({"--root", dir_.path("agent"), "--trusted-keys", root + "/etc/corvid-update/update-keys", "check",
+                 server.url("/repo/")}, host).out, "update_state=outofdate\n");
+  EXPECT_NE(run({"--help"}, root + "/usr/bin/corvid-update-sign").out.find("keygen --type"), std::string::npos);
 }
 
 }  // namespace
