@@ -1,7 +1,6 @@
 #include "facts/trust.h"
 
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 
 #include "platform/agent_paths.h"
@@ -45,9 +44,8 @@ bool read_accepted_serials(const std::string& path, serial_store_t& serials, std
     serials.clear();
     return true;
   }
-  std::utf8_ifstream in(path, std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (!in.is_open() || in.bad()) {
+  std::string text;
+  if (!read_whole_file(path, text)) {
     error = format_message("%scannot read %s", "", path.c_str());
     return false;
   }

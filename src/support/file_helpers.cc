@@ -46,6 +46,16 @@ bool file_exists(const std::string& path) {
   return file != nullptr;
 }
 
+bool read_whole_file(const std::string& path, std::string& bytes) {
+  std::unique_ptr<FILE, file_closer_t> file(fopen_utf8(path.c_str(), "rb", sizeof "rb"));
+  if (!file) return false;
+  bytes.clear();
+  char buffer[65536];
+  size_t n;
+  while ((n = std::fread(buffer, 1, sizeof buffer, file.get())) > 0) bytes.append(buffer, n);
+  return !std::ferror(file.get());
+}
+
 uint64_t file_size(const std::string& path) {
   uint64_t size = 0;
   return platform::query_file_size(path.c_str(), size) ? size : 0;

@@ -40,6 +40,11 @@ FILE* fopen_utf8(const char* path, const char* mode, size_t mode_size);
 // True if the file can be opened for reading.
 bool file_exists(const std::string& path);
 
+// Reads the whole file at path into bytes. False if it cannot be opened (a
+// directory does not open) or a read fails: unlike a stream's, a failed read
+// raises nothing.
+bool read_whole_file(const std::string& path, std::string& bytes);
+
 // Size in bytes; 0 for a missing file as well as an empty one.
 uint64_t file_size(const std::string& path);
 

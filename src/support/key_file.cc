@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 
 #include "support/file_helpers.h"
@@ -115,11 +114,11 @@ bool read_trusted_keys(const std::string& dir, std::vector<trusted_key_t>& keys,
   std::sort(files.begin(), files.end());
   std::vector<trusted_key_t> read;
   for (const fs::path& file : files) {
-    std::utf8_ifstream in(file.string(), std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     trusted_key_t key{file.filename().string(), "", {}};
-    std::string reason = "cannot be read";
-    if (in.bad() || !in.is_open() || !read_public_key(text, key.key, reason)) {
+    // Opened only when regular: a named pipe would never answer.
+    const bool regular = fs::is_regular_file(file, failure);
+    std::string text, reason = regular ? "cannot be read" : "not a regular file";
+    if (!regular || !read_whole_file(file.string(), text) || !read_public_key(text, key.key, reason)) {
       error = format_message("%s%s: %s", "", file.string().c_str(), reason.c_str());
       return false;
     }

@@ -1,6 +1,5 @@
 #include "transfer/signed_fetch.h"
 
-#include <iterator>
 #include <optional>
 #include <string_view>
 
@@ -19,12 +18,6 @@ namespace update {
 namespace {
 
 using ull = unsigned long long;
-
-bool read_whole(const std::string& path, std::string& bytes) {
-  std::utf8_ifstream in(path, std::ios::binary);
-  bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return in.is_open() && !in.bad();
-}
 
 // The signature's check: "" when it passed, else the source's error.
 std::string check_source(const std::string& uri, const std::string& description, CURL* handle,
@@ -73,7 +66,7 @@ bool fetch_signed_update_ini(const std::string& uri, const std::string& update_p
   std::string error, description;
   if (!fetch_update_ini(uri, update_path, unchecked_name.c_str(), handle, params)) {
     // Reported already.
-  } else if (!read_whole(unchecked, description)) {
+  } else if (!read_whole_file(unchecked, description)) {
     error = format_message("Can't open file for reading: %s", unchecked.c_str());
   } else if ((error = check_source(uri, description, handle, params, trust)).empty()) {
     if (move_file(unchecked, saved)) return true;
