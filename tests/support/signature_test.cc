@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <filesystem>
 #include <functional>
 
 #include "fixtures/scratch_dir.h"
@@ -146,6 +147,10 @@ TEST(KeyFiles, ReadBackWhatTheyWroteAndRefuseWhatIsNoKey) {
   EXPECT_FALSE(read_trusted_keys(dir.path(), keys, error));
   EXPECT_EQ(error, dir.path("broken.pub") + ": line 2 is missing");
   EXPECT_EQ(keys.size(), 2u);
+  std::filesystem::remove(dir.path("broken.pub"));
+  std::filesystem::create_directory(dir.path("folder.pub"));  // a read of it raised once
+  EXPECT_FALSE(read_trusted_keys(dir.path(), keys, error));
+  EXPECT_EQ(error, dir.path("folder.pub") + ": not a regular file");
   EXPECT_FALSE(read_trusted_keys(dir.path("absent"), keys, error));
   EXPECT_EQ(error, "cannot read the directory " + dir.path("absent") + ": No such file or directory");
 }
