@@ -65,6 +65,10 @@ void set_checking_file(const std::string& name) {
 }  // namespace
 
 void download_rule(file_rule_t& rule, CURL* handle) {
+  // The readers give every rule with entries its owner; a rule put together
+  // elsewhere fetches with the settings a source without a description has.
+  static const params_t no_owner;
+  const params_t& params = rule.owner ? *rule.owner : no_owner;
   bool before_download_done = rule.exec_before_download.empty();
   for (auto& entry : rule.entries) {
     if (!begin_download(entry)) {
@@ -76,7 +80,7 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       before_download_done = true;
     }
     const std::string temporary = download_name(entry.local_path, rule.update_version);
-    if (!fetch(handle, entry, temporary, *rule.owner)) return;
+    if (!fetch(handle, entry, temporary, params)) return;
     // Hashed under its temporary name, so that a process that dies while a
     // large file is hashed leaves a whole temporary file for the next run to
     // take without a request. The disk writes it meanwhile; the status may
