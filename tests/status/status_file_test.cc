@@ -98,6 +98,7 @@ TEST_F(StatusTest, ReaderRefusesBadSyntaxWhollyAndAnUnusableFieldAlone) {
   const std::pair<std::string, std::string> rows[] = {
       {"", corrupted}, {head + "<file name=\"a\" state=\"download\"", corrupted},
       {"<status cmd=\"check\"/>", corrupted}, {head + "</update-status><update-status/>", corrupted},
+      {head + "</update-status>\ntrailing\n", corrupted}, {head + "</update-status><![CDATA[x]]>", corrupted},
       {head + "<file name=\"a\" state=\"downloaded\" download_size=\"-1\" total_size=\" +7\"/>"
               "<file name=\"b\" download_size=\"12x\" total_size=\"9223372036854775808\"/>"
               "<file name=\"c\" total_size=\"9223372036854775807\" download_size=\"\"/></update-status>",
@@ -114,7 +115,7 @@ TEST_F(StatusTest, ReaderRefusesBadSyntaxWhollyAndAnUnusableFieldAlone) {
     EXPECT_TRUE(status.load());
     EXPECT_EQ(read_back(), expected) << text;
   }
-  EXPECT_EQ(log_.all(", xml syntax error: ").size(), 4u) << log_text();
+  EXPECT_EQ(log_.all(", xml syntax error: ").size(), 6u) << log_text();
 }
 
 TEST_F(StatusTest, WhatIsSavedReadsBackWithEveryField) {
