@@ -121,43 +121,37 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   }
 }
 
-// A server that ignores the range is asked again for the whole file; that
-// restart uses no attempt, and resume stays off for the rest of the call.
+// A server that ignores the range, or refuses one at the end of its file
+// (416, as for a temporary file that is already whole), is asked again for
+// the whole file; that restart uses no attempt, and resume stays off for
+// the rest of the call.
 TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
-  write_partial(target, source, 1000, 0);
   ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
   const std::string url = server.url();
-  ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
-  EXPECT_TRUE(read_file(target) == source);
-  EXPECT_EQ(ranges_of(server.requests()), "[bytes=1000- 200][- 200][- 200]");
-  EXPECT_EQ(logged("Download resume failed: " + url + " -> Requested range was not delivered"), 1u);
+  const std::tuple<size_t, std::string, std::string> rows[] = {
+      {1000, "[bytes=1000- 200][- 200][- 200]", "Requested range was not delivered"},
+      {3000, "[bytes=3000- 416][- 200]", "HTTP response code said error : The requested URL returned error: 416"}};
+  size_t served = 0;
+  for (const auto& [partial, ranges, reason] : rows) {
+    write_partial(target, source, partial, 0);
+    ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
+    EXPECT_TRUE(read_file(target) == source);
+    const auto requests = server.requests();
+    EXPECT_EQ(ranges_of({requests.begin() + served, requests.end()}), ranges);
+    served = requests.size();
+    EXPECT_EQ(logged("Download resume failed: " + url + " -> " + reason), 1u);
+  }
 }
 
-// Every attempt fails alike and the target keeps what it had: nothing for an
-// error page, and a whole file that asks for a range at its end (416).
-TEST_F(Download, HttpErrorUsesEveryRetryAndKeepsTheTarget) {
+// Every attempt fails alike, and the error page is not kept.
+TEST_F(Download, HttpErrorUsesEveryRetryAndKeepsNothing) {
   ASSERT_TRUE(start_nginx());
-  const struct {
-    const char* name;
-    int retry;
-    bool whole;
-    std::string ranges, reason;
-  } rows[] = {{"/missing.bin", 2, false, "[- 404][- 404][- 404]", "404"},
-              {"/f.bin", 1, true, "[bytes=3000- 416][bytes=3000- 416]", "416"}};
-  size_t served = 0;
-  for (const auto& row : rows) {
-    quiet();
-    file_status_t& entry = make_current_file("f.bin");
-    std::filesystem::remove(target);
-    if (row.whole) write_file(target, source);
-    EXPECT_FALSE(download_file(handle, nginx.url(row.name), target, quick_params(row.retry), true));
-    auto requests = nginx.requests(served += row.retry + 1);
-    ASSERT_EQ(requests.size(), served);
-    EXPECT_EQ(ranges_of({requests.end() - row.retry - 1, requests.end()}), row.ranges);
-    EXPECT_EQ(read_file(target), row.whole ? source : "");
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    EXPECT_EQ(entry.error, "Download error: " + nginx.url(row.name) + " -> The requested URL returned error: " + row.reason);
-  }
+  file_status_t& entry = make_current_file("f.bin");
+  EXPECT_FALSE(download_file(handle, nginx.url("/missing.bin"), target, quick_params(2), true));
+  EXPECT_EQ(ranges_of(nginx.requests(3)), "[- 404][- 404][- 404]");
+  EXPECT_EQ(read_file(target), "");
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  EXPECT_EQ(entry.error, "Download error: " + nginx.url("/missing.bin") + " -> The requested URL returned error: 404");
 }
 
 // The progress callback sees the stop; no further attempt follows although
