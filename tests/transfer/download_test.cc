@@ -302,6 +302,24 @@ TEST_F(DownloadStage, FileThatCannotReachTheDiskIsNotRenamedAndIsTakenNextTime) 
   EXPECT_EQ(nginx.requests(1).size(), 1u);
 }
 
+// Without a size in the rule, a whole temporary file is known by its hash
+// and taken without a request; without a hash, the server refuses the range
+// at its end and the file comes again whole.
+TEST_F(DownloadStage, WholeTemporaryFileWithoutASizeIsTakenByItsHash) {
+  ASSERT_TRUE(start_nginx());
+  for (const char* hash : {static_cast<const char*>(nullptr), ""}) {
+    SetUp();
+    ini.rules.clear();
+    file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"}, hash);
+    rule.entries.front().size = 0;
+    write_file(target, source);
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_downloaded);
+    EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
+  }
+  EXPECT_EQ(ranges_of(nginx.requests(2)), "[bytes=3000- 416][- 200]");
+}
+
 TEST_F(DownloadStage, VerifiesInTheTypeTheDescriptionNames) {
   ASSERT_TRUE(start_nginx());
   std::string gost, sha;
