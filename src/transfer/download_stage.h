@@ -11,7 +11,8 @@ namespace update {
 // skipped) is fetched with resume to local_path + ".download." + version,
 // hashed there, synced, moved to local_path and left in state 4, then
 // verified; any other entry is only marked ready. exec_before_download runs
-// once, before the first file that is fetched. Stops at the first failure, which is in the status by then.
+// once, before the first file that is fetched. Stops at the first failure,
+// which is in the status by then.
 // A temporary file already as large as the entry's non-zero size, or without
 // a size one that hashes as the entry's hash, is taken without a request; a
 // larger one is deleted and fetched anew. Update worker; the status lock is
