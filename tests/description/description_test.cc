@@ -264,16 +264,26 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   EXPECT_EQ(tool.entries.front().uri, "http://h/r/tool.exe?id=5");
 }
 
+// The hash type of a hash_to_version section counts for version_of. by the
+// variable's name, and for hash_of. by the file's path.
 TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
+  const std::string tool = dir_.write("tool", "t"), f = "[" + T + ".file=f]\nt=" + tool;
+  const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
+                    by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
-      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "1"},
-      {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "v$(a)"},  // dies out, no error
-      {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "lg"},
-      {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "found"},
-      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "http://h/r/|id=5|f"},
+      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1/0;"},
+      {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
+      {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
+      {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
+      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "f=http://h/r/|id=5|f/0;"},
+      {by_path + "SHA256\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool, "#SHA256:") + "/0;"},
+      {by_name + "MD4\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool) + "/0;"},
+      {by_path + "MD4\n" + f + "\nupdate_version=$(hash_of.t)",
+       error + "Unknown hash type: MD4, section: " + T + ".hash_to_version." + tool},
+      {by_name + "MD4\n" + f + "\nupdate_version=$(version_of.t)",
+       error + "Unknown hash type: MD4, section: " + T + ".hash_to_version.t, file: " + tool},
   };
-  for (const auto& [text, version] : rows)
-    EXPECT_EQ(load(text + "\ndownload_file=$(null)\nexec=x\n"), "f=" + version + "/0;") << text;
+  for (const auto& [text, rules] : rows) EXPECT_EQ(load(text + "\ndownload_file=$(null)\nexec=x\n"), rules) << text;
 }
 
 TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
