@@ -10,6 +10,7 @@
 #include "frame/frame_fixture.h"
 #include "frame/module.h"
 #include "planning/hash_cache.h"
+#include "planning/merge.h"
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
 #include "planning/versions.h"
@@ -193,21 +194,13 @@ class SourcesTest : public testing::ModuleTest {
   fixtures::nginx_server_t server_;
 };
 
-TEST_F(SourcesTest, ACopyIsDroppedQuietlyAndAClaimedFileRefusesItsSource) {
+TEST_F(SourcesTest, ACopyIsDroppedQuietly) {
   const std::string a = publish("a", ini_with(1, "x.bin"));
   const std::string copy = publish("copy", ini_with(1, "x.bin"));
-  const std::string rival = publish("rival", ini_with(1, "x.bin") + ini_with(2, "y.bin").substr(9));
   run_and_wait(Command::check, {a, copy});
   EXPECT_EQ(message_texts(), "[][][]");
   EXPECT_EQ(logged("skipped, because same was obtained from: " + a), 1u);
   EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
-
-  run_and_wait(Command::check, {a, rival});
-  EXPECT_EQ(message_texts(), "[][][[x.bin] Duplicated file name in update.ini from: " + rival +
-                                 ", also present in update.ini from: " + a + "]");
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_EQ(status.result, status_error);
 }
 
 TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
@@ -229,23 +222,80 @@ TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
 }
 
 // The merged sources' declarations replace the kept hashes, carrying their
-// values over; an undeclared one goes only when every source was merged.
-TEST(Reconcile, KeepsUndeclaredHashesWhileASourceIsMissing) {
+// values over; an undeclared hash, like a file no source names, goes only
+// when every source was merged. A file whose conditions let it pass stays as
+// it was and is not planned; none is made for one the status does not hold.
+TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
   for (const bool all_merged : {false, true}) {
     status_t s;
     s.save_enabled = false;
     s.hashes.store("kept", "#T:1");
     s.hashes.store("dropped", "#T:2");
+    s.file_entry("passed").state = file_installed;
+    s.file_entry("withdrawn");
     std::list<update_ini_t> sources(2);
     sources.front().merged = true;
     sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
+    auto& rules = sources.front().rules;
+    rules.emplace_back().file_name = "passed";
+    rules.emplace_back().file_name = "unknown";
+    rules.emplace_back().update_version = "2";
+    rules.back().entries.emplace_back().name = "f";
     sources.back().merged = all_merged;
     plans_t plans;
     reconcile_status(sources, s, plans, "/nonexistent/");
     std::string kept;
     for (const auto& [file, list] : s.hashes.entries)
       for (const auto& hash : list) kept += file + "=" + hash + " ";
-    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: ") << all_merged;
+    for (const auto& f : s.files) kept += f.name + ":" + file_state_text(f.state) + (f.skipped ? "(skipped) " : " ");
+    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: " +
+                        "passed:installed(skipped) " + (all_merged ? "" : "withdrawn: ") + "f: ")
+        << all_merged;
+    EXPECT_TRUE(plans.size() == 1 && plans.front() == &rules.back());
+  }
+}
+
+using MergeSource = testing::StatusTest;
+
+// A source is merged when no merged source claims its names, it brings no
+// second agent rule, and its exec_before_update succeeds. An unmerged source
+// and a rule without entries claim nothing.
+TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
+  std::list<update_ini_t> sources(3);
+  auto source = sources.begin();
+  source->uri = "a", source->merged = true;
+  source->rules.emplace_back().is_main = true;
+  source->rules.back().entries.emplace_back().name = "x";
+  source->rules.emplace_back().file_name = "setup";
+  (++source)->uri = "u";
+  source->rules.emplace_back().entries.emplace_back().name = "y";
+  update_ini_t& ini = *++source;
+  ini.uri = "b";
+  const std::string claimed = "[x] Duplicated file name in update.ini from: b, also present in update.ini from: a";
+  const struct {
+    bool main;
+    std::string entry, file_name;  // neither: no rule
+    string_list_t exec;
+    std::string error;  // "": merged
+  } rows[] = {
+      {false, "y", "", {}, ""},          {false, "setup", "", {}, ""},
+      {false, "x", "", {}, claimed},     {false, "", "x", {}, claimed},
+      {true, "x", "", {}, claimed},  // the file clash comes first
+      {true, "z", "", {}, "Duplicated agent rule in update.ini from: b, also present in update.ini from: a"},
+      {false, "", "", {"true", "false"}, "exec() exit: false, status: 1"},
+      {false, "z", "", {"true"}, ""},
+  };
+  for (const auto& row : rows) {
+    quiet();
+    ini.rules.clear();
+    if (!row.entry.empty() || !row.file_name.empty()) {
+      file_rule_t& rule = ini.rules.emplace_back();
+      rule.is_main = row.main, rule.file_name = row.file_name;
+      if (!row.entry.empty()) rule.entries.emplace_back().name = row.entry;
+    }
+    ini.exec_before_update = row.exec;
+    EXPECT_EQ(merge_source(ini, sources), row.error.empty()) << row.entry << row.file_name;
+    EXPECT_EQ(reported(), row.error) << row.entry << row.file_name;
   }
 }
 
