@@ -1,13 +1,12 @@
 // Planning: version and hash facts, the per-file decision by the state a
-// file comes from and what changed in its rule, and several sources in one
-// run against a real server.
+// file comes from and what changed in its rule, and several sources: the
+// merge of each, and what the status keeps of them.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "fixtures/log_records.h"
-#include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
-#include "frame/frame_fixture.h"
+#include "status/status_fixture.h"
 #include "frame/module.h"
 #include "planning/hash_cache.h"
 #include "planning/merge.h"
@@ -158,81 +157,20 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
   }
 }
 
-// A rule whose file needs no download to be told apart: no hash, no size.
-std::string ini_with(int index, const std::string& file) {
-  const std::string n = std::to_string(index);
-  return "[corvid]\nversion." + n + "=2\nfile." + n + "=" + file + "\nexec." + n + "=true\n";
-}
-
-class SourcesTest : public testing::ModuleTest {
- protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    LPARAMS::server::set_verify_downloads(false);
-    std::string error;
-    ASSERT_TRUE(server_.start(error)) << error;
-    start_module();
-  }
-  std::string publish(const std::string& dir, const std::string& ini) {
-    EXPECT_TRUE(server_.put_file(dir + "/update.ini", ini));
-    return server_.url("/" + dir + "/");
-  }
-  std::string names_and_states() {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    std::string text;
-    for (const auto& f : status.files)
-      text += f.name + ":" + file_state_text(f.state) + (f.available ? "" : "(unavailable)") + " ";
-    return text;
-  }
-  std::string message_texts() {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    std::string text;
-    for (const auto& m : status.messages) text += "[" + m.text + "]";
-    return text;
-  }
-
-  fixtures::nginx_server_t server_;
-};
-
-TEST_F(SourcesTest, ACopyIsDroppedQuietly) {
-  const std::string a = publish("a", ini_with(1, "x.bin"));
-  const std::string copy = publish("copy", ini_with(1, "x.bin"));
-  run_and_wait(Command::check, {a, copy});
-  EXPECT_EQ(message_texts(), "[][][]");
-  EXPECT_EQ(logged("skipped, because same was obtained from: " + a), 1u);
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
-}
-
-TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
-  const std::string a = publish("a", ini_with(1, "x.bin"));
-  const std::string b = publish("b", ini_with(1, "y.bin"));
-  run_and_wait(Command::check, {a, b});
-  ASSERT_EQ(names_and_states(), "x.bin:outofdate y.bin:outofdate ");
-  const std::string downloaded = scratch_.write("update/x.bin", "an earlier download");
-
-  publish("a", ini_with(1, "z.bin"));
-  run_and_wait(Command::check, {a, server_.url("/gone/")});
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate(unavailable) y.bin:outofdate(unavailable) z.bin:outofdate ");
-  EXPECT_EQ(access(downloaded.c_str(), F_OK), 0);
-
-  run_and_wait(Command::check, {a, b});
-  EXPECT_EQ(names_and_states(), "y.bin:outofdate z.bin:outofdate ");
-  EXPECT_NE(access(downloaded.c_str(), F_OK), 0);
-  EXPECT_EQ(logged("[x.bin] file removed from update, current version: , state: outofdate"), 1u);
-}
-
 // The merged sources' declarations replace the kept hashes, carrying their
 // values over; an undeclared hash, like a file no source names, goes only
 // when every source was merged. A file whose conditions let it pass stays as
 // it was and is not planned; none is made for one the status does not hold.
 TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
   for (const bool all_merged : {false, true}) {
+    fixtures::scratch_dir_t dir;
     status_t s;
     s.save_enabled = false;
     s.hashes.store("kept", "#T:1");
     s.hashes.store("dropped", "#T:2");
     s.file_entry("passed").state = file_installed;
-    s.file_entry("withdrawn");
+    s.file_entry("withdrawn").update_version = "1";
+    dir.write("withdrawn", "whole"), dir.write("withdrawn.download.1", "partial");
     std::list<update_ini_t> sources(2);
     sources.front().merged = true;
     sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
@@ -243,7 +181,7 @@ TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
     rules.back().entries.emplace_back().name = "f";
     sources.back().merged = all_merged;
     plans_t plans;
-    reconcile_status(sources, s, plans, "/nonexistent/");
+    reconcile_status(sources, s, plans, dir.path());
     std::string kept;
     for (const auto& [file, list] : s.hashes.entries)
       for (const auto& hash : list) kept += file + "=" + hash + " ";
@@ -252,6 +190,9 @@ TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
                         "passed:installed(skipped) " + (all_merged ? "" : "withdrawn: ") + "f: ")
         << all_merged;
     EXPECT_TRUE(plans.size() == 1 && plans.front() == &rules.back());
+    // A withdrawn file goes from the disk too, the whole one and its download.
+    EXPECT_EQ(access(dir.path("withdrawn").c_str(), F_OK) + access(dir.path("withdrawn.download.1").c_str(), F_OK),
+              all_merged ? -2 : 0);
   }
 }
 
@@ -297,6 +238,21 @@ TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
     EXPECT_EQ(merge_source(ini, sources), row.error.empty()) << row.entry << row.file_name;
     EXPECT_EQ(reported(), row.error) << row.entry << row.file_name;
   }
+  // The saved description of a source that an earlier one gave already is
+  // dropped quietly; another goes on.
+  std::list<update_ini_t> fetched(1);
+  fetched.front().uri = "a";
+  dir_.write("corvid_update.ini", "[corvid]\n");
+  ASSERT_TRUE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  fetched.resize(2);
+  dir_.write("corvid_update.ini", "[corvid]\nversion=2\n");
+  EXPECT_TRUE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  fetched.resize(3);
+  dir_.write("corvid_update.ini", "[corvid]\n");
+  EXPECT_FALSE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  EXPECT_EQ(fetched.size(), 2u);
+  EXPECT_EQ(logged("skipped, because same was obtained from: a"), 1u);
+  EXPECT_EQ(reported(), "");
 }
 
 }  // namespace
