@@ -95,6 +95,8 @@ void write_partial(const std::string& path, const std::string& source, size_t si
   write_file(path, source.substr(0, size - damaged) + std::string(damaged, 'x'));
 }
 
+// A rollback that cannot cut the file starts the transfer from byte 0. The
+// status counts what the file holds, where the transfer began included.
 TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   ASSERT_TRUE(start_nginx());
   const struct {
@@ -102,14 +104,18 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
     uint64_t rollback;
     std::string range;
     size_t truncated;  // the size a "File truncated" line tells, or 0
-  } rows[] = {{1000, 0, "bytes=1000-", 0}, {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
-              {1000, 1000, "", 0},         {1000, 5000, "", 0},            {0, 100, "", 0}};
+    bool cut_fails = false;
+  } rows[] = {{1000, 0, "bytes=1000-", 0},    {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
+              {1000, 1000, "", 0},            {1000, 5000, "", 0},            {0, 100, "", 0},
+              {1000, 100, "", 0, true}};
   size_t served = 0, truncations = 0;
+  const file_status_t& entry = make_current_file("f.bin");
   for (const auto& row : rows) {
     std::filesystem::remove(target);
     if (row.partial != 0) write_partial(target, source, row.partial, std::min<uint64_t>(row.rollback, row.partial));
     params_t params = quick_params();
     params.download_rollback_size = row.rollback;
+    platform::file_faults().fail_truncate = row.cut_fails;
     ASSERT_TRUE(download_file(handle, nginx.url("/f.bin"), target, params, true));
     EXPECT_TRUE(read_file(target) == source);
     auto requests = nginx.requests(++served);
@@ -118,40 +124,63 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
     EXPECT_EQ(logged("File truncated"), truncations += row.truncated != 0);
     EXPECT_EQ(logged("File truncated: " + target + ", size: 1000 -> " + std::to_string(row.truncated)),
               row.truncated != 0);
+    EXPECT_EQ(logged("can't truncate file: " + target + ", size: 1000 -> 900"), row.cut_fails);
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    EXPECT_EQ(entry.download_size, source.size()) << row.partial << " bytes, rollback " << row.rollback;
   }
 }
 
 // A server that ignores the range, or refuses one at the end of its file
 // (416, as for a temporary file that is already whole), is asked again for
-// the whole file; that restart uses no attempt, and resume stays off for
-// the rest of the call.
+// the whole file, and so is a local file shorter than the partial one; that
+// restart uses no attempt, and resume stays off for the rest of the call.
 TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
-  const std::string url = server.url();
-  const std::tuple<size_t, std::string, std::string> rows[] = {
-      {1000, "[bytes=1000- 200][- 200][- 200]", "Requested range was not delivered"},
-      {3000, "[bytes=3000- 416][- 200]", "HTTP response code said error : The requested URL returned error: 416"}};
+  const std::string url = server.url(), local = "file://" + dir_.write("local", source);
+  const std::tuple<std::string, size_t, std::string, std::string> rows[] = {
+      {url, 1000, "[bytes=1000- 200][- 200][- 200]", "Requested range was not delivered"},
+      {url, 3000, "[bytes=3000- 416][- 200]", "HTTP response code said error : The requested URL returned error: 416"},
+      {local, 3004, "", "Couldn't resume download"}};
   size_t served = 0;
-  for (const auto& [partial, ranges, reason] : rows) {
-    write_partial(target, source, partial, 0);
-    ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
+  for (const auto& [from, partial, ranges, reason] : rows) {
+    write_partial(target, source, partial, partial - std::min(partial, source.size()));
+    ASSERT_TRUE(download_file(handle, from, target, quick_params(1), true));
     EXPECT_TRUE(read_file(target) == source);
     const auto requests = server.requests();
     EXPECT_EQ(ranges_of({requests.begin() + served, requests.end()}), ranges);
     served = requests.size();
-    EXPECT_EQ(logged("Download resume failed: " + url + " -> " + reason), 1u);
+    EXPECT_EQ(logged("Download resume failed: " + from + " -> " + reason), 1u);
   }
 }
 
-// Every attempt fails alike, and the error page is not kept.
-TEST_F(Download, HttpErrorUsesEveryRetryAndKeepsNothing) {
+// Every attempt fails alike, and the target keeps nothing of an error page.
+// A target that cannot be opened fails at once, without a request; one that
+// the disk cannot take whole (full at the last flush) fails its attempts.
+TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
   ASSERT_TRUE(start_nginx());
-  file_status_t& entry = make_current_file("f.bin");
-  EXPECT_FALSE(download_file(handle, nginx.url("/missing.bin"), target, quick_params(2), true));
-  EXPECT_EQ(ranges_of(nginx.requests(3)), "[- 404][- 404][- 404]");
-  EXPECT_EQ(read_file(target), "");
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_EQ(entry.error, "Download error: " + nginx.url("/missing.bin") + " -> The requested URL returned error: 404");
+  const std::string missing = nginx.url("/missing.bin"), url = nginx.url("/f.bin");
+  const struct {
+    std::string url, path;
+    bool open_fails;
+    size_t requests;
+    std::string error;
+  } rows[] = {
+      {missing, target, false, 3, "Download error: " + missing + " -> The requested URL returned error: 404"},
+      {url, target, true, 0, "Download error: " + url + " -> can't open file for writing: " + target},
+      {url, "/dev/full", false, 3, "Download error: " + url + " -> Failed writing received data to disk/application"},
+  };
+  size_t served = 0;
+  for (const auto& row : rows) {
+    quiet();
+    const file_status_t& entry = make_current_file("f.bin");
+    platform::file_faults().fail_open_write = row.open_fails;
+    EXPECT_FALSE(download_file(handle, row.url, row.path, quick_params(2), true));
+    platform::file_faults().fail_open_write = false;
+    EXPECT_EQ(nginx.requests(served += row.requests).size(), served);
+    EXPECT_EQ(read_file(target), "");
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    EXPECT_EQ(entry.error, row.error);
+  }
 }
 
 // The progress callback sees the stop; no further attempt follows although
@@ -285,21 +314,30 @@ class DownloadStage : public transfer_test_t {
   update_ini_t ini;
 };
 
-// A file that cannot be written to the disk keeps its temporary name; the
-// next run takes it whole, without a request.
-TEST_F(DownloadStage, FileThatCannotReachTheDiskIsNotRenamedAndIsTakenNextTime) {
+// A file that cannot be written to the disk, or not moved to its final
+// name, keeps its temporary name; the next run takes it whole, without a
+// request.
+TEST_F(DownloadStage, FileThatCannotReachItsPlaceIsTakenNextTime) {
   ASSERT_TRUE(start_nginx());
-  file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
-  platform::file_faults().fail_sync = true;
-  run(rule);
-  EXPECT_EQ(entry("f.bin").state, file_download);
-  EXPECT_EQ(entry("f.bin").error, "Failed to write downloaded file to disk: " + target);
-  EXPECT_EQ(disk_size(dir_.path("f.bin")), -1);
-  platform::file_faults().fail_sync = false;
-  run(rule);
-  EXPECT_EQ(entry("f.bin").state, file_downloaded);
-  EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
-  EXPECT_EQ(nginx.requests(1).size(), 1u);
+  const std::pair<std::atomic<bool> platform::file_faults_t::*, std::string> rows[] = {
+      {&platform::file_faults_t::fail_sync, "Failed to write downloaded file to disk: " + target},
+      {&platform::file_faults_t::fail_replace, "Failed to rename downloaded file to: " + dir_.path("f.bin")}};
+  size_t served = 0;
+  for (const auto& [fault, error] : rows) {
+    SetUp();
+    std::filesystem::remove(dir_.path("f.bin"));
+    file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
+    platform::file_faults().*fault = true;
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_download);
+    EXPECT_EQ(entry("f.bin").error, error);
+    EXPECT_EQ(disk_size(dir_.path("f.bin")), -1);
+    platform::file_faults().*fault = false;
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_downloaded);
+    EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
+    EXPECT_EQ(nginx.requests(++served).size(), served);
+  }
 }
 
 // Without a size in the rule, a whole temporary file is known by its hash
@@ -361,6 +399,13 @@ TEST_F(DownloadStage, CommandsGoFirstAndAnOversizedTemporaryFileIsRefetched) {
   EXPECT_EQ(ranges_of(nginx.requests(2)), "[- 200][- 200]");
   run(rule);
   EXPECT_EQ(read_file(count), "ran\n");
+  // A command that fails leaves the file unfetched, in state 3.
+  SetUp();
+  file_rule_t& failing = rule_of(nginx.url("/"), {"f.bin"});
+  failing.exec_before_download = {"false"};
+  run(failing);
+  EXPECT_EQ(entry("f.bin").state, file_download);
+  EXPECT_EQ(entry("f.bin").error, "exec() exit: false, status: 1");
 }
 
 }  // namespace
