@@ -37,6 +37,7 @@ TEST(VersionOrder, LessAndEqualByTheTable) {
       {"", "0", true, false},          // unknown is below everything
       {"", "", false, true},           {"!1.2", "1.3", true, false}, {"!1.0", "~1.0", false, true},
       {"!!1", "1", true, false},  // only one mark is dropped
+      {"!", "", false, false},    // a mark alone is no empty version
   };
   for (const auto& r : rows) {
     EXPECT_EQ(version_less(r.a, r.b), r.less) << r.a << " < " << r.b;
@@ -60,18 +61,38 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
       {"\n\n 1.2.3 \n", "1.2.3"}, {"  # note\n3\n4\n", "3"}, {"\r\n\t1.0\r\n", "1.0"}, {"6 # kept\n", "6 # kept"},
       {"\n  \n# only notes\n", ""},
   };
+  fixtures::log_records_t logs;
   for (const auto& [content, expected] : rows) {
     dir.write("tool.exe.version", content);
     std::string version = "old";
-    current_version_of(dir.path(), "tool.exe", version, false);
+    current_version_of(dir.path(), "tool.exe", version, true);
     EXPECT_EQ(version, expected) << content;
   }
-  fixtures::log_records_t logs;
+  EXPECT_EQ(logs.all("[tool.exe] current version not specified in file: " + dir.path("tool.exe.version")).size(), 1u);
   std::string version = "old";
   current_version_of(dir.path(), "missing", version, false);
   current_version_of(dir.path(), "missing", version, true);
   EXPECT_EQ(version, "old");  // a missing record changes nothing, and only the asking call warns
   EXPECT_EQ(logs.all("can't open file for reading: " + dir.path("missing.version")).size(), 1u);
+}
+
+// A run's cache hashes a file once per type, so a later change to the file
+// goes unseen; a decoration names the type, another type is appended, and a
+// file that cannot be hashed leaves an empty entry that the next get retries.
+TEST(HashCache, GetHashesEachFileOncePerType) {
+  fixtures::scratch_dir_t dir;
+  const std::string path = dir.write("f", "one"), missing = dir.path("missing");
+  hash_cache_t cache;
+  std::string first, again, sha, none;
+  ASSERT_TRUE(hash_cache_t::get(cache, path, first));
+  dir.write("f", "two");
+  ASSERT_TRUE(hash_cache_t::get(cache, path, again) && hash_cache_t::get(cache, "#SHA256:" + path, sha));
+  EXPECT_EQ(again, first);
+  EXPECT_EQ(sha.rfind("#SHA256:", 0), 0u);
+  EXPECT_EQ(cache.entries[path], (string_list_t{first, sha}));
+  EXPECT_FALSE(hash_cache_t::get(cache, missing, none));
+  dir.write("missing", "now");
+  EXPECT_TRUE(cache.entries.at(missing).empty() && hash_cache_t::get(cache, missing, none));
 }
 
 enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone };
