@@ -71,6 +71,7 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
     for (uint64_t last = 0; !done;) {
       std::string state, message, xml, reply;
       get_status(state, message, true);
+      status.lock.lock(), status.xml.clear(), status.lock.unlock();  // rendered afresh: every field is read
       get_status_xml(xml);
       ASSERT_TRUE(write_binary_status("", reply));
       uint64_t sizes[2];  // behind the result's four bytes: downloaded and total
