@@ -86,7 +86,6 @@ TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
       {first, 1, false, ""},
       {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
-      {"file=a\nhash=h\n", 0, false, ""},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(load(row.body, row.mode), row.result) << row.body;

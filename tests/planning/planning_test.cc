@@ -234,33 +234,29 @@ TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
   update_ini_t& ini = *++source;
   ini.uri = "b";
   const std::string claimed = "[x] Duplicated file name in update.ini from: b, also present in update.ini from: a";
-  const struct {
-    bool main;
-    std::string entry, file_name;  // neither: no rule
-    string_list_t exec;
-    std::string error;  // "": merged
-  } rows[] = {
+  // main, an entry's name or a rule's file name (neither: no rule), commands, the error ("": merged)
+  const std::tuple<bool, std::string, std::string, string_list_t, std::string> rows[] = {
       {false, "y", "", {}, ""},          {false, "setup", "", {}, ""},
       {false, "x", "", {}, claimed},     {false, "", "x", {}, claimed},
       {true, "x", "", {}, claimed},  // the file clash comes first
       {true, "z", "", {}, "Duplicated agent rule in update.ini from: b, also present in update.ini from: a"},
       {false, "", "", {"true", "false"}, "exec() exit: false, status: 1"},
-      {false, "z", "", {"true"}, ""},
   };
-  for (const auto& row : rows) {
+  for (const auto& [main, entry, file_name, exec, error] : rows) {
     quiet();
     ini.rules.clear();
-    if (!row.entry.empty() || !row.file_name.empty()) {
+    if (!entry.empty() || !file_name.empty()) {
       file_rule_t& rule = ini.rules.emplace_back();
-      rule.is_main = row.main, rule.file_name = row.file_name;
-      if (!row.entry.empty()) rule.entries.emplace_back().name = row.entry;
+      rule.is_main = main, rule.file_name = file_name;
+      if (!entry.empty()) rule.entries.emplace_back().name = entry;
     }
-    ini.exec_before_update = row.exec;
-    EXPECT_EQ(merge_source(ini, sources), row.error.empty()) << row.entry << row.file_name;
-    EXPECT_EQ(reported(), row.error) << row.entry << row.file_name;
+    ini.exec_before_update = exec;
+    EXPECT_EQ(merge_source(ini, sources), error.empty()) << entry << file_name;
+    EXPECT_EQ(reported(), error) << entry << file_name;
   }
   // The saved description of a source that an earlier one gave already is
   // dropped quietly; another goes on.
+  quiet();
   std::list<update_ini_t> fetched(1);
   fetched.front().uri = "a";
   dir_.write("corvid_update.ini", "[corvid]\n");
