@@ -298,6 +298,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
       {"apply_if.exec=$(e)\ne=", error + "empty value in condition: apply_if.exec, in section: " + T + ".file=f"},
+      {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},
   };
   for (const auto& [condition, rules] : rows)
     EXPECT_EQ(load("global.tool=" + tool + "\ncan_skip.f=1\n[" + T + ".hash_to_version.tool]\nhash." +
@@ -305,6 +306,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
                    "\nupdate_version=1\ndownload_file=$(null)\nexec=x\n"),
               rules)
         << condition;
+  EXPECT_EQ(hashes_.entries[tool], string_list_t{digest});  // the run's cache hashed it once for both
 }
 
 TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) {

@@ -76,25 +76,6 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
   EXPECT_EQ(logs.all("can't open file for reading: " + dir.path("missing.version")).size(), 1u);
 }
 
-// A run's cache hashes a file once per type, so a later change to the file
-// goes unseen; a decoration names the type, another type is appended, and a
-// file that cannot be hashed leaves an empty entry that the next get retries.
-TEST(HashCache, GetHashesEachFileOncePerType) {
-  fixtures::scratch_dir_t dir;
-  const std::string path = dir.write("f", "one"), missing = dir.path("missing");
-  hash_cache_t cache;
-  std::string first, again, sha, none;
-  ASSERT_TRUE(hash_cache_t::get(cache, path, first));
-  dir.write("f", "two");
-  ASSERT_TRUE(hash_cache_t::get(cache, path, again) && hash_cache_t::get(cache, "#SHA256:" + path, sha));
-  EXPECT_EQ(again, first);
-  EXPECT_EQ(sha.rfind("#SHA256:", 0), 0u);
-  EXPECT_EQ(cache.entries[path], (string_list_t{first, sha}));
-  EXPECT_FALSE(hash_cache_t::get(cache, missing, none));
-  dir.write("missing", "now");
-  EXPECT_TRUE(cache.entries.at(missing).empty() && hash_cache_t::get(cache, missing, none));
-}
-
 enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone };
 
 struct row_t {
