@@ -308,18 +308,19 @@ class DownloadStage : public transfer_test_t {
 };
 
 // A file that cannot be written to the disk, or not moved to its final
-// name, keeps its temporary name; the next run takes it whole, without a
-// request.
+// name, keeps its temporary name; the next run takes it whole, by its size
+// or, where the rule gives none, by its hash, without a request.
 TEST_F(DownloadStage, FileThatCannotReachItsPlaceIsTakenNextTime) {
   ASSERT_TRUE(start_nginx());
-  const std::pair<std::atomic<bool> platform::file_faults_t::*, std::string> rows[] = {
-      {&platform::file_faults_t::fail_sync, "Failed to write downloaded file to disk: " + target},
-      {&platform::file_faults_t::fail_replace, "Failed to rename downloaded file to: " + dir_.path("f.bin")}};
+  const std::tuple<std::atomic<bool> platform::file_faults_t::*, std::string, uint64_t> rows[] = {
+      {&platform::file_faults_t::fail_sync, "Failed to write downloaded file to disk: " + target, 3000},
+      {&platform::file_faults_t::fail_replace, "Failed to rename downloaded file to: " + dir_.path("f.bin"), 0}};
   size_t served = 0;
-  for (const auto& [fault, error] : rows) {
+  for (const auto& [fault, error, size] : rows) {
     SetUp();
     std::filesystem::remove(dir_.path("f.bin"));
     file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
+    rule.entries.front().size = size;
     platform::file_faults().*fault = true;
     run(rule);
     EXPECT_EQ(entry("f.bin").state, file_download);
@@ -331,19 +332,6 @@ TEST_F(DownloadStage, FileThatCannotReachItsPlaceIsTakenNextTime) {
     EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
     EXPECT_EQ(nginx.requests(++served).size(), served);
   }
-}
-
-// Without a size in the rule, a whole temporary file is known by its hash
-// and taken without a request.
-TEST_F(DownloadStage, WholeTemporaryFileWithoutASizeIsTakenByItsHash) {
-  ASSERT_TRUE(start_nginx());
-  file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
-  rule.entries.front().size = 0;
-  write_file(target, source);
-  run(rule);
-  EXPECT_EQ(entry("f.bin").state, file_downloaded);
-  EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
-  EXPECT_TRUE(nginx.requests().empty());
 }
 
 TEST_F(DownloadStage, VerifiesInTheTypeTheDescriptionNames) {
