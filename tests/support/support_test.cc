@@ -115,29 +115,19 @@ TEST(IniFile, TakingEmptiesTheStoreAndPrefixesWalkKeysInByteOrder) {
   EXPECT_EQ(raised_by([&] { group.take_value("one", nullptr); }), "key one in s");
 }
 
-// The status keeps its times in the one form below, and the daemon's text
-// parses back to it: a year from 1900 and below 2^24, a month and a day from
-// 1, each field cut to its 8 bits. The other forms have no caller.
+// The status keeps its times in the one form below; the other forms of the
+// time library have no caller in the module.
 TEST(TimeText, IsoTextOfAPackedTimeOrItsPlaceholderAndNow) {
-  const std::tuple<const char*, packed_time_t, const char*> rows[] = {
-      // by weight: year, month from 0, day, hours, minutes, seconds
-      {"2024.03.05 07:08:09", 0x7E80205070809, "2024-03-05T07:08:09"},
-      {"1900.1.1 0:0:456", packed_time_t{1900} << 40 | 0x01000000 | 200, "1900-01-01T00:00:200"},
-      {"16777215.12.31 0:0:0", packed_time_t{0xFFFFFF} << 40 | 0xB1F000000, "16777215-12-31T00:00:00"},
-      {"16777216.1.1 0:0:0", bad_time, "0000-00-00T00:00:00"},
-      {"1899.12.31 23:59:59", bad_time, "0000-00-00T00:00:00"},
-      {"2024.00.05 07:08:09", bad_time, "0000-00-00T00:00:00"},
-      {"2024.03.00 07:08:09", bad_time, "0000-00-00T00:00:00"},
-      {"2024.03.05", bad_time, "0000-00-00T00:00:00"},
-      {nullptr, packed_time_t{1899} << 40 | 0x0001000000, "0000-00-00T00:00:00"},
+  const std::pair<packed_time_t, const char*> rows[] = {
+      {0x7E80205070809, "2024-03-05T07:08:09"},  // by weight: year, month from 0, day, hours, minutes, seconds
+      {packed_time_t{1900} << 40 | 0x0001000000, "1900-01-01T00:00:00"},  // the first year
+      {bad_time, "0000-00-00T00:00:00"},
+      {packed_time_t{1899} << 40 | 0x0001000000, "0000-00-00T00:00:00"},
   };
-  for (const auto& [text, time, iso] : rows) {
-    if (text) {
-      EXPECT_EQ(parse_time(text), time) << text;
-    }
+  for (const auto& [time, text] : rows) {
     std::string out = "stale";
     time_text_iso(time, out);
-    EXPECT_EQ(out, iso);
+    EXPECT_EQ(out, text);
   }
   auto clock_text = [] {
     const time_t now = std::time(nullptr);
