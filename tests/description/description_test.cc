@@ -117,7 +117,6 @@ TEST_F(LoadUpdateIni, ReadsTheFieldsOfARuleAndSettingsOnlyInARun) {
   EXPECT_EQ(rule.entries.back().name + " " + std::to_string(rule.entries.back().size), "b.dll 20");
 
   ASSERT_TRUE(load(text, 1));
-  EXPECT_EQ(ini_.rules.front().update_version, "3.1");
   EXPECT_EQ(ini_.connect_timeout, 300);  // the constructor's value stands
 
   // A download path ends in exactly one separator, unless it is nothing else.

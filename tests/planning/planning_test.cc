@@ -159,10 +159,9 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
   }
 }
 
-// The merged sources' declarations replace the kept hashes, carrying their
-// values over; an undeclared hash, like a file no source names, goes only
-// when every source was merged. A file whose conditions let it pass stays as
-// it was and is not planned; none is made for one the status does not hold.
+// Declarations replace the kept hashes, carrying their values over; what no
+// source names goes only when every source was merged. A file whose
+// conditions let it pass stays as it was, unplanned, and none is made.
 TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
   for (const bool all_merged : {false, true}) {
     fixtures::scratch_dir_t dir;
@@ -200,9 +199,8 @@ TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
 
 using MergeSource = testing::StatusTest;
 
-// A source is merged when no merged source claims its names, it brings no
-// second agent rule, and its exec_before_update succeeds. An unmerged source
-// and a rule without entries claim nothing.
+// A source is merged when no merged source claims its names or brings the
+// agent, and its exec_before_update succeeds; a rule without entries claims nothing.
 TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
   std::list<update_ini_t> sources(3);
   auto source = sources.begin();
@@ -235,8 +233,7 @@ TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
     EXPECT_EQ(merge_source(ini, sources), error.empty()) << entry << file_name;
     EXPECT_EQ(reported(), error) << entry << file_name;
   }
-  // The saved description of a source that an earlier one gave already is
-  // dropped quietly; another goes on.
+  // A description an earlier source gave already is dropped quietly.
   quiet();
   std::list<update_ini_t> fetched(1);
   fetched.front().uri = "a";

@@ -130,10 +130,9 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   }
 }
 
-// A server that ignores the range, or refuses one at the end of its file
-// (416, as for a temporary file that is already whole), is asked again for
-// the whole file, and so is a local file shorter than the partial one; that
-// restart uses no attempt, and resume stays off for the rest of the call.
+// A server that ignores the range or refuses one at the end of its file (416),
+// or a local file shorter than the partial one, gives the whole file anew;
+// that restart uses no attempt, and resume stays off for the rest of the call.
 TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
   const std::string url = server.url(), local = "file://" + dir_.write("local", source);
@@ -153,9 +152,8 @@ TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   }
 }
 
-// Every attempt fails alike, and the target keeps nothing of an error page.
-// A target that cannot be opened fails at once, without a request; one that
-// the disk cannot take whole (full at the last flush) fails its attempts.
+// Every attempt fails alike, keeping nothing of an error page or of a file the
+// disk cannot take whole; a target that cannot be opened fails at once.
 TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
   ASSERT_TRUE(start_nginx());
   const std::string missing = nginx.url("/missing.bin"), url = nginx.url("/f.bin");
@@ -307,9 +305,8 @@ class DownloadStage : public transfer_test_t {
   update_ini_t ini;
 };
 
-// A file that cannot be written to the disk, or not moved to its final
-// name, keeps its temporary name; the next run takes it whole, by its size
-// or, where the rule gives none, by its hash, without a request.
+// A file that cannot reach the disk or its final name keeps its temporary
+// name; the next run takes it by its size, or its hash, without a request.
 TEST_F(DownloadStage, FileThatCannotReachItsPlaceIsTakenNextTime) {
   ASSERT_TRUE(start_nginx());
   const std::tuple<std::atomic<bool> platform::file_faults_t::*, std::string, uint64_t> rows[] = {
