@@ -174,6 +174,7 @@ TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     EXPECT_EQ(entry.error, error);
   }
+  EXPECT_EQ(logged("can't open file for writing"), 1u);  // no further attempt
 }
 
 // The progress callback sees the stop; no further attempt follows although
@@ -210,6 +211,8 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
   ASSERT_NE(file, nullptr);
   std::setvbuf(file, nullptr, _IOFBF, 1 << 16);
   flush_context_t context{file, 0, 1000};
+  file_status_t& entry = make_current_file("f.bin");
+  entry.total_size = 7;  // a server that tells no size leaves it
   const struct {
     double dlnow;
     bool legacy, flushed;
@@ -227,6 +230,7 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
     EXPECT_EQ(disk_size(path), row.flushed ? written : before);
   }
   std::fclose(file);
+  EXPECT_TRUE(entry.download_size == 4500 && entry.total_size == 7) << entry.download_size << " " << entry.total_size;
 }
 
 TEST(UriJoin, KeepsTheQueryAtTheEnd) {
