@@ -112,8 +112,7 @@ TEST_F(EventManagerTest, StopHandsQueuedCallsBackCancelled) {
 TEST(Log, EveryRecordStaysOneLineWithItsFieldsEscaped) {
   fixtures::scratch_dir_t dir;
   ASSERT_TRUE(agent::open_log(dir.path("sub/dir/corvid_update.log")));
-  TLogMessage(log_id_failure)
-      .append_attr(log_attr_text, "two\nlines")
+  TLogMessage(log_id_failure).append_attr(log_attr_text, "two\nlines")
       .append_attr(log_attr_text, "tab\there\r\\ \x01\x1f\x7f\xd0\xb6 end");
   { TLogMessage empty(log_id_course); }
   agent::close_log();

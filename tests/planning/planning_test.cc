@@ -1,6 +1,5 @@
-// Planning: version and hash facts, the per-file decision by the state a
-// file comes from and what changed in its rule, and several sources: the
-// merge of each, and what the status keeps of them.
+// Planning: version and hash facts, the per-file decision by the state a file comes
+// from and what changed in its rule, and the merge of sources and what the status keeps.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
