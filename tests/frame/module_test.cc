@@ -42,9 +42,8 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
   }
 }
 
-// Nothing on disk; a description it cannot use, whose errors must not reach
-// a file; only a description to seed the status from; a status the version
-// records overtook, which the file must learn; a cut-off run.
+// Nothing on disk; a description it cannot use, whose errors must not reach a file; only a description to
+// seed the status from; a status the version records overtook, which the file must learn; a cut-off run.
 TEST_F(StartupTest, AnswersWhatItFindsOnDisk) {
   const std::string seed = "[corvid]\nversion=" + productVersion() + "\nfile=a.bin\nhash=#SHA256:00\nexec=x\n";
   const struct {

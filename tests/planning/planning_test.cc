@@ -158,9 +158,8 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
   }
 }
 
-// Declarations replace the kept hashes, carrying their values over; what no
-// source names goes only when every source was merged. A file whose
-// conditions let it pass stays as it was, unplanned, and none is made.
+// Declarations replace the kept hashes, carrying values over; what no source names goes only when every
+// source was merged. A file its conditions let pass stays as it was, unplanned, and none is made for it.
 TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
   for (const bool all_merged : {false, true}) {
     fixtures::scratch_dir_t dir;

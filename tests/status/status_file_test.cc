@@ -11,10 +11,9 @@ namespace {
 
 const char declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
-// A status with every field and every byte that needs escaping, or a
-// reference (what a reader would change) or U+FFFD (what XML cannot carry).
-// Sizes and times appear only when set, unknown codes read as undefined, an
-// empty message leaves no trace.
+// A status with every field and every byte that needs escaping, or a reference (what a reader would change)
+// or U+FFFD (what XML cannot carry). Sizes and times appear only when set, unknown codes read as undefined,
+// an empty message leaves no trace.
 void fill_all() {
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.result = status_error, status.cmd = "install manual", status.cmdid = "7";

@@ -130,9 +130,8 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   }
 }
 
-// A server that ignores the range or refuses one at the end of its file (416),
-// or a local file shorter than the partial one, gives the whole file anew;
-// that restart uses no attempt, and resume stays off for the rest of the call.
+// A server that ignores the range or refuses one at the end of its file (416), or a local file shorter than
+// the partial one, gives the whole file anew; the restart uses no attempt, and resume stays off after it.
 TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
   const std::string url = server.url(), local = "file://" + dir_.write("local", source);
