@@ -95,8 +95,7 @@ void write_partial(const std::string& path, const std::string& source, size_t si
   write_file(path, source.substr(0, size - damaged) + std::string(damaged, 'x'));
 }
 
-// A rollback that cannot cut the file starts the transfer from byte 0. The
-// status counts what the file holds, where the transfer began included.
+// A rollback that cannot cut starts from byte 0; the status counts the whole file, resumed or not.
 TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   ASSERT_TRUE(start_nginx());
   const struct {
@@ -151,8 +150,7 @@ TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   }
 }
 
-// Every attempt fails alike, keeping nothing of an error page or of a file the
-// disk cannot take whole; a target that cannot be opened fails at once.
+// Every attempt fails alike, keeping nothing; a target that cannot be opened fails at once.
 TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
   ASSERT_TRUE(start_nginx());
   const std::string missing = nginx.url("/missing.bin"), url = nginx.url("/f.bin");
