@@ -6,7 +6,8 @@
 // Besides crashes and sanitizer findings it checks properties that a wrong
 // reader would break:
 //  - a refused description has reported why (start-up may refuse silently);
-//  - the rules of a loaded one are well formed, one per file name;
+//  - the rules of a loaded one are well formed, one per file name, and
+//    their names are ones the status file can carry;
 //  - a second load of the same text gives the same rules.
 #include <unistd.h>
 
@@ -26,6 +27,7 @@
 #include "platform/process.h"
 #include "records/update_ini.h"
 #include "status/status.h"
+#include "support/xml_text.h"
 
 namespace {
 
@@ -83,6 +85,7 @@ std::string rules_text(const update::update_ini_t& ini) {
 void check_rules(const update::update_ini_t& ini) {
   std::set<std::string> names;
   for (const auto& rule : ini.rules) {
+    check(!update::has_xml_forbidden_byte(rule.file_name), "a file's name is one the status file can carry");
     if (rule.legacy_exec) {
       check(rule.owner == &ini && !rule.update_version.empty(), "an indexed rule has an owner and a version");
       continue;

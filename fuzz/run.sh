@@ -25,13 +25,13 @@ CALC_HASH=_ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_tr
 sources_of() {
   case $1 in
     ini) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
-              src/description/indexed_rules.cc src/description/params.cc src/support/uri_join.cc \
+              src/support/xml_text.cc src/description/indexed_rules.cc src/description/params.cc src/support/uri_join.cc \
               src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
     loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
     status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \
                  src/status/status_xml.cc src/platform/xml_document.cc src/facts/hash_cache.cc \
                  src/support/message_format.cc src/support/time_text.cc src/support/file_helpers.cc \
-                 src/platform/posix/file_ops.cc ;;
+                 src/support/xml_text.cc src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
                  src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
     signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc \

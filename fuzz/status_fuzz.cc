@@ -19,6 +19,7 @@
 #include "facts/hash_cache.h"
 #include "status/status.h"
 #include "status/status_file.h"
+#include "support/xml_text.h"
 
 namespace {
 
@@ -51,33 +52,30 @@ void check_invariants(const update::status_t& status) {
   }
 }
 
-// The writer puts these out as they stand; markup in them, or a carriage
-// return that the reader turns into a line feed, cannot come back whole.
+// The writer puts these out with their markup as it stands, which cannot
+// come back whole; nor can the order of the hashes when a byte XML cannot
+// carry, written as U+FFFD, moves a file's name.
 bool writes_back_whole(const update::status_t& status) {
-  auto plain = [](const std::string& v) { return v.find_first_of("\"<&\r") == std::string::npos; };
+  auto plain = [](const std::string& v) { return v.find_first_of("\"<&") == std::string::npos; };
   if (!plain(status.cmd) || !plain(status.cmdid) || !plain(status.start_time)) return false;
-  for (const auto& m : status.messages)
-    if (m.uri.find('\r') != std::string::npos || m.text.find('\r') != std::string::npos) return false;
   for (const auto& f : status.files) {
     if (!plain(f.current_version) || !plain(f.update_version) || !plain(f.download_hash) ||
         !plain(f.installed_time) || !plain(f.uptodate_time))
       return false;
-    if (f.name.find('\r') != std::string::npos || f.uri.find('\r') != std::string::npos ||
-        f.error.find('\r') != std::string::npos)
-      return false;
   }
-  for (const auto& [file, list] : status.hashes.entries) {
-    if (file.find('\r') != std::string::npos) return false;
-    for (const auto& hash : list)
-      if (hash.find('\r') != std::string::npos) return false;
-  }
+  for (const auto& entry : status.hashes.entries)
+    if (update::has_xml_forbidden_byte(entry.first)) return false;
   return true;
 }
 
-// Text as the writer may get it; a field written unescaped loses markup.
+// Text as the writer may get it; a field written unescaped loses markup, and
+// a byte XML cannot carry is written as U+FFFD.
 std::string text(FuzzedDataProvider& in, bool unescaped) {
   std::string t = in.ConsumeRandomLengthString(24);
-  std::erase_if(t, [&](char c) { return c == '\0' || c == '\r' || (unescaped && (c == '"' || c == '<' || c == '&')); });
+  std::erase_if(t, [&](char c) {
+    return update::xml_forbidden_byte(static_cast<unsigned char>(c)) ||
+           (unescaped && (c == '"' || c == '<' || c == '&'));
+  });
   return t;
 }
 

@@ -16,6 +16,7 @@
 #include "runner/run_exec.h"
 #include "support/message_format.h"
 #include "support/uri_join.h"
+#include "support/xml_text.h"
 
 namespace update {
 
@@ -134,6 +135,8 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
                        std::set<std::string>& rejected) {
   const std::string name = section.name.substr(reader.section_name.size() + 6);  // behind "T.file="
   if (name.empty()) throw "file name not specified in section: " + section.name;
+  // The name keys the file's status entry, which the status file must carry.
+  if (has_xml_forbidden_byte(name)) throw "control character in file name: " + xml_forbidden_shown(name);
   if (has_rule(reader.ini, name)) {
     log_file(log_id_course, name, format_message("skip file section #%u: other section was chosen", counter));
     return;

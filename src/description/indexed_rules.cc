@@ -9,6 +9,7 @@
 #include "support/ini_file.h"
 #include "support/message_format.h"
 #include "support/uri_join.h"
+#include "support/xml_text.h"
 
 namespace update {
 
@@ -47,6 +48,12 @@ bool next_list_item(const char*& cursor, std::string& item) {
 
 bool read_file_list(const std::string& files, const std::string& hashes, const std::string& sizes,
                     const std::string& download_path, const std::string& base_uri, std::list<file_entry_t>& entries) {
+  // A name keys its file's status entry, which the status file must carry;
+  // a NUL would also end the list unseen.
+  if (has_xml_forbidden_byte(files)) {
+    report_error(format_message("control character in file name: %s", xml_forbidden_shown(files).c_str()));
+    return false;
+  }
   const char* file_cursor = files.c_str();
   const char* hash_cursor = hashes.c_str();
   const char* size_cursor = sizes.c_str();

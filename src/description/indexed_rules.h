@@ -25,7 +25,8 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
 // Expands the comma lists into entries: name (the item behind its last
 // separator), local_path (download_path + name), uri (base_uri joined with the
 // whole item), hash and size. An empty hashes or sizes list is no column.
-// False after a report through report_error when the lists do not match.
+// False after a report through report_error when the lists do not match or
+// files holds a byte the status file cannot carry.
 bool read_file_list(const std::string& files, const std::string& hashes, const std::string& sizes,
                     const std::string& download_path, const std::string& base_uri, std::list<file_entry_t>& entries);
 

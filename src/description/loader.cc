@@ -77,8 +77,6 @@ bool load_update_ini(update_ini_t& ini, const inivars_t& predefined, hash_cache_
     report_error(format_message("Parse 'update.ini' error: %s", e.what()));
   } catch (const std::string& text) {
     report_error(format_message("Parse 'update.ini' error: %s", text.c_str()));
-  } catch (const char* text) {
-    report_error(format_message("Parse 'update.ini' error: %s", text ? text : ""));
   }
   return false;
 }

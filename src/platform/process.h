@@ -45,8 +45,9 @@ int start_user_process(const std::string& command_line, process_t& process);
 // wait itself fails; end is then left as it was.
 bool wait_process(process_t& process, process_end_t& end);
 
-// Lets a started child go without waiting for it; it is reaped by whoever
-// reaps orphans. Used when the caller does not wait.
+// Lets a started child go without waiting for it: a thread of its own reaps
+// it. When no thread can be started, waits for the child here instead.
+// Used when the caller does not wait.
 void release_process(process_t& process);
 
 // The system's text for an error code; empty when it has none.
@@ -58,5 +59,7 @@ std::string signal_name(int signal);
 // Test and fuzz seam: while set, start_process starts nothing and fails with
 // ENOSYS. Production code never sets it.
 std::atomic<bool>& refuse_process_start();
+// While set, release_process finds no thread to spare.
+std::atomic<bool>& refuse_thread_start();
 
 }  // namespace update::platform

@@ -10,9 +10,10 @@ namespace {
 // Escapes decoded, line ends normalised, CDATA kept. Tabs and line feeds in
 // attribute values stay as they are, and a text of white space alone
 // survives as an element's only content: writers that escape only the
-// markup characters get back what they wrote.
-constexpr unsigned parse_options =
-    (pugi::parse_default & ~pugi::parse_wconv_attribute) | pugi::parse_ws_pcdata_single;
+// markup characters get back what they wrote. Text outside the root is kept
+// (as a fragment's), so that Read can refuse it.
+constexpr unsigned parse_options = (pugi::parse_default & ~pugi::parse_wconv_attribute) |
+                                   pugi::parse_ws_pcdata_single | pugi::parse_fragment;
 
 pugi::xml_node node(pugi::xml_node_struct* n) { return pugi::xml_node(n); }
 
@@ -53,9 +54,13 @@ void XMLDocument::Read(std::istream& in) {
   if (!result) {
     throw XMLReadError(std::string(result.description()) + " at offset " + std::to_string(result.offset));
   }
-  // The parser takes a sequence of elements as a document; XML does not.
+  // The parser takes a sequence of elements, and text around them, as a
+  // document; XML does not.
   pugi::xml_node root;
   for (pugi::xml_node top : parsed->children()) {
+    const char* text = top.value();
+    if (top.type() == pugi::node_cdata || (top.type() == pugi::node_pcdata && text[std::strspn(text, " \t\r\n")]))
+      throw XMLReadError("text outside the root element");
     if (top.type() != pugi::node_element) continue;
     if (root) throw XMLReadError(std::string("a second root element '") + top.name() + "'");
     root = top;

@@ -19,8 +19,8 @@ class xml_document;
 }  // namespace pugi
 
 // What Read raises: a syntax error (the text gives the fault and its byte
-// offset), a root element of another name or more than one, or a stream
-// that fails while being read.
+// offset), a root element of another name or more than one, text outside
+// the root, or a stream that fails while being read.
 class XMLReadError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -50,7 +50,7 @@ struct file_rule_t {
   std::string current_version;
   std::string download_path;
   std::list<file_entry_t> entries;
-  update_ini_t* owner = nullptr;  // not owned
+  update_ini_t* owner = nullptr;  // not owned; set by the readers on every rule with entries
   bool legacy_exec = false;
   string_list_t exec_list;
   string_list_t exec_before_download;

@@ -118,6 +118,9 @@ struct status_t {
   uint64_t sum_download_size() const;
   uint64_t sum_total_size() const;
   // REQUIRES: lock held. Rebuild xml; render and replace the status file.
+  // Every value the text holds reads back byte for byte, but for a byte XML
+  // cannot carry at all (a C0 control other than tab and line ends), which
+  // is written as U+FFFD.
   // Each save waits for the disk once: the new file is whole before it
   // replaces the old one, so a crash or a power loss leaves one of the two.
   // Its name lasts through a power loss with the file system's next commit,

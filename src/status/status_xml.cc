@@ -9,6 +9,7 @@
 #include "status/status_file.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
+#include "support/xml_text.h"
 
 namespace update {
 
@@ -19,22 +20,32 @@ namespace {
 const char status_file_name[] = "corvid_update_status.xml";
 const char xml_declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
-// Appends text with "&", "<", ">" replaced and, for attribute values, the
-// double quote too; every other byte passes as it is.
-void append_escaped(std::string& out, std::string_view text, bool attribute) {
+// How a value is written. Attribute values escape "&", "<", ">" and the
+// double quote, texts all but the quote; plain values (the daemon's own
+// words, versions, hashes and times) are trusted with markup. Whatever a
+// reader would change comes as a reference: a carriage return everywhere (it
+// reads as a line feed), tab and line feed in attribute values, plain ones
+// included (they read as blanks). A byte XML cannot carry becomes U+FFFD.
+enum class escape_t { plain, attribute, text };
+
+const char* replacement(unsigned char c, escape_t kind) {
+  switch (c) {
+    case '&': return kind == escape_t::plain ? nullptr : "&amp;";
+    case '<': return kind == escape_t::plain ? nullptr : "&lt;";
+    case '>': return kind == escape_t::plain ? nullptr : "&gt;";
+    case '"': return kind == escape_t::attribute ? "&quot;" : nullptr;
+    case '\r': return "&#13;";
+    case '\t': return kind == escape_t::text ? nullptr : "&#9;";
+    case '\n': return kind == escape_t::text ? nullptr : "&#10;";
+    default: return xml_forbidden_byte(c) ? "\xEF\xBF\xBD" : nullptr;
+  }
+}
+
+void append_escaped(std::string& out, std::string_view text, escape_t kind) {
   size_t run = 0;
   for (size_t i = 0; i < text.size(); ++i) {
-    const char* entity;
-    switch (text[i]) {
-      case '&': entity = "&amp;"; break;
-      case '<': entity = "&lt;"; break;
-      case '>': entity = "&gt;"; break;
-      case '"':
-        if (!attribute) continue;
-        entity = "&quot;";
-        break;
-      default: continue;
-    }
+    const char* entity = replacement(static_cast<unsigned char>(text[i]), kind);
+    if (!entity) continue;
     out.append(text.data() + run, i - run);
     out += entity;
     run = i + 1;
@@ -42,8 +53,9 @@ void append_escaped(std::string& out, std::string_view text, bool attribute) {
   out.append(text.data() + run, text.size() - run);
 }
 
-void append_attr_escaped(std::string& out, std::string_view text) { append_escaped(out, text, true); }
-void append_text_escaped(std::string& out, std::string_view text) { append_escaped(out, text, false); }
+void append_attr_escaped(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::attribute); }
+void append_text_escaped(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::text); }
+void append_plain(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::plain); }
 
 // Decimal of an unsigned 64-bit value, as "%llu" writes it.
 void append_decimal(std::string& out, uint64_t value) {
@@ -62,7 +74,7 @@ void open_file_attr(std::string& out, const char* name) {
 void append_plain_file_attr(std::string& out, const char* name, const std::string& value) {
   if (value.empty()) return;
   open_file_attr(out, name);
-  out += value;
+  append_plain(out, value);
   out += '"';
 }
 
@@ -120,8 +132,6 @@ void status_t::render_xml() {
   // text, never half of a new one.
   std::string out;
   out.reserve(xml.capacity() ? xml.capacity() : 512);
-  // cmd, cmdid and start_time are the daemon's own words and times; they are
-  // written as they stand.
   out += "<update-status result=\"";
   out += status_code_text(result);
   out += "\" download_size=\"";
@@ -129,11 +139,11 @@ void status_t::render_xml() {
   out += "\" total_size=\"";
   append_decimal(out, sum_total_size());
   out += "\" cmd=\"";
-  out += cmd;
+  append_plain(out, cmd);
   out += "\" cmdid=\"";
-  out += cmdid;
+  append_plain(out, cmdid);
   out += "\" start_time=\"";
-  out += start_time;
+  append_plain(out, start_time);
   out += "\">\n";
   for (const auto& m : messages) {
     if (m.text.empty()) continue;

@@ -99,6 +99,14 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, FILE*
   if (!ca_file.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
 }
 
+// The server will not continue the file: libcurl finds the range ignored or
+// refused, or the server answers a range that starts at the end of its file
+// as out of range (416), as it does for a temporary file that is whole.
+bool resume_refused(CURLcode result, long response_code, uint64_t offset) {
+  if (result == CURLE_RANGE_ERROR || result == CURLE_BAD_DOWNLOAD_RESUME) return true;
+  return result == CURLE_HTTP_RETURNED_ERROR && response_code == 416 && offset != 0;
+}
+
 // A stream whose buffered tail cannot be written out (a full disk) holds
 // less than libcurl delivered, so it fails the attempt like a write error.
 bool close_stream(file_ptr& file) {
@@ -172,14 +180,15 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       set_options(handle, url, error_buffer, file.get(), params.download_fsync_size != 0 ? &context : nullptr,
                   params, offset);
       result = curl_easy_perform(handle);
+      long response_code = 0;
+      curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response_code);
       curl_easy_reset(handle);
       if (!close_stream(file) && result == CURLE_OK) result = CURLE_WRITE_ERROR;
       if (result == CURLE_OK) {
         report(4, format_message("Download completed: %s -> %s", url.c_str(), path.c_str()));
         return true;
       }
-      if (!resume || (result != CURLE_RANGE_ERROR && result != CURLE_BAD_DOWNLOAD_RESUME)) break;
-      // The server will not continue the file: take it whole from byte 0.
+      if (!resume || !resume_refused(result, response_code, offset)) break;
       report(1, format_message("Download resume failed: %s -> %s : %s", url.c_str(), curl_easy_strerror(result),
                                error_buffer));
       resume = false;

@@ -26,9 +26,10 @@ struct flush_context_t {
 // (download_retry + 1) are used up, or the module was stopped; the failure
 // has then been reported through report_error, and the caller only stops.
 // Never deletes the target: a partial file is what the next call resumes
-// from. A server that will not continue a file (CURLE_RANGE_ERROR or
-// CURLE_BAD_DOWNLOAD_RESUME) restarts the transfer from byte 0 without
-// resume and without using an attempt. The handle holds no options after
+// from. A server that will not continue a file (CURLE_RANGE_ERROR,
+// CURLE_BAD_DOWNLOAD_RESUME, or HTTP 416 to a range that does not start at
+// 0) restarts the transfer from byte 0 without resume and without using an
+// attempt. The handle holds no options after
 // the call. Takes the module lock and the status lock, one at a time.
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
                    const params_t& params, bool resume);

@@ -37,34 +37,57 @@ bool holds_promised_file(const file_entry_t& entry) {
   return HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated) && hash_equal(entry.hash, calculated);
 }
 
-// A server answers a range at the end of a file with an error, so a
-// temporary file that is already whole (the process died before the move,
-// or the move failed) is taken as it stands; one that is larger than the
-// file can be is fetched anew from its first byte. A process that died
-// after the move and before the status said "downloaded" left no temporary
-// file but the whole one at its final name: it goes back and counts as whole.
-bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params) {
-  uint64_t have = 0;
-  if (!platform::query_file_size(temporary.c_str(), have) && holds_promised_file(entry))
-    move_file(entry.local_path, temporary);
-  if (entry.size != 0 && platform::query_file_size(temporary.c_str(), have)) {
-    if (have == entry.size) {
-      report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
-      return true;
-    }
-    if (have > entry.size) platform::remove_file(temporary.c_str());
-  }
-  return download_file(handle, entry.uri, temporary, params, true);
-}
-
 void set_checking_file(const std::string& name) {
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.checking_file = name;
 }
 
+// Hashes path in the type the entry asks for; the status tells meanwhile
+// that a long hash runs.
+bool hash_file(const file_entry_t& entry, const std::string& path, std::string& calculated) {
+  set_checking_file(entry.name);
+  const bool hashed = HashFileChecker::CalcHash(path, entry.hash, calculated);
+  set_checking_file("");
+  return hashed;
+}
+
+// A server answers a range at the end of a file with an error, so a
+// temporary file that is already whole (the process died before the move,
+// or the move failed) is taken as it stands; one that is larger than the
+// file can be is fetched anew from its first byte. Without a size, only the
+// hash tells a whole file from a partial one, which costs a read of the
+// partial file; calculated then holds the hash of the file taken. A process
+// that died after the move and before the status said "downloaded" left no
+// temporary file but the whole one at its final name: it goes back and
+// counts as whole.
+bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params,
+           std::string& calculated) {
+  uint64_t have = 0;
+  if (!platform::query_file_size(temporary.c_str(), have) && holds_promised_file(entry))
+    move_file(entry.local_path, temporary);
+  const bool present = platform::query_file_size(temporary.c_str(), have);
+  bool whole = false;
+  if (entry.size != 0 && present) {
+    whole = have == entry.size;
+    if (have > entry.size) platform::remove_file(temporary.c_str());
+  } else if (present && have != 0 && !entry.hash.empty()) {
+    whole = hash_file(entry, temporary, calculated) && hash_equal(entry.hash, calculated);
+    if (!whole) calculated.clear();
+  }
+  if (whole) {
+    report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
+    return true;
+  }
+  return download_file(handle, entry.uri, temporary, params, true);
+}
+
 }  // namespace
 
 void download_rule(file_rule_t& rule, CURL* handle) {
+  // The readers give every rule with entries its owner; a rule put together
+  // elsewhere fetches with the settings a source without a description has.
+  static const params_t no_owner;
+  const params_t& params = rule.owner ? *rule.owner : no_owner;
   bool before_download_done = rule.exec_before_download.empty();
   for (auto& entry : rule.entries) {
     if (!begin_download(entry)) {
@@ -76,17 +99,14 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       before_download_done = true;
     }
     const std::string temporary = download_name(entry.local_path, rule.update_version);
-    if (!fetch(handle, entry, temporary, *rule.owner)) return;
+    std::string calculated;
+    if (!fetch(handle, entry, temporary, params, calculated)) return;
     // Hashed under its temporary name, so that a process that dies while a
     // large file is hashed leaves a whole temporary file for the next run to
     // take without a request. The disk writes it meanwhile; the status may
     // say "downloaded" only once the data would survive a power loss.
     platform::start_writeback(temporary.c_str());
-    set_checking_file(entry.name);
-    std::string calculated;
-    const bool hashed = HashFileChecker::CalcHash(temporary, entry.hash, calculated);
-    set_checking_file("");
-    if (!hashed) {
+    if (calculated.empty() && !hash_file(entry, temporary, calculated)) {
       report_error(format_message("Failed to calculate hash for file: %s", temporary.c_str()));
       return;
     }

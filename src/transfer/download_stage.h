@@ -10,11 +10,13 @@ namespace update {
 // For each entry of rule in order: a file in state 2 or 3 (available, not
 // skipped) is fetched with resume to local_path + ".download." + version,
 // hashed there, synced, moved to local_path and left in state 4, then
-// verified; any other entry is only marked ready. exec_before_download runs once, before the first file that
-// is fetched. Stops at the first failure, which is in the status by then.
-// A temporary file already as large as the entry's non-zero size is taken
-// without a request; a larger one is deleted and fetched anew. Update
-// worker; the status lock is held only for short steps.
+// verified; any other entry is only marked ready. exec_before_download runs
+// once, before the first file that is fetched. Stops at the first failure,
+// which is in the status by then.
+// A temporary file already as large as the entry's non-zero size, or without
+// a size one that hashes as the entry's hash, is taken without a request; a
+// larger one is deleted and fetched anew. Update worker; the status lock is
+// held only for short steps.
 void download_rule(file_rule_t& rule, CURL* handle);
 
 }  // namespace update

@@ -40,11 +40,9 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
       {"message=hello\n", not_found + "'version'" + section},
       {"version.1=2\n", not_found + "'exec.1'" + section},
-      {"version=1\nfile=a,a\nhash=1,2\nexec=x\n", "duplicated file name: a"},
       {"version=1\nfile=a\nexec=x\n", "Parse 'update.ini' error: missing required field 'hash'. Turn off local "
                                       "parameter '" + LPARAMS::server::verify_downloads_name() +
                                       "' to disable downloaded files verification"},
-      {rule, ""},  // no file, no hash needed
       {rule + "file=a,b\nhash=1\n", "files count greater than hashes count: a,b > 1"},
       {rule + "file=a\nhash=1,2\n", "files count less than hashes count: a < 1,2"},
       {rule + "file=a,b\nhash=1,2\nfilesize=10\n", "files count greater than sizes count: a,b > 10"},
@@ -54,6 +52,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,A\nhash=1,2\n", ""},             // names compare with regard to case
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
+      {rule + "file=a,b\x01" "c\nhash=1,2\n", "control character in file name: a,b\\x01c"},
   };
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(load(text), message.empty()) << text;
@@ -85,7 +84,6 @@ TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
       {first, 1, false, ""},
       {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
-      {"file=a\nhash=h\n", 0, false, ""},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(load(row.body, row.mode), row.result) << row.body;
@@ -119,7 +117,6 @@ TEST_F(LoadUpdateIni, ReadsTheFieldsOfARuleAndSettingsOnlyInARun) {
   EXPECT_EQ(rule.entries.back().name + " " + std::to_string(rule.entries.back().size), "b.dll 20");
 
   ASSERT_TRUE(load(text, 1));
-  EXPECT_EQ(ini_.rules.front().update_version, "3.1");
   EXPECT_EQ(ini_.connect_timeout, 300);  // the constructor's value stands
 
   // A download path ends in exactly one separator, unless it is nothing else.
@@ -247,8 +244,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
     std::string agent, tool, rules;
   } rows[] = {
       {"1.0.0", "tool 2.1", "tool.exe=2.1/1;driver.bin=7.0/0;"},
-      {"1.0.0", "tool 1.5", "tool.exe=2.1/1;driver.bin=/0;"},  // skipped, as can_skip allows
-      {"0.9.7", "tool 2.1", error + "all sections has false conditions for file: tool.exe"},
+      {"1.0.0", "tool 1.5", "tool.exe=2.1/1;driver.bin=/0;"},  // a decorated hash in the table; skipped
       {"1.0.0", "tool 3", error + "parameter not found: 'hash." + hash_of(dir_.write("v3", "tool 3")) +
                               "', in section: [" + T + ".hash_to_version.tool]"},
   };
@@ -263,16 +259,26 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   EXPECT_EQ(tool.entries.front().uri, "http://h/r/tool.exe?id=5");
 }
 
+// The hash type of a hash_to_version section counts for version_of. by the
+// variable's name, and for hash_of. by the file's path.
 TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
+  const std::string tool = dir_.write("tool", "t"), f = "[" + T + ".file=f]\nt=" + tool;
+  const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
+                    by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
-      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "1"},
-      {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "v$(a)"},  // dies out, no error
-      {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "lg"},
-      {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "found"},
-      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "http://h/r/|id=5|f"},
+      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1/0;"},
+      {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
+      {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
+      {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
+      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "f=http://h/r/|id=5|f/0;"},
+      {by_path + "SHA256\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool, "#SHA256:") + "/0;"},
+      {by_name + "MD4\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool) + "/0;"},
+      {by_path + "MD4\n" + f + "\nupdate_version=$(hash_of.t)",
+       error + "Unknown hash type: MD4, section: " + T + ".hash_to_version." + tool},
+      {by_name + "MD4\n" + f + "\nupdate_version=$(version_of.t)",
+       error + "Unknown hash type: MD4, section: " + T + ".hash_to_version.t, file: " + tool},
   };
-  for (const auto& [text, version] : rows)
-    EXPECT_EQ(load(text + "\ndownload_file=$(null)\nexec=x\n"), "f=" + version + "/0;") << text;
+  for (const auto& [text, rules] : rows) EXPECT_EQ(load(text + "\ndownload_file=$(null)\nexec=x\n"), rules) << text;
 }
 
 TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
@@ -282,12 +288,12 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.version_of.agent=1.0.0", "f=1/0;"},
       {"apply_if.version_of.agent=1.0", "f=/0;"},  // no range: text equality
       {"f=x\napply_if.version_of.f=4.0-4.5", "f=1/0;"},  // the file's own version record
-      {"apply_if.hash_of.tool=" + digest, "f=1/0;"},
       {"apply_if.hash_of.tool=" + hash_of(tool, "#SHA256:"), "f=1/0;"},  // computed in the type it names
       {"apply_if.exec=false", "f=/0;"},
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
       {"apply_if.exec=$(e)\ne=", error + "empty value in condition: apply_if.exec, in section: " + T + ".file=f"},
+      {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},
   };
   for (const auto& [condition, rules] : rows)
     EXPECT_EQ(load("global.tool=" + tool + "\ncan_skip.f=1\n[" + T + ".hash_to_version.tool]\nhash." +
@@ -295,6 +301,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
                    "\nupdate_version=1\ndownload_file=$(null)\nexec=x\n"),
               rules)
         << condition;
+  EXPECT_EQ(hashes_.entries[tool], string_list_t{digest});  // the run's cache hashed it once for both
 }
 
 TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) {
@@ -309,6 +316,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {"can_skip.f=YES\n" + no, "f=/0;"},
       {"can_skip.f=2\n" + no, error + "all sections has false conditions for file: f"},
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
+      {"[" + T + ".file=a" + std::string(1, '\0') + "b]\n", error + "control character in file name: a\\x00b"},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);

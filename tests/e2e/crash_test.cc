@@ -135,17 +135,15 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
   const std::string final_path = update_ + "big.bin", temporary = final_path + ".download.2.0",
                     marker = update_ + "installing";
 
-  int attempts = 0, kills = 0, in_download = 0, after_save = 0, in_install = 0, cut_off = 0, reported = 0;
+  int attempts = 0, kills = 0, cut_off = 0;
   // Counts a kill of a host that still ran, then starts the host on the
   // status alone, as the service's next life would.
-  auto restart_check = [&](bool killed, int& phase) {
+  auto restart_check = [&](bool killed) {
     kills += killed;
-    phase += killed;
     const bool cut = saved_cut_off(kills);
     const bool says = run({"status"}).find("update_msg=Process was not correctly terminated\n") != std::string::npos;
     EXPECT_EQ(says, cut) << "after kill " << kills << ":\n" << read_file(status_);
     cut_off += cut;
-    reported += says && cut;
   };
   // The download, until the file has its final name: kills at a random
   // moment of the transfer alternate with kills right after a status save.
@@ -159,7 +157,7 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
       wait_for(pid, [&] { return stamp(temporary) != before; });
       const auto end = std::chrono::steady_clock::now() + between(0, 600);
       wait_for(pid, [&] { return std::chrono::steady_clock::now() > end || std::filesystem::exists(final_path); });
-      restart_check(kill_host(pid), in_download);
+      restart_check(kill_host(pid));
     } else {
       std::string seen = before;
       for (int saves = std::uniform_int_distribution<>(1, 2)(random); saves > 0; --saves)
@@ -167,7 +165,7 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
           const std::string now = stamp(status_);
           return now != seen && !(seen = now).empty();
         });
-      restart_check(kill_host(pid), after_save);
+      restart_check(kill_host(pid));
     }
   }
   // The install command, as many times as it takes to reach 20 kills.
@@ -178,14 +176,13 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
     std::this_thread::sleep_for(between(0, 400));
     const bool killed = kill_host(pid);
     kill(-std::stoi(read_file(marker)), SIGKILL);
-    restart_check(killed, in_install);
+    restart_check(killed);
   }
 
   std::filesystem::remove(marker);
   const std::string installed = run({"--answer", "yes", "install", uri_});
   EXPECT_EQ(installed, "update_state=uptodate\n") << read_file(status_);
   for (const auto& [name, bytes] : files) EXPECT_TRUE(read_file(root_ + "/bin/" + name) == bytes) << name;
-  EXPECT_EQ(run({"check", uri_}), "update_state=uptodate\n");
 
   // Every answer ends at the latest at its next write to a client that is gone.
   uint64_t big_served = 0;
@@ -194,11 +191,6 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
   // In flight at a kill: what the stream had not flushed, what the sockets
   // held, and what the server wrote before it saw the client gone.
   const uint64_t bound = big_size + kills * (rollback + fsync_size + 4 * chunk);
-  std::printf("crash test: %d kills: %d in the download, %d after a status save, %d in the install command\n",
-              kills, in_download, after_save, in_install);
-  std::printf("crash test: %d of %d starts after a cut-off run said so; %llu bytes served of %zu, bound %llu\n",
-              reported, cut_off, static_cast<unsigned long long>(big_served), big_size,
-              static_cast<unsigned long long>(bound));
   EXPECT_GE(kills, 20);
   EXPECT_GT(cut_off, 0);
   EXPECT_LE(big_served, bound);

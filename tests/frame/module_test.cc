@@ -3,6 +3,7 @@
 // pending slot that replaces, stop during a run) and the listener's codes.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 
 #include "frame/frame_fixture.h"
@@ -25,6 +26,7 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
       {"downloaded with error", {{4, "e"}}, true, false},
       {"install cut off", {{5, ""}}, true, false},
       {"failed download with its message", {{1, ""}, {3, "e"}}, true, true},
+      {"failed check and install with their message", {{2, "e"}, {5, "e"}}, true, true},
       {"error but no message", {{2, "e"}}, false, false},
       {"state read as 0", {{0, ""}}, true, false},
   };
@@ -40,9 +42,8 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
   }
 }
 
-// Nothing on disk; a description it cannot use, whose errors must not reach
-// a file; only a description to seed the status from (a cut-off run's file
-// is the crash test's).
+// Nothing on disk; a description it cannot use, whose errors must not reach a file; only a description to
+// seed the status from; a status the version records overtook, which the file must learn; a cut-off run.
 TEST_F(StartupTest, AnswersWhatItFindsOnDisk) {
   const std::string seed = "[corvid]\nversion=" + productVersion() + "\nfile=a.bin\nhash=#SHA256:00\nexec=x\n";
   const struct {
@@ -58,25 +59,38 @@ TEST_F(StartupTest, AnswersWhatItFindsOnDisk) {
        {">No update status</message>", "uri=\"localhost\"", "missing required field 'hash'"}, false},
       {{{"corvid_update.ini", seed}}, "update_state=uptodate|untouched",
        {"<update-status result=\"uptodate\"", "\"a.bin\" state=\"uptodate\""}, true},
+      {{{"corvid_update_status.xml", "<update-status><file name=\"a\" state=\"downloaded\" update_version=\"2\"/>"
+                                     "</update-status>"}, {"a.version", "2\n"}},
+       "update_state=uptodate|untouched", {"\"a\" state=\"uptodate\""}, true},
+      {{{"corvid_update_status.xml", "<update-status><file name=\"b\" state=\"download\" update_version=\"2\" "
+                                     "download_size=\"5\" total_size=\"9\"/></update-status>"}},
+       "update_state=error|update_msg=Process was not correctly terminated",
+       {"result=\"error\" download_size=\"5\" total_size=\"9\""}, false},
   };
   const std::string path = update_dir_ + "/corvid_update_status.xml";
   for (const auto& row : rows) {
     TearDown();
     std::filesystem::remove_all(update_dir_);
     SetUp();
+    std::string written;  // the status file as the start found it
     for (const auto& [name, text] : row.files) {
       std::filesystem::create_directories(update_dir_);
       fixtures::write_file(update_dir_ + "/" + name, text);
+      if (name == "corvid_update_status.xml") written = text;
     }
+    const uint64_t started = std::time(nullptr);
     start_module();
     const auto [state, message] = status_line(true);
     EXPECT_EQ(state + "|" + message, row.answer);
     std::string xml;
     get_status_xml(xml);
     for (const auto& part : row.xml) EXPECT_NE(xml.find(part), std::string::npos) << part << " in " << xml;
-    EXPECT_EQ(read_file(path), row.saved ? "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + xml : "") << row.answer;
+    const std::string saved = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + xml;
+    EXPECT_EQ(read_file(path), row.saved ? saved : written) << row.answer;
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     EXPECT_TRUE(status.save_enabled && status.current_message == nullptr);
+    EXPECT_EQ(status.client_visible, status.result == status_error) << row.answer;
+    EXPECT_GE(status.revision >> 32, started);  // a client's revision of an earlier life is older
   }
 }
 

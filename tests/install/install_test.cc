@@ -3,6 +3,7 @@
 // to the client byte by byte; the process runner against real programs.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "agent/agent.h"
@@ -10,6 +11,7 @@
 #include "install/install.h"
 #include "install/notify.h"
 #include "install/path_vars.h"
+#include "platform/process.h"
 #include "runner/run_exec.h"
 #include "status/status_fixture.h"
 
@@ -176,6 +178,11 @@ TEST_F(RunExecTest, FailuresAreErrorsUnlessQuietAndNameTheirCause) {
     EXPECT_EQ(logged(row.text), 1u) << row.text;
   }
   EXPECT_TRUE(run_exec("true", 0) && logged("exec() done: true") == 1u);
+  // Without a thread to spare, a command not waited for is waited for here.
+  platform::refuse_thread_start() = true;
+  EXPECT_TRUE(run_exec("sleep 0.1", false, 0) && logged("exec() no wait: sleep 0.1") == 1u);
+  platform::refuse_thread_start() = false;
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // no child left, not even a zombie
 }
 
 TEST_F(RunExecTest, SplitsLikeAShellAndHandsTheChildNothingOfOurs) {

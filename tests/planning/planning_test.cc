@@ -1,16 +1,15 @@
-// Planning: version and hash facts, the per-file decision by the state a
-// file comes from and what changed in its rule, and several sources in one
-// run against a real server.
+// Planning: version and hash facts, the per-file decision by the state a file comes
+// from and what changed in its rule, and the merge of sources and what the status keeps.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "facts/hash_cache.h"
 #include "facts/versions.h"
 #include "fixtures/log_records.h"
-#include "fixtures/nginx_server.h"
 #include "fixtures/scratch_dir.h"
-#include "frame/frame_fixture.h"
+#include "status/status_fixture.h"
 #include "frame/module.h"
+#include "planning/merge.h"
 #include "planning/plan_rule.h"
 #include "planning/reconcile.h"
 #include "platform/hash_file.h"
@@ -37,6 +36,7 @@ TEST(VersionOrder, LessAndEqualByTheTable) {
       {"", "0", true, false},          // unknown is below everything
       {"", "", false, true},           {"!1.2", "1.3", true, false}, {"!1.0", "~1.0", false, true},
       {"!!1", "1", true, false},  // only one mark is dropped
+      {"!", "", false, false},    // a mark alone is no empty version
   };
   for (const auto& r : rows) {
     EXPECT_EQ(version_less(r.a, r.b), r.less) << r.a << " < " << r.b;
@@ -60,13 +60,14 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
       {"\n\n 1.2.3 \n", "1.2.3"}, {"  # note\n3\n4\n", "3"}, {"\r\n\t1.0\r\n", "1.0"}, {"6 # kept\n", "6 # kept"},
       {"\n  \n# only notes\n", ""},
   };
+  fixtures::log_records_t logs;
   for (const auto& [content, expected] : rows) {
     dir.write("tool.exe.version", content);
     std::string version = "old";
-    current_version_of(dir.path(), "tool.exe", version, false);
+    current_version_of(dir.path(), "tool.exe", version, true);
     EXPECT_EQ(version, expected) << content;
   }
-  fixtures::log_records_t logs;
+  EXPECT_EQ(logs.all("[tool.exe] current version not specified in file: " + dir.path("tool.exe.version")).size(), 1u);
   std::string version = "old";
   current_version_of(dir.path(), "missing", version, false);
   current_version_of(dir.path(), "missing", version, true);
@@ -157,96 +158,94 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
   }
 }
 
-// A rule whose file needs no download to be told apart: no hash, no size.
-std::string ini_with(int index, const std::string& file) {
-  const std::string n = std::to_string(index);
-  return "[corvid]\nversion." + n + "=2\nfile." + n + "=" + file + "\nexec." + n + "=true\n";
-}
-
-class SourcesTest : public testing::ModuleTest {
- protected:
-  void SetUp() override {
-    ModuleTest::SetUp();
-    LPARAMS::server::set_verify_downloads(false);
-    std::string error;
-    ASSERT_TRUE(server_.start(error)) << error;
-    start_module();
-  }
-  std::string publish(const std::string& dir, const std::string& ini) {
-    EXPECT_TRUE(server_.put_file(dir + "/update.ini", ini));
-    return server_.url("/" + dir + "/");
-  }
-  std::string names_and_states() {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    std::string text;
-    for (const auto& f : status.files)
-      text += f.name + ":" + file_state_text(f.state) + (f.available ? "" : "(unavailable)") + " ";
-    return text;
-  }
-  std::string message_texts() {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    std::string text;
-    for (const auto& m : status.messages) text += "[" + m.text + "]";
-    return text;
-  }
-
-  fixtures::nginx_server_t server_;
-};
-
-TEST_F(SourcesTest, ACopyIsDroppedQuietlyAndAClaimedFileRefusesItsSource) {
-  const std::string a = publish("a", ini_with(1, "x.bin"));
-  const std::string copy = publish("copy", ini_with(1, "x.bin"));
-  const std::string rival = publish("rival", ini_with(1, "x.bin") + ini_with(2, "y.bin").substr(9));
-  run_and_wait(Command::check, {a, copy});
-  EXPECT_EQ(message_texts(), "[][][]");
-  EXPECT_EQ(logged("skipped, because same was obtained from: " + a), 1u);
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
-
-  run_and_wait(Command::check, {a, rival});
-  EXPECT_EQ(message_texts(), "[][][[x.bin] Duplicated file name in update.ini from: " + rival +
-                                 ", also present in update.ini from: " + a + "]");
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate ");
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  EXPECT_EQ(status.result, status_error);
-}
-
-TEST_F(SourcesTest, AWithdrawnFileGoesOnlyWhenEverySourceLoaded) {
-  const std::string a = publish("a", ini_with(1, "x.bin"));
-  const std::string b = publish("b", ini_with(1, "y.bin"));
-  run_and_wait(Command::check, {a, b});
-  ASSERT_EQ(names_and_states(), "x.bin:outofdate y.bin:outofdate ");
-  const std::string downloaded = scratch_.write("update/x.bin", "an earlier download");
-
-  publish("a", ini_with(1, "z.bin"));
-  run_and_wait(Command::check, {a, server_.url("/gone/")});
-  EXPECT_EQ(names_and_states(), "x.bin:outofdate(unavailable) y.bin:outofdate(unavailable) z.bin:outofdate ");
-  EXPECT_EQ(access(downloaded.c_str(), F_OK), 0);
-
-  run_and_wait(Command::check, {a, b});
-  EXPECT_EQ(names_and_states(), "y.bin:outofdate z.bin:outofdate ");
-  EXPECT_NE(access(downloaded.c_str(), F_OK), 0);
-  EXPECT_EQ(logged("[x.bin] file removed from update, current version: , state: outofdate"), 1u);
-}
-
-// The merged sources' declarations replace the kept hashes, carrying their
-// values over; an undeclared one goes only when every source was merged.
-TEST(Reconcile, KeepsUndeclaredHashesWhileASourceIsMissing) {
+// Declarations replace the kept hashes, carrying values over; what no source names goes only when every
+// source was merged. A file its conditions let pass stays as it was, unplanned, and none is made for it.
+TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
   for (const bool all_merged : {false, true}) {
+    fixtures::scratch_dir_t dir;
     status_t s;
     s.save_enabled = false;
     s.hashes.store("kept", "#T:1");
     s.hashes.store("dropped", "#T:2");
+    s.file_entry("passed").state = file_installed;
+    s.file_entry("withdrawn").update_version = "1";
+    dir.write("withdrawn", "whole"), dir.write("withdrawn.download.1", "partial");
     std::list<update_ini_t> sources(2);
     sources.front().merged = true;
     sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
+    auto& rules = sources.front().rules;
+    rules.emplace_back().file_name = "passed";
+    rules.emplace_back().file_name = "unknown";
+    rules.emplace_back().update_version = "2";
+    rules.back().entries.emplace_back().name = "f";
     sources.back().merged = all_merged;
     plans_t plans;
-    reconcile_status(sources, s, plans, "/nonexistent/");
+    reconcile_status(sources, s, plans, dir.path());
     std::string kept;
     for (const auto& [file, list] : s.hashes.entries)
       for (const auto& hash : list) kept += file + "=" + hash + " ";
-    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: ") << all_merged;
+    for (const auto& f : s.files) kept += f.name + ":" + file_state_text(f.state) + (f.skipped ? "(skipped) " : " ");
+    EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: " +
+                        "passed:installed(skipped) " + (all_merged ? "" : "withdrawn: ") + "f: ")
+        << all_merged;
+    EXPECT_TRUE(plans.size() == 1 && plans.front() == &rules.back());
+    // A withdrawn file goes from the disk too, the whole one and its download.
+    EXPECT_EQ(access(dir.path("withdrawn").c_str(), F_OK) + access(dir.path("withdrawn.download.1").c_str(), F_OK),
+              all_merged ? -2 : 0);
   }
+}
+
+using MergeSource = testing::StatusTest;
+
+// A source is merged when no merged source claims its names or brings the
+// agent, and its exec_before_update succeeds; a rule without entries claims nothing.
+TEST_F(MergeSource, RefusesAClaimedNameASecondAgentRuleAndAFailingCommand) {
+  std::list<update_ini_t> sources(3);
+  auto source = sources.begin();
+  source->uri = "a", source->merged = true;
+  source->rules.emplace_back().is_main = true;
+  source->rules.back().entries.emplace_back().name = "x";
+  source->rules.emplace_back().file_name = "setup";
+  (++source)->uri = "u";
+  source->rules.emplace_back().entries.emplace_back().name = "y";
+  update_ini_t& ini = *++source;
+  ini.uri = "b";
+  const std::string claimed = "[x] Duplicated file name in update.ini from: b, also present in update.ini from: a";
+  // main, an entry's name or a rule's file name (neither: no rule), commands, the error ("": merged)
+  const std::tuple<bool, std::string, std::string, string_list_t, std::string> rows[] = {
+      {false, "y", "", {}, ""},          {false, "setup", "", {}, ""},
+      {false, "x", "", {}, claimed},     {false, "", "x", {}, claimed},
+      {true, "x", "", {}, claimed},  // the file clash comes first
+      {true, "z", "", {}, "Duplicated agent rule in update.ini from: b, also present in update.ini from: a"},
+      {false, "", "", {"true", "false"}, "exec() exit: false, status: 1"},
+  };
+  for (const auto& [main, entry, file_name, exec, error] : rows) {
+    quiet();
+    ini.rules.clear();
+    if (!entry.empty() || !file_name.empty()) {
+      file_rule_t& rule = ini.rules.emplace_back();
+      rule.is_main = main, rule.file_name = file_name;
+      if (!entry.empty()) rule.entries.emplace_back().name = entry;
+    }
+    ini.exec_before_update = exec;
+    EXPECT_EQ(merge_source(ini, sources), error.empty()) << entry << file_name;
+    EXPECT_EQ(reported(), error) << entry << file_name;
+  }
+  // A description an earlier source gave already is dropped quietly.
+  quiet();
+  std::list<update_ini_t> fetched(1);
+  fetched.front().uri = "a";
+  dir_.write("corvid_update.ini", "[corvid]\n");
+  ASSERT_TRUE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  fetched.resize(2);
+  dir_.write("corvid_update.ini", "[corvid]\nversion=2\n");
+  EXPECT_TRUE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  fetched.resize(3);
+  dir_.write("corvid_update.ini", "[corvid]\n");
+  EXPECT_FALSE(check_source_file(fetched, dir_.path(), "corvid_update.ini"));
+  EXPECT_EQ(fetched.size(), 2u);
+  EXPECT_EQ(logged("skipped, because same was obtained from: a"), 1u);
+  EXPECT_EQ(reported(), "");
 }
 
 }  // namespace

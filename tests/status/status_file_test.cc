@@ -11,16 +11,16 @@ namespace {
 
 const char declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
-// A status with every field and every byte that needs escaping: attributes
-// escape the quote as well, sizes and times appear only when set, unknown
-// codes read as undefined, an empty message leaves no trace.
+// A status with every field and every byte that needs escaping, or a reference (what a reader would change)
+// or U+FFFD (what XML cannot carry). Sizes and times appear only when set, unknown codes read as undefined,
+// an empty message leaves no trace.
 void fill_all() {
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   status.result = status_error, status.cmd = "install manual", status.cmdid = "7";
   status.start_time = "2026-01-02T03:04:05";
   status.messages = {{"", "", 0}, {"u\"<&>", "t\"<&>\xd0\xb6", status_install}, {"x", "bad", 42}};
-  status.files.push_back({"n\"a<m>e&", 1, file_install, "1.0", "2.0", "#H:00", 0, 18446744073709551ull, 7,
-                          "x/a?b=1&c=2", "e\"<&>", "2024-01-01T00:00:00", "2024-01-02T00:00:00", true});
+  status.files.push_back({"n\"a<m>e&\r\t\n", 1, file_install, "1.0\r\x01", "2.0", "#H:00", 0,
+                          18446744073709551ull, 7, "x/a?b=1&c=2", "e\"<&>\r\n\t\x1f", "2024-01-01T00:00:00", "2024-01-02T00:00:00", true});
   status.file_entry("undecided");  // state 0, not available: written all the same
   status.file_entry("installed").state = file_installed;
   status.hashes.entries["k\"&"] = {"#T:", "#T:h<\">"};
@@ -31,11 +31,11 @@ const char all_text[] =
     "cmdid=\"7\" start_time=\"2026-01-02T03:04:05\">\n"
     "<message uri=\"u&quot;&lt;&amp;&gt;\" state=\"install\">t\"&lt;&amp;&gt;\xd0\xb6</message>\n"
     "<message uri=\"x\" state=\"undefined\">bad</message>\n"
-    "<file name=\"n&quot;a&lt;m&gt;e&amp;\" state=\"install\"\n"
-    "\tcurrent_version=\"1.0\"\n\tupdate_version=\"2.0\"\n\tdownload_hash=\"#H:00\"\n"
+    "<file name=\"n&quot;a&lt;m&gt;e&amp;&#13;&#9;&#10;\" state=\"install\"\n"
+    "\tcurrent_version=\"1.0&#13;\xEF\xBF\xBD\"\n\tupdate_version=\"2.0\"\n\tdownload_hash=\"#H:00\"\n"
     "\tdownload_size=\"18446744073709551\"\n\ttotal_size=\"7\"\n\turi=\"x/a?b=1&amp;c=2\"\n\ttype=\"agent\"\n"
     "\tinstalled_time=\"2024-01-01T00:00:00\"\n\tuptodate_time=\"2024-01-02T00:00:00\"\n"
-    ">e\"&lt;&amp;&gt;</file>\n"
+    ">e\"&lt;&amp;&gt;&#13;\n\t\xEF\xBF\xBD</file>\n"
     "<file name=\"undecided\" state=\"\"\n/>\n"
     "<file name=\"installed\" state=\"installed\"\n/>\n"
     "<hash file=\"k&quot;&amp;\" hash=\"#T:\" />\n"
@@ -96,6 +96,7 @@ TEST_F(StatusTest, ReaderRefusesBadSyntaxWhollyAndAnUnusableFieldAlone) {
   const std::pair<std::string, std::string> rows[] = {
       {"", corrupted}, {head + "<file name=\"a\" state=\"download\"", corrupted},
       {"<status cmd=\"check\"/>", corrupted}, {head + "</update-status><update-status/>", corrupted},
+      {head + "</update-status>\ntrailing\n", corrupted}, {head + "</update-status><![CDATA[x]]>", corrupted},
       {head + "<file name=\"a\" state=\"downloaded\" download_size=\"-1\" total_size=\" +7\"/>"
               "<file name=\"b\" download_size=\"12x\" total_size=\"9223372036854775808\"/>"
               "<file name=\"c\" total_size=\"9223372036854775807\" download_size=\"\"/></update-status>",
@@ -103,8 +104,9 @@ TEST_F(StatusTest, ReaderRefusesBadSyntaxWhollyAndAnUnusableFieldAlone) {
       {head + "<message state=\"error\">e1</message><message uri=\"u&amp;1\" state=\"install\">e2</message>"
               "<message>e3</message><message state=\"download\"/><file name=\"a\" state=\"Installed\" type=\"Agent\"/>"
               "<file name=\"a\" state=\"uptodate\" type=\"agent\">x &lt; y</file><hash file=\"a\" hash=\"abcd\"/>"
-              "<hash file=\"a\" hash=\"#T:ab\"/><hash hash=\"#T:cd\"/><other/></update-status>",
-       "check|7 m:0::e1 m:3:u&1:e2 m:0::e3 m:2:: f:a:0:0:0:0: f:a:1:0:0:1:x < y h:a=#T:ab"},
+              "<hash file=\"a\" hash=\"#T:ab\"/><hash file=\"a\" hash=\"#T:\"/><hash hash=\"#T:cd\"/><other/>"
+              "</update-status>",  // a placeholder overwrites a value of its type
+       "check|7 m:0::e1 m:3:u&1:e2 m:0::e3 m:2:: f:a:0:0:0:0: f:a:1:0:0:1:x < y h:a=#T:"},
   };
   for (const auto& [text, expected] : rows) {
     status.reset();
@@ -112,7 +114,7 @@ TEST_F(StatusTest, ReaderRefusesBadSyntaxWhollyAndAnUnusableFieldAlone) {
     EXPECT_TRUE(status.load());
     EXPECT_EQ(read_back(), expected) << text;
   }
-  EXPECT_EQ(log_.all(", xml syntax error: ").size(), 4u) << log_text();
+  EXPECT_EQ(log_.all(", xml syntax error: ").size(), 6u) << log_text();
 }
 
 TEST_F(StatusTest, WhatIsSavedReadsBackWithEveryField) {

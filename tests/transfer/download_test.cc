@@ -96,6 +96,7 @@ void write_partial(const std::string& path, const std::string& source, size_t si
   write_file(path, source.substr(0, size - damaged) + std::string(damaged, 'x'));
 }
 
+// A rollback that cannot cut starts from byte 0; the status counts the whole file, resumed or not.
 TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   ASSERT_TRUE(start_nginx());
   const struct {
@@ -103,14 +104,18 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
     uint64_t rollback;
     std::string range;
     size_t truncated;  // the size a "File truncated" line tells, or 0
-  } rows[] = {{1000, 0, "bytes=1000-", 0}, {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
-              {1000, 1000, "", 0},         {1000, 5000, "", 0},            {0, 100, "", 0}};
+    bool cut_fails = false;
+  } rows[] = {{1000, 0, "bytes=1000-", 0},    {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
+              {1000, 1000, "", 0},            {1000, 5000, "", 0},            {0, 100, "", 0},
+              {1000, 100, "", 0, true}};
   size_t served = 0, truncations = 0;
+  const file_status_t& entry = make_current_file("f.bin");
   for (const auto& row : rows) {
     std::filesystem::remove(target);
     if (row.partial != 0) write_partial(target, source, row.partial, std::min<uint64_t>(row.rollback, row.partial));
     params_t params = quick_params();
     params.download_rollback_size = row.rollback;
+    platform::file_faults().fail_truncate = row.cut_fails;
     ASSERT_TRUE(download_file(handle, nginx.url("/f.bin"), target, params, true));
     EXPECT_TRUE(read_file(target) == source);
     auto requests = nginx.requests(++served);
@@ -119,46 +124,55 @@ TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
     EXPECT_EQ(logged("File truncated"), truncations += row.truncated != 0);
     EXPECT_EQ(logged("File truncated: " + target + ", size: 1000 -> " + std::to_string(row.truncated)),
               row.truncated != 0);
-  }
-}
-
-// A server that ignores the range is asked again for the whole file; that
-// restart uses no attempt, and resume stays off for the rest of the call.
-TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
-  write_partial(target, source, 1000, 0);
-  ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
-  const std::string url = server.url();
-  ASSERT_TRUE(download_file(handle, url, target, quick_params(1), true));
-  EXPECT_TRUE(read_file(target) == source);
-  EXPECT_EQ(ranges_of(server.requests()), "[bytes=1000- 200][- 200][- 200]");
-  EXPECT_EQ(logged("Download resume failed: " + url + " -> Requested range was not delivered"), 1u);
-}
-
-// Every attempt fails alike and the target keeps what it had: nothing for an
-// error page, and a whole file that asks for a range at its end (416).
-TEST_F(Download, HttpErrorUsesEveryRetryAndKeepsTheTarget) {
-  ASSERT_TRUE(start_nginx());
-  const struct {
-    const char* name;
-    int retry;
-    bool whole;
-    std::string ranges, reason;
-  } rows[] = {{"/missing.bin", 2, false, "[- 404][- 404][- 404]", "404"},
-              {"/f.bin", 1, true, "[bytes=3000- 416][bytes=3000- 416]", "416"}};
-  size_t served = 0;
-  for (const auto& row : rows) {
-    quiet();
-    file_status_t& entry = make_current_file("f.bin");
-    std::filesystem::remove(target);
-    if (row.whole) write_file(target, source);
-    EXPECT_FALSE(download_file(handle, nginx.url(row.name), target, quick_params(row.retry), true));
-    auto requests = nginx.requests(served += row.retry + 1);
-    ASSERT_EQ(requests.size(), served);
-    EXPECT_EQ(ranges_of({requests.end() - row.retry - 1, requests.end()}), row.ranges);
-    EXPECT_EQ(read_file(target), row.whole ? source : "");
+    EXPECT_EQ(logged("can't truncate file: " + target + ", size: 1000 -> 900"), row.cut_fails);
     std::lock_guard<std::recursive_mutex> hold(status.lock);
-    EXPECT_EQ(entry.error, "Download error: " + nginx.url(row.name) + " -> The requested URL returned error: " + row.reason);
+    EXPECT_EQ(entry.download_size, source.size()) << row.partial << " bytes, rollback " << row.rollback;
   }
+}
+
+// A server that ignores the range or refuses one at the end of its file (416), or a local file shorter than
+// the partial one, gives the whole file anew; the restart uses no attempt, and resume stays off after it.
+TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
+  ASSERT_TRUE(serve({"full", "cut&bytes=500"}));
+  const std::string url = server.url(), local = "file://" + dir_.write("local", source);
+  const std::tuple<std::string, size_t, std::string, std::string> rows[] = {
+      {url, 1000, "[bytes=1000- 200][- 200][- 200]", "Requested range was not delivered"},
+      {url, 3000, "[bytes=3000- 416][- 200]", "HTTP response code said error : The requested URL returned error: 416"},
+      {local, 3004, "", "Couldn't resume download"}};
+  size_t served = 0;
+  for (const auto& [from, partial, ranges, reason] : rows) {
+    write_partial(target, source, partial, partial - std::min(partial, source.size()));
+    ASSERT_TRUE(download_file(handle, from, target, quick_params(1), true));
+    EXPECT_TRUE(read_file(target) == source);
+    const auto requests = server.requests();
+    EXPECT_EQ(ranges_of({requests.begin() + served, requests.end()}), ranges);
+    served = requests.size();
+    EXPECT_EQ(logged("Download resume failed: " + from + " -> " + reason), 1u);
+  }
+}
+
+// Every attempt fails alike, keeping nothing; a target that cannot be opened fails at once.
+TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
+  ASSERT_TRUE(start_nginx());
+  const std::string missing = nginx.url("/missing.bin"), url = nginx.url("/f.bin");
+  const std::tuple<std::string, std::string, bool, size_t, std::string> rows[] = {
+      {missing, target, false, 3, "Download error: " + missing + " -> The requested URL returned error: 404"},
+      {url, target, true, 0, "Download error: " + url + " -> can't open file for writing: " + target},
+      {url, "/dev/full", false, 3, "Download error: " + url + " -> Failed writing received data to disk/application"},
+  };
+  size_t served = 0;
+  for (const auto& [from, path, open_fails, requests, error] : rows) {
+    quiet();
+    const file_status_t& entry = make_current_file("f.bin");
+    platform::file_faults().fail_open_write = open_fails;
+    EXPECT_FALSE(download_file(handle, from, path, quick_params(2), true));
+    platform::file_faults().fail_open_write = false;
+    EXPECT_EQ(nginx.requests(served += requests).size(), served);
+    EXPECT_EQ(read_file(target), "");
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    EXPECT_EQ(entry.error, error);
+  }
+  EXPECT_EQ(logged("can't open file for writing"), 1u);  // no further attempt
 }
 
 // The progress callback sees the stop; no further attempt follows although
@@ -195,6 +209,8 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
   ASSERT_NE(file, nullptr);
   std::setvbuf(file, nullptr, _IOFBF, 1 << 16);
   flush_context_t context{file, 0, 1000};
+  file_status_t& entry = make_current_file("f.bin");
+  entry.total_size = 7;  // a server that tells no size leaves it
   const struct {
     double dlnow;
     bool legacy, flushed;
@@ -212,6 +228,7 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
     EXPECT_EQ(disk_size(path), row.flushed ? written : before);
   }
   std::fclose(file);
+  EXPECT_TRUE(entry.download_size == 4500 && entry.total_size == 7) << entry.download_size << " " << entry.total_size;
 }
 
 TEST(UriJoin, KeepsTheQueryAtTheEnd) {
@@ -231,8 +248,8 @@ TEST(UriJoin, KeepsTheQueryAtTheEnd) {
 
 using FetchUpdateIni = transfer_test_t;
 
-// Each source is fetched whole over the one local copy, and a failing source
-// leaves its error in its own message; no URI touches neither file nor network.
+// Each source is fetched whole over the one local copy; no URI touches
+// neither file nor network, and leaves its error in its own message.
 TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
   ASSERT_TRUE(start_nginx());
   const std::string first(5000, 'a');
@@ -243,8 +260,6 @@ TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
   const std::tuple<std::string, std::string, std::string> sources[] = {
       {nginx.url("/one?k=1"), first, ""},
       {"", first, no_uri},
-      {nginx.url("/missing/"), "", "Download error: " + nginx.url("/missing/update.ini") +
-                                       " -> The requested URL returned error: 404"},  // the error page is not kept
       {nginx.url("/two/"), "[short]\n", ""},
   };
   for (const auto& [uri, copy, error] : sources) {
@@ -254,8 +269,8 @@ TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
     EXPECT_EQ(reported(), error);
   }
   std::string asked;
-  for (const auto& r : nginx.requests(3)) asked += "[" + r.target + " " + r.range + "]";
-  EXPECT_EQ(asked, "[/one/update.ini?k=1 ][/missing/update.ini ][/two/update.ini ]");
+  for (const auto& r : nginx.requests(2)) asked += "[" + r.target + " " + r.range + "]";
+  EXPECT_EQ(asked, "[/one/update.ini?k=1 ][/two/update.ini ]");
 }
 
 class DownloadStage : public transfer_test_t {
@@ -292,21 +307,30 @@ class DownloadStage : public transfer_test_t {
   update_ini_t ini;
 };
 
-// A file that cannot be written to the disk keeps its temporary name; the
-// next run takes it whole, without a request.
-TEST_F(DownloadStage, FileThatCannotReachTheDiskIsNotRenamedAndIsTakenNextTime) {
+// A file that cannot reach the disk or its final name keeps its temporary
+// name; the next run takes it by its size, or its hash, without a request.
+TEST_F(DownloadStage, FileThatCannotReachItsPlaceIsTakenNextTime) {
   ASSERT_TRUE(start_nginx());
-  file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
-  platform::file_faults().fail_sync = true;
-  run(rule);
-  EXPECT_EQ(entry("f.bin").state, file_download);
-  EXPECT_EQ(entry("f.bin").error, "Failed to write downloaded file to disk: " + target);
-  EXPECT_EQ(disk_size(dir_.path("f.bin")), -1);
-  platform::file_faults().fail_sync = false;
-  run(rule);
-  EXPECT_EQ(entry("f.bin").state, file_downloaded);
-  EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
-  EXPECT_EQ(nginx.requests(1).size(), 1u);
+  const std::tuple<std::atomic<bool> platform::file_faults_t::*, std::string, uint64_t> rows[] = {
+      {&platform::file_faults_t::fail_sync, "Failed to write downloaded file to disk: " + target, 3000},
+      {&platform::file_faults_t::fail_replace, "Failed to rename downloaded file to: " + dir_.path("f.bin"), 0}};
+  size_t served = 0;
+  for (const auto& [fault, error, size] : rows) {
+    SetUp();
+    std::filesystem::remove(dir_.path("f.bin"));
+    file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
+    rule.entries.front().size = size;
+    platform::file_faults().*fault = true;
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_download);
+    EXPECT_EQ(entry("f.bin").error, error);
+    EXPECT_EQ(disk_size(dir_.path("f.bin")), -1);
+    platform::file_faults().*fault = false;
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_downloaded);
+    EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
+    EXPECT_EQ(nginx.requests(++served).size(), served);
+  }
 }
 
 TEST_F(DownloadStage, VerifiesInTheTypeTheDescriptionNames) {
@@ -350,6 +374,13 @@ TEST_F(DownloadStage, CommandsGoFirstAndAnOversizedTemporaryFileIsRefetched) {
   EXPECT_EQ(ranges_of(nginx.requests(2)), "[- 200][- 200]");
   run(rule);
   EXPECT_EQ(read_file(count), "ran\n");
+  // A command that fails leaves the file unfetched, in state 3.
+  SetUp();
+  file_rule_t& failing = rule_of(nginx.url("/"), {"f.bin"});
+  failing.exec_before_download = {"false"};
+  run(failing);
+  EXPECT_EQ(entry("f.bin").state, file_download);
+  EXPECT_EQ(entry("f.bin").error, "exec() exit: false, status: 1");
 }
 
 }  // namespace

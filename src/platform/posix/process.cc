@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 #include <thread>
 
 extern char** environ;
@@ -15,6 +16,11 @@ extern char** environ;
 namespace update::platform {
 
 std::atomic<bool>& refuse_process_start() {
+  static std::atomic<bool> refuse{false};
+  return refuse;
+}
+
+std::atomic<bool>& refuse_thread_start() {
   static std::atomic<bool> refuse{false};
   return refuse;
 }
@@ -155,11 +161,18 @@ void release_process(process_t& process) {
   // that no zombie outlives the command.
   const pid_t pid = static_cast<pid_t>(process.id);
   process.id = -1;
-  std::thread([pid] {
+  auto reap = [pid] {
     int status;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-  }).detach();
+  };
+  try {
+    if (refuse_thread_start())
+      throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    std::thread(reap).detach();
+  } catch (const std::system_error&) {
+    reap();  // no thread to spare: the caller waits rather than leave a zombie
+  }
 }
 
 std::string system_error_text(int code) {
