@@ -3,6 +3,8 @@
 #include <cstring>
 #include <utility>
 
+#include "support/xml_text.h"
+
 namespace host {
 
 namespace {
@@ -122,6 +124,10 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
   }
   if (options.xml) {
     error = "--xml goes with the status command only";
+    return false;
+  }
+  if (update::breaks_plain_value(options.cmdid)) {
+    error = "--cmdid takes no double quote, \"<\", \"&\" or control character";
     return false;
   }
   for (const auto& known : command_names) {

@@ -143,6 +143,8 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   }
 
   std::string update_version = section.take_value("update_version", nullptr);
+  if (breaks_plain_value(update_version))
+    throw "unusable character in version: " + xml_forbidden_shown(update_version);
   string_list_t exec;
   section.take_values("exec", exec);
   if (exec.empty()) throw "missing required field 'exec' in section: " + section.name;

@@ -121,6 +121,10 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
     if (index == 1 && mode == 1) return !ini.rules.empty();
     file_rule_t rule;
     rule.update_version = value("version", index, "");
+    if (breaks_plain_value(rule.update_version)) {
+      report_error(format_message("unusable character in version: %s", xml_forbidden_shown(rule.update_version).c_str()));
+      return false;
+    }
     if (rule.update_version.empty()) {
       if (index != 0) return true;
       continue;

@@ -7,6 +7,7 @@
 #include "support/file_helpers.h"
 #include "support/ini_file.h"
 #include "support/message_format.h"
+#include "support/xml_text.h"
 
 namespace update {
 
@@ -83,7 +84,16 @@ void current_version_of(const std::string& dir, const std::string& name, std::st
   version.clear();
   while (std::getline(in, version)) {
     trim_line(version);
-    if (!version.empty()) return;
+    if (version.empty()) continue;
+    if (!breaks_plain_value(version)) return;
+    // The status file could not hold it: no version at all.
+    version.clear();
+    if (warn) {
+      TLogMessage log(log_id_notice);
+      log.append_attr(log_attr_text,
+                      format_message("[%s] current version unusable in file: %s", name.c_str(), path.c_str()));
+    }
+    return;
   }
   version.clear();
   if (warn) {

@@ -58,7 +58,7 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
   fixtures::scratch_dir_t dir;
   const std::pair<std::string, std::string> rows[] = {
       {"\n\n 1.2.3 \n", "1.2.3"}, {"  # note\n3\n4\n", "3"}, {"\r\n\t1.0\r\n", "1.0"}, {"6 # kept\n", "6 # kept"},
-      {"\n  \n# only notes\n", ""},
+      {"\n  \n# only notes\n", ""}, {"2\"/>\n3\n", ""},  // the status file could not hold it
   };
   fixtures::log_records_t logs;
   for (const auto& [content, expected] : rows) {
@@ -68,6 +68,7 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
     EXPECT_EQ(version, expected) << content;
   }
   EXPECT_EQ(logs.all("[tool.exe] current version not specified in file: " + dir.path("tool.exe.version")).size(), 1u);
+  EXPECT_EQ(logs.all("[tool.exe] current version unusable in file: " + dir.path("tool.exe.version")).size(), 1u);
   std::string version = "old";
   current_version_of(dir.path(), "missing", version, false);
   current_version_of(dir.path(), "missing", version, true);
