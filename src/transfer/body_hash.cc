@@ -32,25 +32,30 @@ body_hash_t::~body_hash_t() { end(); }
 void body_hash_t::begin(const std::string& path, uint64_t offset) {
   end();
   if (!hash_.ready()) return;
-  if (valid_ && hash_.size() == offset) return;
-  hash_.reset();
-  valid_ = true;
-  if (offset == 0) return;
-  set_checking_file(name_);
-  valid_ = hash_.add_file(path.c_str(), offset);
-  set_checking_file("");
+  if (!valid_ || hash_.size() != offset) {
+    hash_.reset();
+    valid_ = true;
+    if (offset != 0) {
+      set_checking_file(name_);
+      valid_ = hash_.add_file(path.c_str(), offset);
+      set_checking_file("");
+    }
+  }
+  if (!valid_) return;
+  // Here and not in add, which runs inside libcurl, where nothing may throw.
+  if (!buffer_) buffer_.reset(new char[buffer_size]);
+  try {
+    thread_ = std::thread(&body_hash_t::hash_behind, this);
+  } catch (const std::system_error&) {
+    // No thread to spare: add hashes, and the transfer waits for it.
+  }
 }
 
 void body_hash_t::add(const char* bytes, size_t count) {
   if (!valid_) return;
   if (!thread_.joinable()) {
-    if (!buffer_) buffer_.reset(new char[buffer_size]);
-    try {
-      thread_ = std::thread(&body_hash_t::hash_behind, this);
-    } catch (const std::system_error&) {
-      hash_.add(bytes, count);  // no thread to spare: the transfer waits for the hash
-      return;
-    }
+    hash_.add(bytes, count);
+    return;
   }
   while (count > 0) {
     std::unique_lock<std::mutex> hold(lock_);

@@ -20,7 +20,7 @@ namespace update {
 // which keeps it describing exactly the bytes in the file: begin before each
 // attempt, add for each piece written, discard when a write may have been
 // lost, end after the attempt. Every operation runs on the update worker;
-// the hash thread exists only between the first add of an attempt and end.
+// the hash thread exists only between begin and end.
 class body_hash_t {
  public:
   // type: the decorated hash or type text the file is compared with (see
@@ -56,7 +56,7 @@ class body_hash_t {
   platform::running_hash_t hash_;  // the hash thread's while it runs, else the update worker's
   const std::string name_;
   bool valid_ = false;
-  std::unique_ptr<char[]> buffer_;  // a ring; made at the first add
+  std::unique_ptr<char[]> buffer_;  // a ring; made at the first begin
   std::thread thread_;
   std::mutex lock_;
   std::condition_variable filled_;   // bytes to hash, or closing
