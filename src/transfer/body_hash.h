@@ -1,8 +1,8 @@
 // The hash of a download's target file, fed with each piece of the body once
-// the file has taken it, so that the hash is ready when the last byte is
-// written. A thread of its own hashes behind the writes through a bounded
-// buffer: a transfer faster than the hash waits only for room in the buffer,
-// and one slower than it never waits.
+// the file has taken it, so that the hash is done about when the transfer
+// is. A thread of its own hashes behind the writes through a bounded buffer:
+// a transfer faster than the hash waits only for room in the buffer, and one
+// slower than it never waits.
 #pragma once
 #include <condition_variable>
 #include <cstddef>
