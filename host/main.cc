@@ -26,6 +26,7 @@
 #include "host/progress.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
+#include "platform/hash_file.h"
 #include "platform/local_params.h"
 #include "status/status.h"
 
@@ -279,9 +280,10 @@ int run(const options_t& options) {
   agent::stop_event_manager();
   agent::close_log();
   if (options.stats)
-    std::fprintf(stderr, "stats: saves=%llu syncs=%llu\n",
+    std::fprintf(stderr, "stats: saves=%llu syncs=%llu reads=%llu\n",
                  static_cast<unsigned long long>(update::status_saves.load()),
-                 static_cast<unsigned long long>(update::platform::syncs_done()));
+                 static_cast<unsigned long long>(update::platform::syncs_done()),
+                 static_cast<unsigned long long>(update::platform::hash_reads_done()));
   return code;
 }
 

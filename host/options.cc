@@ -188,8 +188,9 @@ Options:
                         "update-keys", which may be absent); a named DIR
                         and every key in it must be readable at start. With
                         no key, descriptions are not signature-checked
-  --stats               at the end, print the number of status saves and of
-                        waits for the disk on standard error
+  --stats               at the end, print the number of status saves, of
+                        waits for the disk and of files read for a hash on
+                        standard error
   --log FILE            log file (default: the log directory +
                         "corvid_update.log")
   --cmdid ID            identifier of the command, kept in the status

@@ -44,6 +44,10 @@ bool sync_path(const char* path);
 // waiting, so that a later sync_path finds little left to do. A hint: does
 // nothing where the system has no such call.
 void start_writeback(const char* path);
+// The same for the file of an open stream, from the calling thread: for a
+// writer that asks every few megabytes, it may wait briefly while the
+// device's queue is full. Data still in the stream's buffer is not included.
+void start_writeback(FILE* file);
 
 // Waits until the entries of the directory that holds path (renames,
 // creations, deletions) are on disk.

@@ -1,5 +1,7 @@
 #include "platform/hash_file.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -29,6 +31,8 @@ constexpr const hash_type_t& default_type = hash_types[0];
 // Large enough that the per-call overhead vanishes next to the hashing, small
 // enough to keep the footprint flat whatever the file size.
 constexpr size_t read_block = size_t{1} << 20;
+
+std::atomic<uint64_t> hash_reads{0};
 
 const hash_type_t* type_named(std::string_view name) {
   for (const auto& t : hash_types)
@@ -70,16 +74,6 @@ std::string decoration(const hash_type_t& type, char lead) {
   return out;
 }
 
-struct md_owner_t {
-  gcry_md_hd_t hd = nullptr;
-  md_owner_t() = default;
-  md_owner_t(const md_owner_t&) = delete;
-  md_owner_t& operator=(const md_owner_t&) = delete;
-  ~md_owner_t() {
-    if (hd) gcry_md_close(hd);
-  }
-};
-
 }  // namespace
 
 namespace update::platform {
@@ -99,58 +93,89 @@ bool gcrypt_ready() {
   return ready;
 }
 
-}  // namespace update::platform
+uint64_t hash_reads_done() { return hash_reads.load(std::memory_order_relaxed); }
 
-namespace HashFileChecker {
-
-bool CalcHash(const std::string& path, const std::string& type, std::string& result) {
+running_hash_t::running_hash_t(const std::string& type) {
   char lead = '#';
   const hash_type_t* t = resolve_type(type, lead);
   // The caller compares what comes back with what it wrote, case and all,
   // so a decoration it wrote is given back as written. An unknown type still
   // gets a hash, of the default type, so that there is something to show.
-  std::string out;
   if (!t) {
     t = &default_type;
-    out = decoration(*t, '#');
+    decoration_ = decoration(*t, '#');
   } else if (type[0] == '#' || type[0] == '$') {
-    out = type.substr(0, type.find(':') + 1);
+    decoration_ = type.substr(0, type.find(':') + 1);
   } else {
-    out = decoration(*t, lead);
+    decoration_ = decoration(*t, lead);
   }
-  if (!update::platform::gcrypt_ready()) return false;
+  algo_ = t->algo;
+  if (!gcrypt_ready() || gcry_md_open(&handle_, algo_, 0) != 0) handle_ = nullptr;
+}
 
+running_hash_t::~running_hash_t() {
+  if (handle_) gcry_md_close(handle_);
+}
+
+void running_hash_t::add(const void* bytes, size_t count) {
+  gcry_md_write(handle_, bytes, count);
+  size_ += count;
+}
+
+bool running_hash_t::add_file(const char* path, uint64_t length) {
+  hash_reads.fetch_add(1, std::memory_order_relaxed);
   // Unbuffered: each read of a block goes straight from the system into the
   // buffer, with no copy through the stream's own.
-  std::unique_ptr<FILE, int (*)(FILE*)> file(update::platform::open_file(path.c_str(), "rb", false), std::fclose);
+  std::unique_ptr<FILE, int (*)(FILE*)> file(open_file(path, "rb", false), std::fclose);
   if (!file || std::setvbuf(file.get(), nullptr, _IONBF, 0) != 0) return false;
 
   // A small file gets a small buffer, so that hashing many of them costs no
   // large allocations; a file that grows meanwhile is still read to its end.
   uint64_t size = 0;
   size_t capacity = read_block;
-  if (update::platform::query_file_size(path.c_str(), size) && size < read_block)
-    capacity = (static_cast<size_t>(size) / 4096 + 1) * 4096;
+  if (query_file_size(path, size) && std::min(size, length) < read_block)
+    capacity = (static_cast<size_t>(std::min(size, length)) / 4096 + 1) * 4096;
   std::unique_ptr<unsigned char[]> buffer(new unsigned char[capacity]);
 
-  md_owner_t md;
-  if (gcry_md_open(&md.hd, t->algo, 0) != 0) return false;
-  for (;;) {
-    const size_t n = std::fread(buffer.get(), 1, capacity, file.get());
-    if (n > 0) gcry_md_write(md.hd, buffer.get(), n);
-    if (n < capacity) break;  // fread comes back short only at the end or on an error
+  uint64_t left = length;
+  while (left > 0) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(left, capacity));
+    const size_t n = std::fread(buffer.get(), 1, want, file.get());
+    add(buffer.get(), n);
+    left -= n;
+    if (n < want) break;  // fread comes back short only at the end or on an error
   }
-  if (std::ferror(file.get())) return false;
+  return !std::ferror(file.get()) && (length == UINT64_MAX || left == 0);
+}
 
-  const unsigned char* digest = gcry_md_read(md.hd, t->algo);
-  if (!digest) return false;
+void running_hash_t::reset() {
+  gcry_md_reset(handle_);
+  size_ = 0;
+}
+
+std::string running_hash_t::result() {
+  const unsigned char* digest = gcry_md_read(handle_, algo_);
+  if (!digest) return std::string();
+  std::string out = decoration_;
   static const char hex[] = "0123456789abcdef";
-  const unsigned length = gcry_md_get_algo_dlen(t->algo);
+  const unsigned length = gcry_md_get_algo_dlen(algo_);
   out.reserve(out.size() + 2 * length);
   for (unsigned i = 0; i < length; ++i) {
     out += hex[digest[i] >> 4];
     out += hex[digest[i] & 15];
   }
+  return out;
+}
+
+}  // namespace update::platform
+
+namespace HashFileChecker {
+
+bool CalcHash(const std::string& path, const std::string& type, std::string& result) {
+  update::platform::running_hash_t hash(type);
+  if (!hash.ready() || !hash.add_file(path.c_str())) return false;
+  std::string out = hash.result();
+  if (out.empty()) return false;
   result = std::move(out);
   return true;
 }

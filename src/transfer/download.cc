@@ -10,6 +10,7 @@
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
+#include "transfer/body_hash.h"
 
 namespace update {
 
@@ -60,13 +61,14 @@ void store_download_offset(uint64_t offset) {
 
 // Every attempt sets all options again, since the reset after each transfer
 // clears them. The order is kept fixed on purpose.
-void set_options(CURL* handle, const std::string& url, char* error_buffer, FILE* file, flush_context_t* context,
-                 const params_t& params, uint64_t offset) {
+void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_write_callback write, void* sink,
+                 flush_context_t* context, const params_t& params, uint64_t offset) {
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error_buffer);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
   curl_easy_setopt(handle, CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, file);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, write);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, sink);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
   // Older libcurl only knows the legacy callback, so both are set.
 #pragma GCC diagnostic push
@@ -110,8 +112,38 @@ bool resume_refused(CURLcode result, long response_code, uint64_t offset) {
 // A stream whose buffered tail cannot be written out (a full disk) holds
 // less than libcurl delivered, so it fails the attempt like a write error.
 bool close_stream(file_ptr& file) {
-  bool written = std::fflush(file.get()) == 0;
+  bool written = std::fflush(file.get()) == 0 && !std::ferror(file.get());
   return std::fclose(file.release()) == 0 && written;
+}
+
+// Where the body of a download goes: the target, and the running hash once
+// the target has taken the bytes.
+struct body_sink_t {
+  FILE* file;
+  body_hash_t* hash;    // null: nothing is hashed
+  uint64_t taken = 0;   // bytes of this attempt the stream took
+  uint64_t handed = 0;  // of which the disk was asked to start writing
+};
+
+// The final sync waits only for what the disk has not yet taken, so the
+// disk is kept writing behind the transfer.
+constexpr uint64_t writeback_step = uint64_t{8} << 20;
+
+size_t write_body(char* bytes, size_t, size_t count, void* context) {
+  auto* sink = static_cast<body_sink_t*>(context);
+  // A stream in error may have dropped bytes it took before (a flush of the
+  // progress callback failed), so the file is no longer what was hashed.
+  if (std::fwrite(bytes, 1, count, sink->file) != count || std::ferror(sink->file)) {
+    if (sink->hash) sink->hash->discard();
+    return 0;  // ends the transfer with a write error
+  }
+  if (sink->hash) sink->hash->add(bytes, count);
+  sink->taken += count;
+  if (sink->taken - sink->handed >= writeback_step) {
+    platform::start_writeback(sink->file);
+    sink->handed = sink->taken;
+  }
+  return count;
 }
 
 struct text_sink_t {
@@ -159,7 +191,7 @@ int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultot
 }
 
 bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume) {
+                   bool resume, body_hash_t* hash) {
   char error_buffer[CURL_ERROR_SIZE] = {};
   int32_t retry = 0;
   bool rolled_back = false;
@@ -174,16 +206,26 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
                                     path.c_str()));
         return false;
       }
+      // The file is ours to write now, and "wb" has emptied it.
+      if (hash) hash->begin(path, offset);
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
                                ull{offset}, retry, params.download_retry));
       flush_context_t context{file.get(), 0, params.download_fsync_size};
-      set_options(handle, url, error_buffer, file.get(), params.download_fsync_size != 0 ? &context : nullptr,
-                  params, offset);
+      body_sink_t sink{file.get(), hash};
+      set_options(handle, url, error_buffer, write_body, &sink,
+                  params.download_fsync_size != 0 ? &context : nullptr, params, offset);
       result = curl_easy_perform(handle);
       long response_code = 0;
       curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response_code);
       curl_easy_reset(handle);
-      if (!close_stream(file) && result == CURLE_OK) result = CURLE_WRITE_ERROR;
+      // The disk takes the tail while the hash catches up.
+      if (hash && std::fflush(file.get()) == 0) platform::start_writeback(file.get());
+      const bool closed = close_stream(file);
+      if (hash) {
+        hash->end();
+        if (!closed) hash->discard();
+      }
+      if (!closed && result == CURLE_OK) result = CURLE_WRITE_ERROR;
       if (result == CURLE_OK) {
         report(4, format_message("Download completed: %s -> %s", url.c_str(), path.c_str()));
         return true;
@@ -209,9 +251,7 @@ text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& pa
   for (int32_t retry = 0;; ++retry) {
     text.clear();
     text_sink_t sink{&text, limit};
-    set_options(handle, url, error_buffer, nullptr, nullptr, params, 0);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, write_text);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &sink);
+    set_options(handle, url, error_buffer, write_text, &sink, nullptr, params, 0);
     const CURLcode result = curl_easy_perform(handle);
     long code = 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &code);

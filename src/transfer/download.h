@@ -12,6 +12,8 @@
 
 namespace update {
 
+class body_hash_t;  // transfer/body_hash.h
+
 // Handed to the progress callbacks when download_fsync_size is not 0. Lives
 // on the stack of download_file and is filled anew for each attempt.
 struct flush_context_t {
@@ -29,10 +31,12 @@ struct flush_context_t {
 // from. A server that will not continue a file (CURLE_RANGE_ERROR,
 // CURLE_BAD_DOWNLOAD_RESUME, or HTTP 416 to a range that does not start at
 // 0) restarts the transfer from byte 0 without resume and without using an
-// attempt. The handle holds no options after
+// attempt. With hash, the body is hashed on its way to the file, and the
+// hash follows the file through rollbacks, restarts and retries (see
+// body_hash_t::result for when it holds). The handle holds no options after
 // the call. Takes the module lock and the status lock, one at a time.
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
-                   const params_t& params, bool resume);
+                   const params_t& params, bool resume, body_hash_t* hash = nullptr);
 
 // How fetch_text ended. missing: the server has no such file (HTTP 404 or
 // 410, or no local file); failed: any other failure.

@@ -7,6 +7,7 @@
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/message_format.h"
+#include "transfer/body_hash.h"
 #include "transfer/download.h"
 
 namespace update {
@@ -61,7 +62,7 @@ bool hash_file(const file_entry_t& entry, const std::string& path, std::string& 
 // temporary file but the whole one at its final name: it goes back and
 // counts as whole.
 bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary, const params_t& params,
-           std::string& calculated) {
+           body_hash_t& streamed, std::string& calculated) {
   uint64_t have = 0;
   if (!platform::query_file_size(temporary.c_str(), have) && holds_promised_file(entry))
     move_file(entry.local_path, temporary);
@@ -78,7 +79,19 @@ bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary
     report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
     return true;
   }
-  return download_file(handle, entry.uri, temporary, params, true);
+  return download_file(handle, entry.uri, temporary, params, true, &streamed);
+}
+
+// The hash of what fetch left under the temporary name: the one made while
+// it was written, or, for a file taken as it stood or one whose writes the
+// hash could not follow, the file read back.
+bool hash_fetched(const file_entry_t& entry, const std::string& temporary, body_hash_t& streamed,
+                  std::string& calculated) {
+  uint64_t size = 0;
+  if (platform::query_file_size(temporary.c_str(), size) && streamed.result(size, calculated)) return true;
+  // The disk writes it meanwhile, so that the sync after finds little to do.
+  platform::start_writeback(temporary.c_str());
+  return hash_file(entry, temporary, calculated);
 }
 
 }  // namespace
@@ -99,14 +112,14 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       before_download_done = true;
     }
     const std::string temporary = download_name(entry.local_path, rule.update_version);
+    body_hash_t streamed(entry.hash, entry.name);
     std::string calculated;
-    if (!fetch(handle, entry, temporary, params, calculated)) return;
+    if (!fetch(handle, entry, temporary, params, streamed, calculated)) return;
     // Hashed under its temporary name, so that a process that dies while a
-    // large file is hashed leaves a whole temporary file for the next run to
-    // take without a request. The disk writes it meanwhile; the status may
-    // say "downloaded" only once the data would survive a power loss.
-    platform::start_writeback(temporary.c_str());
-    if (calculated.empty() && !hash_file(entry, temporary, calculated)) {
+    // large file is read back leaves a whole temporary file for the next run
+    // to take without a request. The status may say "downloaded" only once
+    // the data would survive a power loss.
+    if (calculated.empty() && !hash_fetched(entry, temporary, streamed, calculated)) {
       report_error(format_message("Failed to calculate hash for file: %s", temporary.c_str()));
       return;
     }

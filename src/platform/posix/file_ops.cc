@@ -205,6 +205,10 @@ void start_writeback(const char* path) {
   }
 }
 
+void start_writeback(FILE* file) {
+  if (file) ::sync_file_range(::fileno(file), 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 bool sync_directory_of(const char* path) {
   if (!path) return false;
   const int fd = ::open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
