@@ -1,5 +1,6 @@
 #include "transfer/download.h"
 
+#include <cstdio>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -121,8 +122,11 @@ bool close_stream(file_ptr& file) {
 struct body_sink_t {
   FILE* file;
   body_hash_t* hash;    // null: nothing is hashed
+  uint64_t offset;      // bytes in the file before this attempt
+  uint64_t most;        // the file's largest size; 0: no limit
   uint64_t taken = 0;   // bytes of this attempt the stream took
   uint64_t handed = 0;  // of which the disk was asked to start writing
+  bool too_long = false;
 };
 
 // The final sync waits only for what the disk has not yet taken, so the
@@ -131,6 +135,11 @@ constexpr uint64_t writeback_step = uint64_t{8} << 20;
 
 size_t write_body(char* bytes, size_t, size_t count, void* context) {
   auto* sink = static_cast<body_sink_t*>(context);
+  // A server that sends more than the file can hold would fill the disk.
+  if (sink->most != 0 && sink->offset + sink->taken + count > sink->most) {
+    sink->too_long = true;
+    return 0;
+  }
   // A stream in error may have dropped bytes it took before (a flush of the
   // progress callback failed), so the file is no longer what was hashed.
   if (std::fwrite(bytes, 1, count, sink->file) != count || std::ferror(sink->file)) {
@@ -191,7 +200,7 @@ int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultot
 }
 
 bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume, body_hash_t* hash) {
+                   bool resume, body_hash_t* hash, uint64_t most) {
   char error_buffer[CURL_ERROR_SIZE] = {};
   int32_t retry = 0;
   bool rolled_back = false;
@@ -211,7 +220,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
                                ull{offset}, retry, params.download_retry));
       flush_context_t context{file.get(), 0, params.download_fsync_size};
-      body_sink_t sink{file.get(), hash};
+      body_sink_t sink{file.get(), hash, offset, most};
       set_options(handle, url, error_buffer, write_body, &sink,
                   params.download_fsync_size != 0 ? &context : nullptr, params, offset);
       result = curl_easy_perform(handle);
@@ -226,6 +235,8 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
         if (!closed) hash->discard();
       }
       if (!closed && result == CURLE_OK) result = CURLE_WRITE_ERROR;
+      if (sink.too_long)
+        std::snprintf(error_buffer, sizeof error_buffer, "the server sent more than %llu bytes", ull{most});
       if (result == CURLE_OK) {
         report(4, format_message("Download completed: %s -> %s", url.c_str(), path.c_str()));
         return true;

@@ -33,10 +33,12 @@ struct flush_context_t {
 // 0) restarts the transfer from byte 0 without resume and without using an
 // attempt. With hash, the body is hashed on its way to the file, and the
 // hash follows the file through rollbacks, restarts and retries (see
-// body_hash_t::result for when it holds). The handle holds no options after
-// the call. Takes the module lock and the status lock, one at a time.
+// body_hash_t::result for when it holds). With most, the file never grows
+// past most bytes: a server that sends more fails the attempt with "the
+// server sent more than MOST bytes". The handle holds no options after the
+// call. Takes the module lock and the status lock, one at a time.
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
-                   const params_t& params, bool resume, body_hash_t* hash = nullptr);
+                   const params_t& params, bool resume, body_hash_t* hash = nullptr, uint64_t most = 0);
 
 // How fetch_text ended. missing: the server has no such file (HTTP 404 or
 // 410, or no local file); failed: any other failure.

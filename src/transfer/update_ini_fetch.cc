@@ -7,6 +7,14 @@
 
 namespace update {
 
+namespace {
+
+// Far above any real description, which the loader reads whole into memory;
+// a server cannot fill the disk with one.
+constexpr uint64_t description_limit = uint64_t{16} << 20;
+
+}  // namespace
+
 bool fetch_update_ini(const std::string& uri, const std::string& update_path, const char* file_name,
                       CURL* handle, const params_t& params) {
   if (uri.empty()) {
@@ -17,7 +25,7 @@ bool fetch_update_ini(const std::string& uri, const std::string& update_path, co
   const std::string local_path = update_path + (file_name ? file_name : "");
   std::string url = uri;
   uri_join(url, "update.ini");
-  return download_file(handle, url, local_path, params, false);
+  return download_file(handle, url, local_path, params, false, nullptr, description_limit);
 }
 
 }  // namespace update

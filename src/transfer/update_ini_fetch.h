@@ -12,7 +12,8 @@ namespace update {
 // uri's "update.ini" whole (no resume) to update_path + file_name; no
 // separator is added, so update_path ends in one. The local copy is
 // overwritten from its first byte. False when the URI is empty (the target
-// is not touched and libcurl is not called) or the transfer failed; the
+// is not touched and libcurl is not called) or the transfer failed (a
+// description above 16 MiB fails it); the
 // failure has been reported into the status's current message, which the
 // caller selected.
 bool fetch_update_ini(const std::string& uri, const std::string& update_path, const char* file_name,

@@ -152,21 +152,23 @@ TEST_F(Download, RefusedRangeRewritesFromZeroWithoutUsingRetry) {
   }
 }
 
-// Every attempt fails alike, keeping nothing; a target that cannot be opened fails at once.
+// Every attempt fails alike, keeping nothing; a target that cannot be opened fails at once; a body
+// longer than the file may be never reaches it.
 TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
   ASSERT_TRUE(start_nginx());
   const std::string missing = nginx.url("/missing.bin"), url = nginx.url("/f.bin");
-  const std::tuple<std::string, std::string, bool, size_t, std::string> rows[] = {
-      {missing, target, false, 3, "Download error: " + missing + " -> The requested URL returned error: 404"},
-      {url, target, true, 0, "Download error: " + url + " -> can't open file for writing: " + target},
-      {url, "/dev/full", false, 3, "Download error: " + url + " -> Failed writing received data to disk/application"},
+  const std::tuple<std::string, std::string, bool, size_t, uint64_t, std::string> rows[] = {
+      {missing, target, false, 3, 0, "Download error: " + missing + " -> The requested URL returned error: 404"},
+      {url, target, true, 0, 0, "Download error: " + url + " -> can't open file for writing: " + target},
+      {url, "/dev/full", false, 3, 0, "Download error: " + url + " -> Failed writing received data to disk/application"},
+      {url, target, false, 3, 1000, "Download error: " + url + " -> the server sent more than 1000 bytes"},
   };
   size_t served = 0;
-  for (const auto& [from, path, open_fails, requests, error] : rows) {
+  for (const auto& [from, path, open_fails, requests, most, error] : rows) {
     quiet();
     const file_status_t& entry = make_current_file("f.bin");
     platform::file_faults().fail_open_write = open_fails;
-    EXPECT_FALSE(download_file(handle, from, path, quick_params(2), true));
+    EXPECT_FALSE(download_file(handle, from, path, quick_params(2), true, nullptr, most));
     platform::file_faults().fail_open_write = false;
     EXPECT_EQ(nginx.requests(served += requests).size(), served);
     EXPECT_EQ(read_file(target), "");
