@@ -154,6 +154,14 @@ std::string client_name(const connection_t& connection) {
          std::to_string(connection.peer.pid) + ")";
 }
 
+// Garbage from connection, which is about to be dropped: a question it was
+// asked stays open for a proper answer from another. REQUIRES: b.lock held.
+void mark_malformed(bridge_t& b, const std::shared_ptr<connection_t>& connection) {
+  connection->answering = 0;
+  if (b.pending && b.pending->target == connection && !b.pending->answered) b.pending->malformed = true;
+  b.changed.notify_all();
+}
+
 // An answer frame from connection. False when it was an unreadable answer
 // to the pending notification: the client is then dropped.
 bool take_answer(const std::shared_ptr<connection_t>& connection, frame_t& frame) {
@@ -163,9 +171,7 @@ bool take_answer(const std::shared_ptr<connection_t>& connection, frame_t& frame
   // An answer nobody waits for any more is dropped quietly.
   if (!pending || pending->target != connection || pending->serial != frame.serial || pending->answered) return true;
   if (frame.value == 1 && pending->check && !pending->check(pending->id, *pending->sent, frame.body)) {
-    pending->malformed = true;
-    connection->answering = 0;
-    b.changed.notify_all();
+    mark_malformed(b, connection);
     return false;
   }
   pending->answered = true;
@@ -209,10 +215,7 @@ void serve_client(std::shared_ptr<connection_t> connection) {
         frame.type == frame_refusal) {
       log_notice(client_name(*connection) + " dropped: malformed frame");
       std::lock_guard<std::mutex> hold(b.lock);
-      // Garbage instead of an answer leaves the question open for another.
-      connection->answering = 0;
-      if (b.pending && b.pending->target == connection && !b.pending->answered) b.pending->malformed = true;
-      b.changed.notify_all();
+      mark_malformed(b, connection);
       break;
     }
     if (frame.type == frame_answer) {

@@ -2,6 +2,7 @@
 #include "platform/local_params.h"
 
 #include <mutex>
+#include <utility>
 
 namespace LPARAMS {
 
@@ -20,48 +21,32 @@ values_t& values() {
   return v;
 }
 
+// Each value is read and written whole under the one lock.
+template <typename T>
+T read(T values_t::*field) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  return values().*field;
+}
+
+template <typename T>
+void write(T values_t::*field, T value) {
+  std::lock_guard<std::mutex> hold(values().lock);
+  values().*field = std::move(value);
+}
+
 }  // namespace
 
-std::string server::update_dir() {
-  std::lock_guard<std::mutex> hold(values().lock);
-  return values().update_dir;
-}
+std::string server::update_dir() { return read(&values_t::update_dir); }
+void server::set_update_dir(const std::string& dir) { write(&values_t::update_dir, dir); }
 
-void server::set_update_dir(const std::string& dir) {
-  std::lock_guard<std::mutex> hold(values().lock);
-  values().update_dir = dir;
-}
-
-bool server::verify_downloads() {
-  std::lock_guard<std::mutex> hold(values().lock);
-  return values().verify_downloads;
-}
-
-void server::set_verify_downloads(bool on) {
-  std::lock_guard<std::mutex> hold(values().lock);
-  values().verify_downloads = on;
-}
-
+bool server::verify_downloads() { return read(&values_t::verify_downloads); }
+void server::set_verify_downloads(bool on) { write(&values_t::verify_downloads, on); }
 std::string server::verify_downloads_name() { return "verify_downloads"; }
 
-std::string server::ca_file() {
-  std::lock_guard<std::mutex> hold(values().lock);
-  return values().ca_file;
-}
+std::string server::ca_file() { return read(&values_t::ca_file); }
+void server::set_ca_file(const std::string& path) { write(&values_t::ca_file, path); }
 
-void server::set_ca_file(const std::string& path) {
-  std::lock_guard<std::mutex> hold(values().lock);
-  values().ca_file = path;
-}
-
-std::string server::trusted_keys_dir() {
-  std::lock_guard<std::mutex> hold(values().lock);
-  return values().trusted_keys_dir;
-}
-
-void server::set_trusted_keys_dir(const std::string& dir) {
-  std::lock_guard<std::mutex> hold(values().lock);
-  values().trusted_keys_dir = dir;
-}
+std::string server::trusted_keys_dir() { return read(&values_t::trusted_keys_dir); }
+void server::set_trusted_keys_dir(const std::string& dir) { write(&values_t::trusted_keys_dir, dir); }
 
 }  // namespace LPARAMS

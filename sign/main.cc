@@ -55,19 +55,9 @@ int fail(int status, const std::string& message) {
 }
 
 bool read_whole(const std::string& path, std::string& text, std::string& error) {
-  FILE* file = std::fopen(path.c_str(), "rb");
-  if (!file) {
-    error = "cannot read " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  text.clear();
-  char buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, n);
-  const bool ok = !std::ferror(file);
-  std::fclose(file);
-  if (!ok) error = "cannot read " + path;
-  return ok;
+  if (update::read_whole_file(path, text)) return true;
+  error = "cannot read " + path + ": " + std::strerror(errno);
+  return false;
 }
 
 // Creates path with mode and the text, failing if it exists: the mode is the

@@ -72,15 +72,13 @@ bool hash_equal(const std::string& a, const std::string& b) {
 
 void current_version_of(const std::string& dir, const std::string& name, std::string& version, bool warn) {
   const std::string path = dir + name + ".version";
+  auto tell = [&](const char* what) {
+    if (!warn) return;
+    TLogMessage log(log_id_notice);
+    log.append_attr(log_attr_text, format_message("[%s] current version %s: %s", name.c_str(), what, path.c_str()));
+  };
   std::utf8_ifstream in(path);
-  if (!in) {
-    if (warn) {
-      TLogMessage log(log_id_notice);
-      log.append_attr(log_attr_text, format_message("[%s] current version undefined, can't open file for reading: %s",
-                                                    name.c_str(), path.c_str()));
-    }
-    return;
-  }
+  if (!in) return tell("undefined, can't open file for reading");
   version.clear();
   while (std::getline(in, version)) {
     trim_line(version);
@@ -88,19 +86,10 @@ void current_version_of(const std::string& dir, const std::string& name, std::st
     if (!breaks_plain_value(version)) return;
     // The status file could not hold it: no version at all.
     version.clear();
-    if (warn) {
-      TLogMessage log(log_id_notice);
-      log.append_attr(log_attr_text,
-                      format_message("[%s] current version unusable in file: %s", name.c_str(), path.c_str()));
-    }
-    return;
+    return tell("unusable in file");
   }
   version.clear();
-  if (warn) {
-    TLogMessage log(log_id_notice);
-    log.append_attr(log_attr_text,
-                    format_message("[%s] current version not specified in file: %s", name.c_str(), path.c_str()));
-  }
+  tell("not specified in file");
 }
 
 }  // namespace update

@@ -1,6 +1,8 @@
 // Case rules for the ASCII words the module compares (setting values, hash
-// type names, version marks). The C library's own depend on the locale.
+// type names, version marks), and the hex it writes. The C library's own
+// depend on the locale.
 #pragma once
+#include <string>
 #include <string_view>
 
 namespace update {
@@ -16,6 +18,18 @@ inline bool equal_ignoring_case(std::string_view a, std::string_view b) {
     if (x != y) return false;
   }
   return true;
+}
+
+// Lower-case hex of bytes, two digits each.
+inline std::string hex_lower(std::string_view bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(2 * bytes.size());
+  for (unsigned char c : bytes) {
+    hex += digits[c >> 4];
+    hex += digits[c & 15];
+  }
+  return hex;
 }
 
 }  // namespace update

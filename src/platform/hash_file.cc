@@ -156,15 +156,8 @@ void running_hash_t::reset() {
 std::string running_hash_t::result() {
   const unsigned char* digest = gcry_md_read(handle_, algo_);
   if (!digest) return std::string();
-  std::string out = decoration_;
-  static const char hex[] = "0123456789abcdef";
-  const unsigned length = gcry_md_get_algo_dlen(algo_);
-  out.reserve(out.size() + 2 * length);
-  for (unsigned i = 0; i < length; ++i) {
-    out += hex[digest[i] >> 4];
-    out += hex[digest[i] & 15];
-  }
-  return out;
+  return decoration_ + update::hex_lower(std::string_view(reinterpret_cast<const char*>(digest),
+                                                          gcry_md_get_algo_dlen(algo_)));
 }
 
 }  // namespace update::platform

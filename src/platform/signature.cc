@@ -2,6 +2,7 @@
 
 #include <gcrypt.h>
 
+#include "platform/ascii_text.h"
 #include "platform/hash_file.h"
 
 namespace update {
@@ -69,8 +70,6 @@ bool data_sexp(key_type_t type, std::string_view message, sexp_t& out) {
   return gcry_sexp_build(&out.s, nullptr, "(data (flags gost) (value %b))", static_cast<int>(digest.size()),
                          digest.data()) == 0;
 }
-
-char hex_digit(unsigned value) { return "0123456789abcdef"[value & 15]; }
 
 }  // namespace
 
@@ -145,12 +144,7 @@ std::string key_id(const public_key_t& key) {
   unsigned char digest[32];
   if (!platform::gcrypt_ready()) return std::string();
   gcry_md_hash_buffer(GCRY_MD_SHA256, digest, key.bytes.data(), key.bytes.size());
-  std::string id;
-  for (size_t i = 0; i < 8; ++i) {
-    id += hex_digit(digest[i] >> 4);
-    id += hex_digit(digest[i]);
-  }
-  return id;
+  return hex_lower(std::string_view(reinterpret_cast<const char*>(digest), 8));
 }
 
 std::string streebog256(std::string_view bytes) {

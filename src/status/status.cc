@@ -238,4 +238,9 @@ void status_t::reset() {
   status_reported = false;
 }
 
+void set_checking_file(const std::string& name) {
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.checking_file = name;
+}
+
 }  // namespace update

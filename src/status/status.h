@@ -160,6 +160,9 @@ void report_error(const char* text);     // same as report(0, text)
 inline void report_error(const std::string& text) { report(0, text); }
 void report_progress(const char* text);  // id 367: state text, text
 
+// Shows name as the file a long hash reads now ("" when none); takes the lock.
+void set_checking_file(const std::string& name);
+
 // Tells the client of an error (install/notify.cc); nothing while
 // notify_errors is off.
 void notify_error(const std::string& text);

@@ -55,17 +55,6 @@ bool text_lines_t::at_end(std::string& reason) const {
   return false;
 }
 
-std::string hex_lower(std::string_view bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(2 * bytes.size());
-  for (unsigned char c : bytes) {
-    hex += digits[c >> 4];
-    hex += digits[c & 15];
-  }
-  return hex;
-}
-
 namespace {
 
 int hex_value(char c) {

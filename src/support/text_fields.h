@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/ascii_text.h"  // hex_lower
+
 namespace update {
 
 // Reads a text line by line. Each failed read sets reason to a short
@@ -34,8 +36,6 @@ class text_lines_t {
   unsigned number_ = 0;
 };
 
-// Lower-case hex of bytes.
-std::string hex_lower(std::string_view bytes);
 // Hex digits of either case to exactly `size` bytes; false for any other text.
 bool bytes_of_hex(std::string_view hex, size_t size, std::string& bytes);
 // A decimal number below 2^64 in its plain form: digits only, no leading zero.

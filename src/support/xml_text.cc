@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/ascii_text.h"
+
 namespace update {
 
 bool has_xml_forbidden_byte(std::string_view text) {
@@ -13,17 +15,12 @@ bool breaks_plain_value(std::string_view text) {
 }
 
 std::string xml_forbidden_shown(std::string_view text) {
-  static const char hex[] = "0123456789abcdef";
   std::string shown;
   for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (!xml_forbidden_byte(byte)) {
+    if (xml_forbidden_byte(static_cast<unsigned char>(c)))
+      shown += "\\x" + hex_lower(std::string_view(&c, 1));
+    else
       shown += c;
-      continue;
-    }
-    shown += "\\x";
-    shown += hex[byte >> 4];
-    shown += hex[byte & 15];
   }
   return shown;
 }

@@ -18,11 +18,6 @@ constexpr size_t buffer_size = size_t{4} << 20;
 // writer in steady steps rather than all at once.
 constexpr size_t most_per_step = size_t{256} << 10;
 
-void set_checking_file(const std::string& name) {
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  status.checking_file = name;
-}
-
 }  // namespace
 
 body_hash_t::body_hash_t(const std::string& type, std::string name) : hash_(type), name_(std::move(name)) {}

@@ -38,11 +38,6 @@ bool holds_promised_file(const file_entry_t& entry) {
   return HashFileChecker::CalcHash(entry.local_path, entry.hash, calculated) && hash_equal(entry.hash, calculated);
 }
 
-void set_checking_file(const std::string& name) {
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  status.checking_file = name;
-}
-
 // Hashes path in the type the entry asks for; the status tells meanwhile
 // that a long hash runs.
 bool hash_file(const file_entry_t& entry, const std::string& path, std::string& calculated) {
