@@ -31,7 +31,6 @@ constexpr int poll_milliseconds = 200;
 // same status text; after this long with nothing new it counts as done.
 constexpr int unchanged_limit_polls = 15;
 
-
 const char* usage_text() {
   return R"(Usage: corvid-update-client [OPTIONS] COMMAND
 
@@ -176,7 +175,8 @@ class session_t {
   // Offers the daemon this client's answers; a refusal is told, not fatal.
   void offer_answers() {
     std::string why;
-    if (!bridge_.offer_answers(why)) std::fprintf(stderr, "corvid-update-client: the update will not ask this client: %s\n", why.c_str());
+    if (!bridge_.offer_answers(why))
+      std::fprintf(stderr, "corvid-update-client: the update will not ask this client: %s\n", why.c_str());
   }
   const std::string& error() const { return error_; }
 

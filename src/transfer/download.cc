@@ -102,6 +102,15 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_
   if (!ca_file.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
 }
 
+// One transfer with the options set; the handle holds none afterwards.
+CURLcode perform(CURL* handle, long& response_code) {
+  const CURLcode result = curl_easy_perform(handle);
+  response_code = 0;
+  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response_code);
+  curl_easy_reset(handle);
+  return result;
+}
+
 // The server will not continue the file: libcurl finds the range ignored or
 // refused, or the server answers a range that starts at the end of its file
 // as out of range (416), as it does for a temporary file that is whole.
@@ -223,10 +232,8 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       body_sink_t sink{file.get(), hash, offset, most};
       set_options(handle, url, error_buffer, write_body, &sink,
                   params.download_fsync_size != 0 ? &context : nullptr, params, offset);
-      result = curl_easy_perform(handle);
       long response_code = 0;
-      curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response_code);
-      curl_easy_reset(handle);
+      result = perform(handle, response_code);
       // The disk takes the tail while the hash catches up.
       if (hash && std::fflush(file.get()) == 0) platform::start_writeback(file.get());
       const bool closed = close_stream(file);
@@ -263,10 +270,8 @@ text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& pa
     text.clear();
     text_sink_t sink{&text, limit};
     set_options(handle, url, error_buffer, write_text, &sink, nullptr, params, 0);
-    const CURLcode result = curl_easy_perform(handle);
     long code = 0;
-    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &code);
-    curl_easy_reset(handle);
+    const CURLcode result = perform(handle, code);
     if (result == CURLE_OK || sink.cut) return text_fetch_t::fetched;
     if ((result == CURLE_HTTP_RETURNED_ERROR && (code == 404 || code == 410)) ||
         result == CURLE_FILE_COULDNT_READ_FILE)
