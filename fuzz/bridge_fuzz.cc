@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/fuzz_support.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
 #include "install/notify.h"
@@ -29,11 +30,7 @@ bool stop_refuses(const std::string&, int32_t) { return false; }
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "property broken: %s\n", what);
-  std::abort();
-}
+using fuzz::check;
 
 void fuzz_frames(const std::string& input) {
   const int in = memfd_create("frames", 0);

@@ -23,11 +23,7 @@ namespace {
 
 const std::string section = "corvid";
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "property broken: %s\n", what);
-  std::abort();
-}
+using fuzz::check;
 
 std::unique_ptr<CIniFile> parse(const std::string& text) {
   std::istringstream in(text);

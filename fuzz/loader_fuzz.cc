@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_support.h"
 #include "agent/agent.h"
 #include "description/inivars.h"
 #include "facts/hash_cache.h"
@@ -34,11 +35,7 @@ namespace {
 std::string dir;  // the scratch directory, with a trailing "/"
 std::atomic<int> failures{0};
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "property broken: %s\n", what);
-  std::abort();
-}
+using fuzz::check;
 
 bool write_text(const std::string& path, const std::string& text) {
   FILE* f = std::fopen(path.c_str(), "wb");

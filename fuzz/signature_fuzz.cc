@@ -15,17 +15,14 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/fuzz_support.h"
 #include "support/key_file.h"
 #include "support/serial_store.h"
 #include "support/signature_file.h"
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "property broken: %s\n", what);
-  std::abort();
-}
+using fuzz::check;
 
 const std::string description = "[corvid]\nupdate_version=2.0\n";
 

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <string>
 
+#include "fuzz/fuzz_support.h"
 #include "facts/hash_cache.h"
 #include "status/status.h"
 #include "status/status_file.h"
@@ -23,11 +24,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "property broken: %s\n", what);
-  std::abort();
-}
+using fuzz::check;
 
 void read(update::status_t& status, const std::string& text) {
   std::istringstream in(text);
