@@ -41,13 +41,7 @@ class CrashTest : public ::testing::Test {
     return fixtures::spawn_child(host({"--answer", "yes", "install", uri_}), -1, dir_.path("host.log"));
   }
   // Runs the host to its end and returns what it printed.
-  std::string run(const std::vector<std::string>& args) const {
-    const int out = open(dir_.path("stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const pid_t pid = fixtures::spawn_child(host(args), out, dir_.path("host.log"));
-    close(out);
-    waitpid(pid, nullptr, 0);
-    return read_file(dir_.path("stdout"));
-  }
+  std::string run(const std::vector<std::string>& args) const { return fixtures::run_program(host(args), dir_).out; }
   // Polls until done() holds; false if the host ended first or limit passed.
   template <class F>
   static bool wait_for(pid_t pid, F done, milliseconds limit = milliseconds(20000)) {

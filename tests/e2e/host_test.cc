@@ -1,7 +1,6 @@
 // The built corvid-update, run as a user would run it.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,29 +13,22 @@
 
 #include "agent/bridge.h"
 #include "fixtures/nginx_server.h"
-#include "fixtures/scratch_dir.h"
 #include "support/key_file.h"
 #include "support/signature_file.h"
 
 namespace {
 
+using fixtures::outcome_t;
 using fixtures::read_file;
-
-struct outcome_t {
-  int exit_code = -1;
-  std::string out, err;
-};
 
 class HostTest : public ::testing::Test {
  protected:
-  // Runs the host with its per-user state kept inside the test's directory.
+  // Runs the host, or another program, with its per-user state kept inside the test's directory.
   outcome_t run(const std::vector<std::string>& args, const std::string& program = "corvid-update") {
-    std::string command = "XDG_STATE_HOME='" + dir_.path("state") + "' '" +
-                          (program[0] == '/' ? program : CORVID_BIN_DIR "/" + program) + "'";
-    for (const auto& a : args) command += " '" + a + "'";
-    command += " >'" + dir_.path("stdout") + "' 2>'" + dir_.path("stderr") + "'";
-    const int wstatus = std::system(command.c_str());
-    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_file(dir_.path("stdout")), read_file(dir_.path("stderr"))};
+    std::vector<std::string> argv{"/usr/bin/env", "XDG_STATE_HOME=" + dir_.path("state"),
+                                  program[0] == '/' ? program : CORVID_BIN_DIR "/" + program};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return fixtures::run_program(argv, dir_);
   }
   void serve(const std::vector<const char*>& example_dirs) {
     std::string error;

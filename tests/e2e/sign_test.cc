@@ -2,13 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <tuple>
 
-#include "fixtures/scratch_dir.h"
+#include "fixtures/nginx_server.h"
 
 namespace {
 
@@ -16,12 +14,11 @@ using fixtures::read_file;
 
 class SignTest : public ::testing::Test {
  protected:
-  // Runs the program in the test's directory: exit status, standard output
-  // and error together.
+  // Runs the program in the test's directory: exit status, standard output and error together.
   std::pair<int, std::string> run(const std::string& args) {
-    const std::string command = "cd '" + dir_.path() + "' && " CORVID_BIN_DIR "/corvid-update-sign " + args + " >out 2>&1";
-    const int wstatus = std::system(command.c_str());
-    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_file(dir_.path("out"))};
+    const auto o = fixtures::run_program(
+        {"/bin/sh", "-c", "cd '" + dir_.path() + "' && exec " CORVID_BIN_DIR "/corvid-update-sign " + args + " 2>&1"}, dir_);
+    return {o.exit_code, o.out};
   }
   fixtures::scratch_dir_t dir_;
 };

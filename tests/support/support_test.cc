@@ -11,7 +11,7 @@
 #include <random>
 #include <sstream>
 
-#include "fixtures/scratch_dir.h"
+#include "fixtures/nginx_server.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
 #include "support/file_helpers.h"
@@ -188,16 +188,6 @@ TEST_F(FileOps, WriterWithDenyWriteKeepsOtherWritersOutButNotReaders) {
   EXPECT_TRUE(file_t(open_file(p.c_str(), "wb", true)));
 }
 
-std::string command_output(const std::string& command) {
-  std::string out;
-  if (FILE* pipe = popen(command.c_str(), "r")) {
-    char buffer[512];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-    pclose(pipe);
-  }
-  return out;
-}
-
 // The digits example of GOST R 34.11-2012, in each type and decoration form.
 TEST(CalcHash, HashesTheStandardExampleInEveryTypeAndDecoration) {
   fixtures::scratch_dir_t dir;
@@ -222,8 +212,9 @@ TEST(CalcHash, HashesTheStandardExampleInEveryTypeAndDecoration) {
 // Sizes around the read block and the algorithms' 64-byte blocks, where a
 // streaming fault would show, against an independent implementation.
 TEST(CalcHash, AgreesWithRhashOnRandomFiles) {
-  if (command_output("command -v rhash").empty()) GTEST_SKIP() << "rhash is not installed";
   fixtures::scratch_dir_t dir;
+  const auto shell = [&](const std::string& command) { return fixtures::run_program({"/bin/sh", "-c", command}, dir).out; };
+  if (shell("command -v rhash").empty()) GTEST_SKIP() << "rhash is not installed";
   const size_t block = size_t{1} << 20;
   std::mt19937 gen(7);
   for (size_t size : {size_t{0}, size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{4097}, block - 1, block,
@@ -235,8 +226,7 @@ TEST(CalcHash, AgreesWithRhashOnRandomFiles) {
     ASSERT_TRUE(HashFileChecker::CalcHash(path, "#GOST3411_256_2012:", ours256));
     ASSERT_TRUE(HashFileChecker::CalcHash(path, "#GOST3411_512_2012:", ours512));
     EXPECT_EQ(ours256 + " " + ours512,
-              command_output("rhash --printf='#GOST3411_256_2012:%{gost12-256} #GOST3411_512_2012:%{gost12-512}' " +
-                             path))
+              shell("rhash --printf='#GOST3411_256_2012:%{gost12-256} #GOST3411_512_2012:%{gost12-512}' " + path))
         << size;
   }
 }
