@@ -35,11 +35,12 @@ std::string swap_secret(key_type_t type, const std::string& secret) {
   return type == key_type_t::ed25519 ? secret : reversed(secret);
 }
 
+// Each coordinate of x || y reversed, both ways between ours and libgcrypt's.
+std::string swap_coordinates(std::string_view xy) { return reversed(xy.substr(0, half)) + reversed(xy.substr(half)); }
+
 // libgcrypt's GOST point is 0x04 || x || y.
 std::string point_of(const public_key_t& key) {
-  if (key.type == key_type_t::ed25519) return key.bytes;
-  const std::string_view xy = key.bytes;
-  return "\x04" + reversed(xy.substr(0, half)) + reversed(xy.substr(half));
+  return key.type == key_type_t::ed25519 ? key.bytes : "\x04" + swap_coordinates(key.bytes);
 }
 
 // Where r sits in a signature: R || S for Ed25519, s || r for GOST.
@@ -99,7 +100,7 @@ bool data_sexp(key_type_t type, std::string_view message, sexp_t& out) {
 bool public_of_point(key_type_t type, std::string q, public_key_t& key) {
   if (type == key_type_t::gost2012_256) {
     if (q.size() != 1 + 2 * half || q[0] != '\x04') return false;
-    q = reversed(std::string_view(q).substr(1, half)) + reversed(std::string_view(q).substr(1 + half));
+    q = swap_coordinates(std::string_view(q).substr(1));
   }
   public_key_t made{type, std::move(q)};
   if (!valid_public_key(made)) return false;
