@@ -138,17 +138,10 @@ bool derive_public_key(secret_key_t& key) {
   const key_type_t type = key.public_key.type;
   gcry_mpi_t q = gcry_mpi_ec_get_mpi(type == key_type_t::ed25519 ? "q@eddsa" : "q", context, 1);
   gcry_ctx_release(context);
-  std::string point;
+  // libgcrypt hands the encoded point over as an opaque string of bytes.
   unsigned int bits = 0;
-  unsigned char* printed = nullptr;
-  size_t length = 0;
-  if (q && gcry_mpi_get_flag(q, GCRYMPI_FLAG_OPAQUE)) {
-    const void* data = gcry_mpi_get_opaque(q, &bits);
-    point.assign(static_cast<const char*>(data), (bits + 7) / 8);
-  } else if (q && gcry_mpi_aprint(GCRYMPI_FMT_USG, &printed, &length, q) == 0) {
-    point.assign(reinterpret_cast<const char*>(printed), length);
-    gcry_free(printed);
-  }
+  const void* data = q && gcry_mpi_get_flag(q, GCRYMPI_FLAG_OPAQUE) ? gcry_mpi_get_opaque(q, &bits) : nullptr;
+  const std::string point = data ? std::string(static_cast<const char*>(data), (bits + 7) / 8) : std::string();
   gcry_mpi_release(q);
   return public_of_point(type, point, key.public_key);
 }
