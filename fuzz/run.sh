@@ -6,7 +6,7 @@
 #           and the agent's sources; it starts no process
 #   status  the status reader, and the writer and reader together
 #   bridge  the bridge's frames, the client's reply and the module's messages
-#   signature  update.ini.sig and its check, the key files, the serial store
+#   signature  update.ini.sig and its check, the key files and PEM keys, the serial store
 # Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
 # Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
 # to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
@@ -34,7 +34,7 @@ sources_of() {
                  src/support/xml_text.cc src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
                  src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
-    signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc \
+    signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc src/support/pem_key.cc \
                     src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \
                     src/support/message_format.cc src/support/file_helpers.cc src/platform/signature.cc \
                     src/platform/hash_file.cc src/platform/posix/file_ops.cc ;;

@@ -6,7 +6,8 @@
 //    "signature: " line, and its fields have their sizes;
 //  - the check passes only what the reader accepts, with a known key, and
 //    refuses everything else with one of its reasons;
-//  - an accepted key file or serial store, written back, reads back the same.
+//  - an accepted key file, PEM key or serial store, written back, reads back
+//    the same.
 // The seeds (fuzz/corpus_signature) are signed by the two keys below over
 // the description below, so that mutations reach the signature itself.
 #include <cstdint>
@@ -17,6 +18,7 @@
 
 #include "fuzz/fuzz_support.h"
 #include "support/key_file.h"
+#include "support/pem_key.h"
 #include "support/serial_store.h"
 #include "support/signature_file.h"
 
@@ -33,8 +35,8 @@ const std::vector<update::trusted_key_t>& trusted() {
          {"corvid-update-public-key 1\nalgorithm: ed25519\n"
           "key: 0cd523241aafaeee9640d6cfee4e1c523a2f506028eeb5fb59de02c60bee3467\n",
           "corvid-update-public-key 1\nalgorithm: gost2012-256\n"
-          "key: 8ac9ae01ca74da546b942d52b83de8d7c00a737009c5cb07b38ed2e124d75d255d85a27c7c22995befd0820aa237ceb44f205bcd2190"
-          "aabc038438e020e8f5d4\n"}) {
+          "key: b2e47de5b6551ab997b4d11b87868e156865aa119452171c38f9886b4d7f8161042dfa46ad0172c7800422bd85829fd67abd832b12dbca"
+          "1a5c1eb4cab87d7076\n"}) {
       update::trusted_key_t key;
       std::string reason;
       check(update::read_public_key(text, key.key, reason), "the fuzzer's own keys read");
@@ -81,6 +83,19 @@ void check_keys(std::string_view text) {
   }
 }
 
+void check_pem(std::string_view text) {
+  update::secret_key_t key, again;
+  std::string reason;
+  if (!update::read_pem_key(text, key, reason)) return;
+  const bool secret = !key.secret.empty();
+  check(update::read_pem_key(secret ? update::pem_secret_key(key) : update::pem_public_key(key.public_key), again,
+                             reason),
+        "PEM key reads back");
+  check(again.secret == key.secret && again.public_key.bytes == key.public_key.bytes &&
+            again.public_key.type == key.public_key.type,
+        "same PEM key");
+}
+
 void check_serials(std::string_view text) {
   update::serial_store_t serials, again;
   std::string reason;
@@ -95,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   check_signature_file(text);
   check_keys(text);
+  check_pem(text);
   check_serials(text);
   return 0;
 }

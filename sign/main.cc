@@ -1,6 +1,7 @@
 // corvid-update-sign: the publisher's side of signed descriptions. Makes key
-// pairs, signs a source's update.ini, and checks a signature as an agent
-// would (without the agent's memory of serials).
+// pairs or takes them from OpenSSL's PEM files and back, signs a source's
+// update.ini, and checks a signature as an agent would (without the agent's
+// memory of serials).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 
 #include "support/file_helpers.h"
 #include "support/key_file.h"
+#include "support/pem_key.h"
 #include "support/signature_file.h"
 #include "support/text_fields.h"
 
@@ -32,6 +34,13 @@ constexpr const char* usage_text =
     "      write a new key pair: the secret key NAME.key (mode 0600, no password)\n"
     "      and the public key NAME.pub, which agents trust; existing files are\n"
     "      never overwritten\n"
+    "  import --pem KEY.pem NAME\n"
+    "      write the key files of OpenSSL's PEM key KEY.pem (Ed25519, or GOST\n"
+    "      2012-256 on paramSetA): NAME.key and NAME.pub from a private key,\n"
+    "      NAME.pub alone from a public key\n"
+    "  export --pem KEY.pem FILE\n"
+    "      write the key file FILE (NAME.key or NAME.pub) as OpenSSL's PEM key\n"
+    "      KEY.pem, mode 0600 for a secret key; an existing KEY.pem is kept\n"
     "  sign --key NAME.key --serial N --expires DAYS FILE\n"
     "      write FILE.sig beside FILE (update.ini.sig for update.ini), valid for\n"
     "      DAYS days from now; raise N with every new description\n"
@@ -71,6 +80,24 @@ bool create_new(const std::string& path, const std::string& text, mode_t mode, s
   return ok;
 }
 
+// Writes NAME.pub and, unless key has no secret, NAME.key; neither may exist.
+int write_key_files(const std::string& name, const update::secret_key_t& key) {
+  const std::string secret_path = name + ".key", public_path = name + ".pub";
+  const bool secret = !key.secret.empty();
+  for (const auto& path : {secret_path, public_path})
+    if (::access(path.c_str(), F_OK) == 0) return fail(exit_failed, path + " exists; not overwritten");
+  std::string error;
+  if (secret && !create_new(secret_path, update::secret_key_text(key), 0600, error)) return fail(exit_failed, error);
+  if (!create_new(public_path, update::public_key_text(key.public_key), 0644, error)) {
+    if (secret) ::unlink(secret_path.c_str());
+    return fail(exit_failed, error);
+  }
+  std::printf("%s: key %s (%s)\n", public_path.c_str(), update::key_id(key.public_key).c_str(),
+              update::key_type_name(key.public_key.type));
+  if (secret) std::printf("%s: its secret key; keep it private\n", secret_path.c_str());
+  return exit_ok;
+}
+
 int keygen(const command_line_t& line) {
   const std::string& type_name = line.options.at("--type");
   update::key_type_t type;
@@ -78,19 +105,32 @@ int keygen(const command_line_t& line) {
     type = update::key_type_t::gost2012_256;
   else if (!update::key_type_named(type_name, type))
     return fail(exit_usage, "--type: not ed25519 or gost2012: " + type_name);
-  const std::string secret_path = line.arguments[0] + ".key", public_path = line.arguments[0] + ".pub";
-  for (const auto& path : {secret_path, public_path})
-    if (::access(path.c_str(), F_OK) == 0) return fail(exit_failed, path + " exists; not overwritten");
   update::secret_key_t key;
   if (!update::generate_key(type, key)) return fail(exit_failed, "libgcrypt could not make a key");
-  std::string error;
-  if (!create_new(secret_path, update::secret_key_text(key), 0600, error)) return fail(exit_failed, error);
-  if (!create_new(public_path, update::public_key_text(key.public_key), 0644, error)) {
-    ::unlink(secret_path.c_str());
+  return write_key_files(line.arguments[0], key);
+}
+
+int import_pem(const command_line_t& line) {
+  const std::string& pem_path = line.options.at("--pem");
+  std::string text, error, reason;
+  update::secret_key_t key;
+  if (!read_whole(pem_path, text, error)) return fail(exit_failed, error);
+  if (!update::read_pem_key(text, key, reason)) return fail(exit_failed, pem_path + ": not a usable key: " + reason);
+  return write_key_files(line.arguments[0], key);
+}
+
+int export_pem(const command_line_t& line) {
+  const std::string &path = line.arguments[0], &pem_path = line.options.at("--pem");
+  std::string text, error, reason;
+  update::secret_key_t key;
+  if (!read_whole(path, text, error)) return fail(exit_failed, error);
+  if (!update::read_key_file(text, key, reason)) return fail(exit_failed, path + ": not a usable key: " + reason);
+  const bool secret = !key.secret.empty();
+  if (!create_new(pem_path, secret ? update::pem_secret_key(key) : update::pem_public_key(key.public_key),
+                  secret ? 0600 : 0644, error))
     return fail(exit_failed, error);
-  }
-  std::printf("%s: key %s (%s)\n%s: its secret key; keep it private\n", public_path.c_str(),
-              update::key_id(key.public_key).c_str(), update::key_type_name(type), secret_path.c_str());
+  std::printf("%s: %s key %s (%s)\n", pem_path.c_str(), secret ? "secret" : "public",
+              update::key_id(key.public_key).c_str(), update::key_type_name(key.public_key.type));
   return exit_ok;
 }
 
@@ -154,10 +194,13 @@ struct command_t {
   const char* name;
   std::vector<std::string> options;  // each required once
   int (*run)(const command_line_t&);
+  const char* argument = "FILE";  // what the one argument names
 };
 
 const command_t commands[] = {
-    {"keygen", {"--type"}, keygen},
+    {"keygen", {"--type"}, keygen, "NAME"},
+    {"import", {"--pem"}, import_pem, "NAME"},
+    {"export", {"--pem"}, export_pem},
     {"sign", {"--key", "--serial", "--expires"}, sign},
     {"verify", {"--keys"}, verify},
 };
@@ -192,7 +235,6 @@ int main(int argc, char** argv) {
   for (const auto& o : command->options)
     if (!line.options.count(o)) return fail(exit_usage, std::string(command->name) + ": " + o + " is missing");
   if (line.arguments.size() != 1)
-    return fail(exit_usage, std::string(command->name) + ": expects one " +
-                                (command->run == keygen ? "NAME" : "FILE") + " after its options");
+    return fail(exit_usage, std::string(command->name) + ": expects one " + command->argument + " after its options");
   return command->run(line);
 }

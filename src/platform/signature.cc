@@ -26,10 +26,25 @@ struct sexp_t {
 const char* curve_of(key_type_t type) { return type == key_type_t::ed25519 ? "Ed25519" : "GOST2012-256-A"; }
 const char* flags_of(key_type_t type) { return type == key_type_t::ed25519 ? "eddsa" : "gost"; }
 
-// libgcrypt writes a GOST point as 0x04 || x || y.
-std::string point_of(const public_key_t& key) {
-  return key.type == key_type_t::ed25519 ? key.bytes : "\x04" + key.bytes;
+// GOST's numbers travel little-endian, as its tools write them; libgcrypt
+// reads and writes them big-endian.
+std::string reversed(std::string_view bytes) { return std::string(bytes.rbegin(), bytes.rend()); }
+
+// A secret as libgcrypt takes it, and back: Ed25519's seed is a byte string.
+std::string swap_secret(key_type_t type, const std::string& secret) {
+  return type == key_type_t::ed25519 ? secret : reversed(secret);
 }
+
+// Each coordinate of x || y reversed, both ways between ours and libgcrypt's.
+std::string swap_coordinates(std::string_view xy) { return reversed(xy.substr(0, half)) + reversed(xy.substr(half)); }
+
+// libgcrypt's GOST point is 0x04 || x || y.
+std::string point_of(const public_key_t& key) {
+  return key.type == key_type_t::ed25519 ? key.bytes : "\x04" + swap_coordinates(key.bytes);
+}
+
+// Where r sits in a signature: R || S for Ed25519, s || r for GOST.
+size_t r_offset(key_type_t type) { return type == key_type_t::ed25519 ? 0 : half; }
 
 // The bytes of the element `name` of an S-expression.
 bool element(gcry_sexp_t list, const char* name, std::string& bytes) {
@@ -52,6 +67,15 @@ bool fixed_width(const std::string& bytes, size_t size, std::string& out) {
   return true;
 }
 
+// Without q: libgcrypt derives the public point from d.
+bool secret_sexp(const secret_key_t& key, sexp_t& out) {
+  const key_type_t type = key.public_key.type;
+  const std::string d = swap_secret(type, key.secret);
+  return key.secret.size() == secret_key_size &&
+         gcry_sexp_build(&out.s, nullptr, "(private-key (ecc (curve %s) (flags %s) (d %b)))", curve_of(type),
+                         flags_of(type), static_cast<int>(d.size()), d.data()) == 0;
+}
+
 bool public_sexp(const public_key_t& key, sexp_t& out) {
   if (key.bytes.size() != public_key_size(key.type)) return false;
   const std::string point = point_of(key);
@@ -66,9 +90,22 @@ bool data_sexp(key_type_t type, std::string_view message, sexp_t& out) {
   if (type == key_type_t::ed25519)
     return gcry_sexp_build(&out.s, nullptr, "(data (flags eddsa) (hash-algo sha512) (value %b))",
                            static_cast<int>(message.size()), message.data()) == 0;
-  const std::string digest = streebog256(message);
+  // GOST R 34.10-2012 reads the digest's bytes as a little-endian number.
+  const std::string digest = reversed(streebog256(message));
   return gcry_sexp_build(&out.s, nullptr, "(data (flags gost) (value %b))", static_cast<int>(digest.size()),
                          digest.data()) == 0;
+}
+
+// The public key of a point as libgcrypt encodes it, if it is on the curve.
+bool public_of_point(key_type_t type, std::string q, public_key_t& key) {
+  if (type == key_type_t::gost2012_256) {
+    if (q.size() != 1 + 2 * half || q[0] != '\x04') return false;
+    q = swap_coordinates(std::string_view(q).substr(1));
+  }
+  public_key_t made{type, std::move(q)};
+  if (!valid_public_key(made)) return false;
+  key = std::move(made);
+  return true;
 }
 
 }  // namespace
@@ -87,31 +124,41 @@ bool generate_key(key_type_t type, secret_key_t& key) {
   std::string d, q;
   if (!secret_part.s || !element(secret_part.s, "d", d) || !element(secret_part.s, "q", q)) return false;
   secret_key_t made;
-  made.public_key.type = type;
-  if (type == key_type_t::gost2012_256) {
-    if (q.size() != 1 + 2 * half || q[0] != '\x04') return false;
-    q.erase(0, 1);
-  }
-  made.public_key.bytes = q;
-  if (!fixed_width(d, secret_key_size, made.secret) || !valid_public_key(made.public_key)) return false;
+  if (!public_of_point(type, q, made.public_key) || !fixed_width(d, secret_key_size, made.secret)) return false;
+  made.secret = swap_secret(type, made.secret);
   key = std::move(made);
   return true;
 }
 
-bool sign_message(const secret_key_t& key, std::string_view message, std::string& signature) {
-  if (!platform::gcrypt_ready() || key.secret.size() != secret_key_size) return false;
-  // Without q: libgcrypt derives the public point from d, so a secret that
-  // is not the public key's fails the check below instead of signing wrong.
-  sexp_t secret, data, made;
-  if (gcry_sexp_build(&secret.s, nullptr, "(private-key (ecc (curve %s) (flags %s) (d %b)))", curve_of(key.public_key.type),
-                      flags_of(key.public_key.type), static_cast<int>(key.secret.size()), key.secret.data()) != 0 ||
-      !data_sexp(key.public_key.type, message, data) || gcry_pk_sign(&made.s, data.s, secret.s) != 0)
+bool derive_public_key(secret_key_t& key) {
+  sexp_t secret;
+  gcry_ctx_t context = nullptr;
+  if (!platform::gcrypt_ready() || !secret_sexp(key, secret) || gcry_mpi_ec_new(&context, secret.s, nullptr) != 0)
     return false;
-  std::string r, s, out, s_bytes;
-  if (!element(made.s, "r", r) || !element(made.s, "s", s) || !fixed_width(r, half, out) ||
+  const key_type_t type = key.public_key.type;
+  gcry_mpi_t q = gcry_mpi_ec_get_mpi(type == key_type_t::ed25519 ? "q@eddsa" : "q", context, 1);
+  gcry_ctx_release(context);
+  // libgcrypt hands the encoded point over as an opaque string of bytes.
+  unsigned int bits = 0;
+  const void* data = q && gcry_mpi_get_flag(q, GCRYMPI_FLAG_OPAQUE) ? gcry_mpi_get_opaque(q, &bits) : nullptr;
+  const std::string point = data ? std::string(static_cast<const char*>(data), (bits + 7) / 8) : std::string();
+  gcry_mpi_release(q);
+  return public_of_point(type, point, key.public_key);
+}
+
+bool sign_message(const secret_key_t& key, std::string_view message, std::string& signature) {
+  // The public point is not handed over, so a secret that is not the public
+  // key's fails the check below instead of signing wrong.
+  const key_type_t type = key.public_key.type;
+  sexp_t secret, data, made;
+  if (!platform::gcrypt_ready() || !secret_sexp(key, secret) || !data_sexp(type, message, data) ||
+      gcry_pk_sign(&made.s, data.s, secret.s) != 0)
+    return false;
+  std::string r, s, r_bytes, s_bytes;
+  if (!element(made.s, "r", r) || !element(made.s, "s", s) || !fixed_width(r, half, r_bytes) ||
       !fixed_width(s, half, s_bytes))
     return false;
-  out += s_bytes;
+  std::string out = r_offset(type) == 0 ? r_bytes + s_bytes : s_bytes + r_bytes;
   if (!verify_message(key.public_key, message, out)) return false;
   signature = std::move(out);
   return true;
@@ -124,7 +171,8 @@ bool verify_message(const public_key_t& key, std::string_view message, std::stri
          gcry_sexp_build(&sig.s, nullptr,
                          key.type == key_type_t::ed25519 ? "(sig-val (eddsa (r %b) (s %b)))"
                                                          : "(sig-val (gost (r %b) (s %b)))",
-                         static_cast<int>(half), signature.data(), static_cast<int>(half), signature.data() + half) == 0 &&
+                         static_cast<int>(half), signature.data() + r_offset(key.type), static_cast<int>(half),
+                         signature.data() + half - r_offset(key.type)) == 0 &&
          gcry_pk_verify(sig.s, data.s, pub.s) == 0;
 }
 

@@ -5,14 +5,14 @@
 //                 signature: R || S, 64 bytes, all as RFC 8032 encodes them.
 //   GOST 2012-256 GOST R 34.10-2012 with a 256-bit key on the parameter set
 //                 id-tc26-gost-3410-12-256-paramSetA (OID 1.2.643.7.1.2.1.1.1,
-//                 libgcrypt's "GOST2012-256-A"). It signs the GOST R
-//                 34.11-2012 (Streebog-256) digest of the message: the 32
-//                 digest bytes in the order the hash gives them (the order
-//                 of their hex in a decorated hash) read as a big-endian
-//                 number, reduced modulo the group order. Secret: d, 32
-//                 bytes; public: x || y, 64 bytes (affine coordinates);
-//                 signature: r || s, 64 bytes; every number big-endian and
-//                 left-padded with zeros to 32 bytes.
+//                 libgcrypt's "GOST2012-256-A"), in the byte layout of the
+//                 common GOST tools (RFC 4491, RFC 7091). It signs the GOST R
+//                 34.11-2012 (Streebog-256) digest of the message, its 32
+//                 bytes in the order the hash gives them read as a
+//                 little-endian number. Secret: d, 32 bytes little-endian
+//                 (as in a PKCS #8 key); public: x || y, 64 bytes, each
+//                 coordinate little-endian (as in a SubjectPublicKeyInfo);
+//                 signature: s || r, 64 bytes, each big-endian.
 //
 // Keys and signatures travel as raw bytes in std::string. Nothing here
 // reports or raises; every function is safe from any thread.
@@ -42,6 +42,10 @@ struct secret_key_t {
 // A fresh key pair from libgcrypt's strong random generator. False if
 // libgcrypt fails.
 bool generate_key(key_type_t type, secret_key_t& key);
+
+// Fills key.public_key.bytes from key.secret, for key.public_key.type. False
+// if libgcrypt fails or the secret makes no public key (GOST's zero).
+bool derive_public_key(secret_key_t& key);
 
 // Signs message (Ed25519) or its Streebog-256 digest (GOST) with the secret,
 // and checks the result against key.public_key before handing it out. False,

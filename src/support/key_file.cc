@@ -101,6 +101,14 @@ bool read_secret_key(std::string_view text, secret_key_t& key, std::string& reas
   return true;
 }
 
+bool read_key_file(std::string_view text, secret_key_t& key, std::string& reason) {
+  if (text.substr(0, secret_header.size()) == secret_header) return read_secret_key(text, key, reason);
+  secret_key_t read;
+  if (!read_public_key(text, read.public_key, reason)) return false;
+  key = std::move(read);
+  return true;
+}
+
 bool read_trusted_keys(const std::string& dir, std::vector<trusted_key_t>& keys, std::string& error) {
   namespace fs = std::filesystem;
   std::error_code failure;

@@ -22,6 +22,9 @@ std::string secret_key_text(const secret_key_t& key);
 // belong to its public key.
 bool read_public_key(std::string_view text, public_key_t& key, std::string& reason);
 bool read_secret_key(std::string_view text, secret_key_t& key, std::string& reason);
+// Either file: a secret key fills key, a public key fills key.public_key and
+// empties key.secret.
+bool read_key_file(std::string_view text, secret_key_t& key, std::string& reason);
 
 struct trusted_key_t {
   std::string name;  // its file name in the directory, e.g. "release.pub"

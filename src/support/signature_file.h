@@ -34,10 +34,13 @@
 // secret seed, a 32-byte public key, the signature R || S as RFC 8032
 // encodes it. gost2012-256: GOST R 34.10-2012 with a 256-bit key on the
 // parameter set id-tc26-gost-3410-12-256-paramSetA (OID
-// 1.2.643.7.1.2.1.1.1); it signs the Streebog-256 digest of the signed
-// bytes, its 32 bytes in the order the hash gives them read as a big-endian
-// number; the secret d is 32 bytes, the public key x || y 64 bytes, the
-// signature r || s 64 bytes, every number big-endian and padded to 32 bytes.
+// 1.2.643.7.1.2.1.1.1), in the layout of the common GOST tools; it signs the
+// Streebog-256 digest of the signed bytes, its 32 bytes in the order the
+// hash gives them read as a little-endian number; the secret d is 32 bytes
+// little-endian, the public key x || y 64 bytes, each coordinate
+// little-endian, the signature s || r 64 bytes, each big-endian. Either
+// kind's key bytes are the last 32 (secret) or the last 32 or 64 (public)
+// bytes of the DER form of OpenSSL's key files.
 //
 // A public key file (NAME.pub) and a secret key file (NAME.key, mode 0600,
 // no password) are text of the same kind:

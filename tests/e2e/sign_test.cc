@@ -64,4 +64,42 @@ TEST_F(SignTest, SignsAndVerifiesWithBothKindsAndRefusesWhatIsWrong) {
             std::string::npos);
 }
 
+// By the README's recipes: OpenSSL (GOST engine) and we take each other's keys and signatures; a changed byte fails.
+TEST_F(SignTest, OpenSslAndOurProgramsAcceptEachOthersKeysAndSignatures) {
+  fixtures::nginx_server_t server;
+  std::string error;
+  ASSERT_TRUE(server.start(error)) << error;
+  const auto readme = [](const std::string& title) {  // the code block that the comment "# title" opens
+    return "s=$(sed -n '/^    # " + title + "$/,/^$/s/^    //p' " CORVID_SOURCE_DIR "/README.md)\n[ -n \"$s\" ]\neval \"$s\"\n";
+  };
+  const auto shell = [&](const std::string& kind, const std::string& script) {  // in the kind's directory
+    const std::string there = "mkdir -p " + dir_.path(kind) + "\ncd " + dir_.path(kind) + "\nPATH=" CORVID_BIN_DIR ":$PATH\n";
+    return fixtures::run_program({"/bin/bash", "-euo", "pipefail", "-c", there + script}, dir_);
+  };
+  const std::string repo = server.root() + "/repo", ours = "corvid-update-sign sign --key release.key --serial 42 --expires 30 update.ini",
+                    verify = "corvid-update-sign verify --keys keys update.ini",
+                    agent = "mkdir -p " + repo + "\ncp update.ini update.ini.sig " + repo + "\ncorvid-update --root ../agent " +
+                            "--trusted-keys keys check " + server.url("/repo/") + " | tee /dev/stderr | grep -qx update_state=outofdate";
+  for (const std::string kind : {"ed25519", "gost2012-256"}) {
+    ASSERT_EQ(shell(kind, "cp " CORVID_SOURCE_DIR "/examples/repo/update.ini .\n" +
+                              readme(kind + ": a key made by OpenSSL, as key files") + "mv release.pem made.pem\n" +
+                              readme("either kind: key files back as OpenSSL keys") +
+                              "cmp release.pem made.pem\nmkdir keys\ncp release.pub keys/\n").exit_code, 0) << kind;
+    const std::string openssl = readme(kind + ": sign update.ini with OpenSSL"),
+                      checked = readme(kind + ": check update.ini.sig with OpenSSL");
+    for (const auto& [signer, verifier] : {std::pair{openssl, verify}, {openssl, agent}, {ours, checked}}) {
+      ASSERT_EQ(shell(kind, signer).exit_code, 0) << signer;
+      for (bool changed : {false, true}) {
+        std::string sig = read_file(dir_.path(kind + "/update.ini.sig"));
+        if (changed) sig[sig.size() - 2] = sig[sig.size() - 2] == '0' ? '1' : '0';
+        dir_.write(kind + "/update.ini.sig", sig);
+        const auto o = shell(kind, verifier);
+        const bool we_refused = (o.out + o.err).find("Signature check failed: bad signature by key") != std::string::npos;
+        EXPECT_EQ(std::pair(o.exit_code == 0, we_refused), std::pair(!changed, changed && verifier != checked))
+            << verifier << o.out << o.err;
+      }
+    }
+  }
+}
+
 }  // namespace
