@@ -97,9 +97,13 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_
   // and a redirect never leads to a local file.
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https,file");
   curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  // A private authority replaces the system's: its servers alone are trusted.
+  // A private authority replaces the system's, its directory of authorities
+  // included: its servers alone are trusted.
   const std::string ca_file = LPARAMS::server::ca_file();
-  if (!ca_file.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+  if (!ca_file.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+    curl_easy_setopt(handle, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+  }
 }
 
 // One transfer with the options set; the handle holds none afterwards.
