@@ -126,8 +126,8 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     error = "--xml goes with the status command only";
     return false;
   }
-  if (update::breaks_plain_value(options.cmdid)) {
-    error = "--cmdid takes no double quote, \"<\", \"&\" or control character";
+  if (update::has_xml_forbidden_byte(options.cmdid)) {
+    error = "--cmdid takes no control character";
     return false;
   }
   for (const auto& known : command_names) {
