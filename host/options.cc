@@ -35,6 +35,7 @@ constexpr value_option_t value_options[] = {
     {"--log", &options_t::log_file},
     {"--ca-file", &options_t::ca_file},
     {"--trusted-keys", &options_t::trusted_keys},
+    {"--description-timeout", &options_t::description_timeout},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
@@ -102,6 +103,12 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
   }
   const std::string command = std::move(positional.front());
   positional.pop_front();
+  const std::string& timeout = options.description_timeout;
+  if (!timeout.empty() && (timeout.size() > 5 || timeout.find_first_not_of("0123456789") != std::string::npos ||
+                           std::stoul(timeout) == 0 || std::stoul(timeout) > 86400)) {
+    error = "--description-timeout takes a number of seconds from 1 to 86400";
+    return false;
+  }
   if (command == "status") {
     if (!positional.empty()) {
       error = "status takes no URI";
@@ -182,6 +189,9 @@ Options:
   --ca-file PATH        HTTPS servers must have certificates from the
                         authorities in this PEM file (instead of the
                         system's); it must be readable at start
+  --description-timeout SECONDS
+                        the longest the fetch of a source's update.ini, and
+                        of its signature, may take (default 300)
   --trusted-keys DIR    every source's update.ini must come with an
                         update.ini.sig signed by one of the public keys
                         DIR/*.pub (default: the etc directory +

@@ -74,7 +74,7 @@ bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary
     report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
     return true;
   }
-  return download_file(handle, entry.uri, temporary, params, true, &streamed, entry.size);
+  return download_file(handle, entry.uri, temporary, params, true, &streamed, file_limits(params, entry.size));
 }
 
 // The hash of what fetch left under the temporary name: the one made while

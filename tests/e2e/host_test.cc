@@ -14,6 +14,7 @@
 #include <curl/curl.h>
 
 #include "agent/bridge.h"
+#include "fixtures/fault_server.h"
 #include "fixtures/nginx_server.h"
 #include "support/key_file.h"
 #include "support/signature_file.h"
@@ -52,6 +53,7 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
             std::string::npos);
   EXPECT_EQ(run({"--xml", "check"}).exit_code, 2);
   EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
+  EXPECT_EQ(run({"--description-timeout", "0", "check"}).exit_code, 2);
 }
 
 TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
@@ -282,6 +284,13 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
   const outcome_t typo = run({"--root", root, "--trusted-keys", root + "/etc/update-key", "check", source});
   EXPECT_EQ(typo.exit_code, 1);
   EXPECT_NE(typo.err.find("trusted keys: cannot read the directory " + root + "/etc/update-key"), std::string::npos) << typo.err;
+  // A server that drips the description or its signature, faster than the low-speed limit, is cut in time.
+  for (const std::string& dripped : {ini, ini + ".sig"}) {
+    fixtures::fault_server_t drip;
+    ASSERT_TRUE(drip.start(dripped, {}, "trickle&chunk=1&interval_ms=50", server_.root()));
+    const outcome_t o = run({"--root", root, "--no-verify", "--description-timeout", "1", "check", drip.url("/repo/")});
+    EXPECT_NE(o.out.find("Operation timed out after"), std::string::npos) << dripped << ": " << o.out;
+  }
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.

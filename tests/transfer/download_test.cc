@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -168,7 +169,7 @@ TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
     quiet();
     const file_status_t& entry = make_current_file("f.bin");
     platform::file_faults().fail_open_write = open_fails;
-    EXPECT_FALSE(download_file(handle, from, path, quick_params(2), true, nullptr, most));
+    EXPECT_FALSE(download_file(handle, from, path, quick_params(2), true, nullptr, {most}));
     platform::file_faults().fail_open_write = false;
     EXPECT_EQ(nginx.requests(served += requests).size(), served);
     EXPECT_EQ(read_file(target), "");
@@ -414,6 +415,30 @@ TEST_F(DownloadStage, VerifiesInTheTypeTheDescriptionNames) {
     EXPECT_EQ(f.error, good ? "" : "[f.bin] Hash mismatch. Calculated: " + gost + ", from update server: " + hash);
     EXPECT_EQ(status.derive_result(), good ? status_downloaded : status_error) << hash;
     EXPECT_TRUE(read_file(dir_.path("f.bin")) == (good ? source : "in place"));
+  }
+}
+
+// A server that sends too little for the file's size is cut at the time the size gives, with the
+// low-speed limit off.
+TEST_F(DownloadStage, DripIsCutAtTheTimeTheSizeGives) {
+  ASSERT_TRUE(serve({"trickle&chunk=10&interval_ms=50"}));
+  file_rule_t& rule = rule_of(server.url("/"), {"f.bin"});
+  ini.connect_timeout = 1, ini.download_lowtime = 0, ini.download_lowspeed = 6000;  // 1 s + 2 x 3000 / 6000 s
+  run(rule);
+  EXPECT_NE(entry("f.bin").error.find("Operation timed out after"), std::string::npos) << entry("f.bin").error;
+}
+
+TEST(FileLimits, GiveTwiceTheTimeAtTheLowSpeedAfterConnectAndSlowStart) {
+  constexpr uint64_t top = std::numeric_limits<int64_t>::max();
+  const std::tuple<int32_t, int32_t, int32_t, uint64_t, uint64_t> rows[] = {
+      {60, 10, 10, 1005, 271000}, {0, 0, 0, 1, 302000},  // libcurl's own connect limit, and 1 byte a second
+      {-1, -5, -3, 1, 302000},    {5, 5, 1000, 0, 0},    // no size: no limit
+      {1, 0, 1, top, std::numeric_limits<int>::max() * uint64_t{2000} + 1000}};  // never wraps
+  for (const auto& [connect, lowtime, lowspeed, size, ms] : rows) {
+    params_t params;
+    params.connect_timeout = connect, params.download_lowtime = lowtime, params.download_lowspeed = lowspeed;
+    EXPECT_EQ(file_limits(params, size).time_ms, ms) << connect << " " << lowtime << " " << lowspeed << " " << size;
+    EXPECT_EQ(file_limits(params, size).most, size);
   }
 }
 
