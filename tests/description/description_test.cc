@@ -322,6 +322,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {"global.v=1\x01\n" + f + "update_version=$(v)\nexec=x\n", error + "unusable character in version: 1\\x01"},
       {"[" + T + ".file=g]\nh=#T:\x02\ndownload_hash=$(h)\nupdate_version=1\nexec=x\n",
        error + "unusable character in hash: #T:\\x02"},
+      {"status_hash_of=a\x03\n" + f, error + "control character in file name: a\\x03"},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
