@@ -11,8 +11,6 @@
 #include <thread>
 #include <tuple>
 
-#include <curl/curl.h>
-
 #include "agent/bridge.h"
 #include "fixtures/fault_server.h"
 #include "fixtures/nginx_server.h"
@@ -53,7 +51,6 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
             std::string::npos);
   EXPECT_EQ(run({"--xml", "check"}).exit_code, 2);
   EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
-  EXPECT_EQ(run({"--description-timeout", "0", "check"}).exit_code, 2);
 }
 
 TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
@@ -169,27 +166,18 @@ TEST_F(HostTest, StopStartsNoFurtherCommand) {
 // Over HTTPS the server must show a certificate for its address from the
 // authority named by --ca-file; another authority or another name fails the
 // source with libcurl's text, and a CA file that cannot be read stops the
-// host at once. As root the other authority is also one of the system's (in
-// its directory of authorities, seen through a private mount), which the CA
-// file replaces.
+// host at once. As root the other authority is also in the system's directory
+// of authorities (a private mount over the one Debian's libcurl reads), which
+// the CA file replaces.
 TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
-  const std::string pki = dir_.path("pki"), system_cas = pki + "/system";
-  std::filesystem::create_directories(system_cas);
+  const std::string pki = dir_.path("pki"), system = pki + "/system";
+  std::filesystem::create_directories(system);
   ASSERT_TRUE(fixtures::make_certificate(pki, "good", "ours", "IP:127.0.0.1") &&
               fixtures::make_certificate(pki, "named", "ours", "DNS:other.example") &&
               fixtures::make_certificate(pki, "stranger", "theirs", "IP:127.0.0.1"));
-  std::string program = "corvid-update";
-  std::vector<std::string> args;
-  char* system_path = nullptr;
-  CURL* curl = curl_easy_init();
-  if (::getuid() == 0 && curl_easy_getinfo(curl, CURLINFO_CAPATH, &system_path) == CURLE_OK && system_path) {
-    std::filesystem::copy(pki + "/theirs-ca.pem", system_cas);
-    ASSERT_EQ(std::system(("openssl rehash " + system_cas).c_str()), 0);
-    program = "/usr/bin/unshare";
-    args = {"-m", "sh", "-c", "mount --bind \"$0\" \"$1\" && shift && exec \"$@\"", system_cas, system_path,
-            CORVID_BIN_DIR "/corvid-update"};
-  }
-  curl_easy_cleanup(curl);
+  std::vector<std::string> host{CORVID_BIN_DIR "/corvid-update"};
+  if (::getuid() == 0 && std::system(("cp " + pki + "/theirs-ca.pem " + system + " && openssl rehash " + system).c_str()) == 0)
+    host = {"/usr/bin/unshare", "-m", "sh", "-c", "mount --bind \"$0\" /etc/ssl/certs && exec \"$@\"", system, host[0]};
   const struct {
     const char* cert;
     const char* says;
@@ -202,9 +190,9 @@ TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
     std::string error;
     ASSERT_TRUE(server.start(error)) << error;
     std::filesystem::copy(CORVID_SOURCE_DIR "/examples/repo", server.root() + "/repo", std::filesystem::copy_options::recursive);
-    std::vector<std::string> argv = args;
-    argv.insert(argv.end(), {"--root", dir_.path(row.cert), "--ca-file", pki + "/ours-ca.pem", "download", server.url("/repo/")});
-    const outcome_t o = run(argv, program);
+    std::vector<std::string> args = host;
+    args.insert(args.end(), {"--root", dir_.path(row.cert), "--ca-file", pki + "/ours-ca.pem", "download", server.url("/repo/")});
+    const outcome_t o = run(args, "/usr/bin/env");
     EXPECT_NE(o.out.find(row.says), std::string::npos) << row.cert << ": " << o.out << o.err;
   }
   const outcome_t missing = run({"--root", dir_.path("x"), "--ca-file", pki + "/none.pem", "check", "https://127.0.0.1:1/"});
