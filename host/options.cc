@@ -1,5 +1,6 @@
 #include "host/options.h"
 
+#include <charconv>
 #include <cstring>
 #include <utility>
 
@@ -104,8 +105,10 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
   const std::string command = std::move(positional.front());
   positional.pop_front();
   const std::string& timeout = options.description_timeout;
-  if (!timeout.empty() && (timeout.size() > 5 || timeout.find_first_not_of("0123456789") != std::string::npos ||
-                           std::stoul(timeout) == 0 || std::stoul(timeout) > 86400)) {
+  unsigned long seconds = 0;
+  const auto [end, failed] = std::from_chars(timeout.data(), timeout.data() + timeout.size(), seconds);
+  if (!timeout.empty() && (failed != std::errc() || end != timeout.data() + timeout.size() || seconds == 0 ||
+                           seconds > 86400)) {
     error = "--description-timeout takes a number of seconds from 1 to 86400";
     return false;
   }
