@@ -14,6 +14,7 @@ struct values_t {
   bool verify_downloads = true;  // guarded by lock
   std::string ca_file;           // guarded by lock; empty: the system's
   std::string trusted_keys_dir;  // guarded by lock; empty: the default
+  unsigned description_timeout = 300;  // guarded by lock
 };
 
 values_t& values() {
@@ -45,6 +46,9 @@ std::string server::verify_downloads_name() { return "verify_downloads"; }
 
 std::string server::ca_file() { return read(&values_t::ca_file); }
 void server::set_ca_file(const std::string& path) { write(&values_t::ca_file, path); }
+
+unsigned server::description_timeout() { return read(&values_t::description_timeout); }
+void server::set_description_timeout(unsigned seconds) { write(&values_t::description_timeout, seconds); }
 
 std::string server::trusted_keys_dir() { return read(&values_t::trusted_keys_dir); }
 void server::set_trusted_keys_dir(const std::string& dir) { write(&values_t::trusted_keys_dir, dir); }

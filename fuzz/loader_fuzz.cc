@@ -8,7 +8,9 @@
 //  - a refused description has reported why (start-up may refuse silently);
 //  - the rules of a loaded one are well formed, one per file name, and
 //    their names are ones the status file can carry;
-//  - a second load of the same text gives the same rules.
+//  - a second load of the same text gives the same rules;
+//  - the status a check plans from a loaded one, saved, reads back with the
+//    same entries, whatever the description's values hold.
 #include <unistd.h>
 
 #include <atomic>
@@ -16,7 +18,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <list>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,9 +29,12 @@
 #include "description/inivars.h"
 #include "facts/hash_cache.h"
 #include "platform/local_params.h"
+#include "planning/plan_rule.h"
+#include "planning/reconcile.h"
 #include "platform/process.h"
 #include "records/update_ini.h"
 #include "status/status.h"
+#include "status/status_file.h"
 #include "support/xml_text.h"
 
 namespace {
@@ -101,6 +108,42 @@ void check_rules(const update::update_ini_t& ini) {
   }
 }
 
+// Every field the status file keeps of the entries and the hashes.
+std::string entries_text(const update::status_t& status) {
+  std::string text;
+  for (const auto& f : status.files) {
+    text += f.name + "|" + std::to_string(f.state) + "|" + f.current_version + "|" + f.update_version + "|" +
+            f.download_hash + "|" + std::to_string(f.download_size) + "|" + std::to_string(f.total_size) + "|" +
+            f.uri + "|" + std::to_string(f.type) + "|" + f.error + "|" + f.installed_time + "|" + f.uptodate_time +
+            "\n";
+  }
+  for (const auto& [file, list] : status.hashes.entries)
+    for (const auto& hash : list) text += file + "=" + hash + "\n";
+  return text;
+}
+
+// What a check makes of the loaded sources, as the run driver does it, into
+// a fresh status, which is then written and read as the next start would.
+void check_status_reads_back(std::list<update::update_ini_t>& sources) {
+  update::status_t& status = update::status;
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  status.reset();
+  status.save_enabled = false;
+  sources.front().merged = true;
+  update::plans_t plans;
+  update::reconcile_status(sources, status, plans, dir);
+  for (update::file_rule_t* rule : plans) update::plan_rule(*rule, dir);
+  status.verify_versions(dir);
+  status.rehash();
+  status.render_xml();
+  update::status_t read_back;
+  std::lock_guard<std::recursive_mutex> hold_read(read_back.lock);
+  std::istringstream in(status.xml);
+  update::read_status(read_back, in, "status.xml");
+  check(read_back.messages.empty(), "the saved status reads back");
+  check(entries_text(read_back) == entries_text(status), "the saved status reads back with the same entries");
+}
+
 }  // namespace
 
 // Hashing only inside the scratch directory; elsewhere the file is absent.
@@ -111,6 +154,14 @@ extern "C" bool __wrap__ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_string
   if (path.compare(0, dir.size(), dir) != 0 || path.find("..") != std::string::npos) return false;
   return __real__ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_RS5_(
       path, type, result);
+}
+
+// Planning may delete downloads; only inside the scratch directory.
+extern "C" bool __real__ZN6update8platform11remove_fileEPKc(const char* path);
+extern "C" bool __wrap__ZN6update8platform11remove_fileEPKc(const char* path) {
+  const std::string text = path;
+  if (text.compare(0, dir.size(), dir) != 0 || text.find("..") != std::string::npos) return false;
+  return __real__ZN6update8platform11remove_fileEPKc(path);
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -134,7 +185,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::string first;
       for (int round = 0; round < 2; ++round) {
         failures = 0;
-        update::update_ini_t ini;
+        std::list<update::update_ini_t> sources(1);
+        update::update_ini_t& ini = sources.front();
         ini.uri = "http://source/path?q=1";
         update::hash_cache_t hashes;
         const bool ok = update::load_update_ini(ini, vars, hashes, dir, "corvid_update.ini", mode);
@@ -147,6 +199,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           first = rules_text(ini);
         else
           check(rules_text(ini) == first, "a second load gives the same rules");
+        if (round == 0 && mode == 0) check_status_reads_back(sources);
       }
     }
   }

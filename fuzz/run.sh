@@ -3,7 +3,8 @@
 # behaviour sanitizers, and runs them one after the other:
 #   ini     the ini engine and the indexed reader, from their sources
 #   loader  the whole description loader, both formats, from the module's
-#           and the agent's sources; it starts no process
+#           and the agent's sources, and the status a check plans from
+#           what it loads, saved and read back; it starts no process
 #   status  the status reader, and the writer and reader together
 #   bridge  the bridge's frames, the client's reply and the module's messages
 #   signature  update.ini.sig and its check, the key files and PEM keys, the serial store
@@ -21,6 +22,7 @@ OUT=$ROOT/fuzz-out
 FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
 CALC_HASH=_ZN15HashFileChecker8CalcHashERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES7_RS5_
+REMOVE_FILE=_ZN6update8platform11remove_fileEPKc
 
 sources_of() {
   case $1 in
@@ -44,7 +46,7 @@ sources_of() {
 
 libs_of() {
   case $1 in
-    loader) echo -Wl,--wrap="$CALC_HASH" -lcurl -lgcrypt -lpugixml -lpthread ;;
+    loader) echo -Wl,--wrap="$CALC_HASH" -Wl,--wrap="$REMOVE_FILE" -lcurl -lgcrypt -lpugixml -lpthread ;;
     status) echo -lpugixml ;;
     signature) echo -lgcrypt ;;
   esac

@@ -4,8 +4,7 @@
 //  - a corrupted file leaves nothing but the failure;
 //  - what was read keeps the record's invariants (states in range, sizes
 //    that fit the size rule, only decorated hashes under non-empty names);
-//  - what was read, written and read again renders the same, unless a field
-//    the writer puts out unescaped holds markup (kept so on purpose);
+//  - what was read, written and read again renders the same;
 //  - a record made from the same bytes, written and read, comes back with
 //    every stored field, as far as the file keeps it.
 #include <fuzzer/FuzzedDataProvider.h>
@@ -49,47 +48,36 @@ void check_invariants(const update::status_t& status) {
   }
 }
 
-// The writer puts these out with their markup as it stands, which cannot
-// come back whole; nor can the order of the hashes when a byte XML cannot
-// carry, written as U+FFFD, moves a file's name.
+// The order of the hashes cannot come back when a byte XML cannot carry,
+// written as U+FFFD, moves a file's name.
 bool writes_back_whole(const update::status_t& status) {
-  auto plain = [](const std::string& v) { return v.find_first_of("\"<&") == std::string::npos; };
-  if (!plain(status.cmd) || !plain(status.cmdid) || !plain(status.start_time)) return false;
-  for (const auto& f : status.files) {
-    if (!plain(f.current_version) || !plain(f.update_version) || !plain(f.download_hash) ||
-        !plain(f.installed_time) || !plain(f.uptodate_time))
-      return false;
-  }
   for (const auto& entry : status.hashes.entries)
     if (update::has_xml_forbidden_byte(entry.first)) return false;
   return true;
 }
 
-// Text as the writer may get it; a field written unescaped loses markup, and
-// a byte XML cannot carry is written as U+FFFD.
-std::string text(FuzzedDataProvider& in, bool unescaped) {
+// Text as the writer may get it, but for a byte XML cannot carry, which is
+// written as U+FFFD.
+std::string text(FuzzedDataProvider& in) {
   std::string t = in.ConsumeRandomLengthString(24);
-  std::erase_if(t, [&](char c) {
-    return update::xml_forbidden_byte(static_cast<unsigned char>(c)) ||
-           (unescaped && (c == '"' || c == '<' || c == '&'));
-  });
+  std::erase_if(t, [](char c) { return update::xml_forbidden_byte(static_cast<unsigned char>(c)); });
   return t;
 }
 
 void make_record(update::status_t& status, FuzzedDataProvider& in) {
-  status.cmd = text(in, true), status.cmdid = text(in, true), status.start_time = text(in, true);
+  status.cmd = text(in), status.cmdid = text(in), status.start_time = text(in);
   for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n)
-    status.messages.push_back({text(in, false), text(in, false), in.ConsumeIntegral<int32_t>()});
+    status.messages.push_back({text(in), text(in), in.ConsumeIntegral<int32_t>()});
   for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) {
     update::file_status_t& f = status.files.emplace_back();
-    f.name = text(in, false), f.type = in.ConsumeIntegral<int32_t>();
+    f.name = text(in), f.type = in.ConsumeIntegral<int32_t>();
     f.state = static_cast<update::file_state_t>(in.ConsumeIntegral<int32_t>());
-    f.current_version = text(in, true), f.update_version = text(in, true), f.download_hash = text(in, true);
+    f.current_version = text(in), f.update_version = text(in), f.download_hash = text(in);
     f.download_size = in.ConsumeIntegral<uint64_t>(), f.total_size = in.ConsumeIntegral<uint64_t>();
-    f.uri = text(in, false), f.error = text(in, false);
-    f.installed_time = text(in, true), f.uptodate_time = text(in, true);
+    f.uri = text(in), f.error = text(in);
+    f.installed_time = text(in), f.uptodate_time = text(in);
   }
-  for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) status.hashes.store(text(in, false), text(in, false));
+  for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) status.hashes.store(text(in), text(in));
 }
 
 uint64_t kept_size(uint64_t size) { return (size >> 63) ? 0 : size; }

@@ -100,6 +100,8 @@ bool configure_agent(const options_t& options) {
   }
   LPARAMS::server::set_ca_file(options.ca_file);
   LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
+  if (!options.description_timeout.empty())
+    LPARAMS::server::set_description_timeout(static_cast<unsigned>(std::stoul(options.description_timeout)));
   std::vector<update::trusted_key_t> keys;
   std::string error;
   if (!update::load_trusted_keys(keys, error)) {

@@ -1,5 +1,6 @@
 #include "host/options.h"
 
+#include <charconv>
 #include <cstring>
 #include <utility>
 
@@ -35,6 +36,7 @@ constexpr value_option_t value_options[] = {
     {"--log", &options_t::log_file},
     {"--ca-file", &options_t::ca_file},
     {"--trusted-keys", &options_t::trusted_keys},
+    {"--description-timeout", &options_t::description_timeout},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
@@ -102,6 +104,14 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
   }
   const std::string command = std::move(positional.front());
   positional.pop_front();
+  const std::string& timeout = options.description_timeout;
+  unsigned long seconds = 0;
+  const auto [end, failed] = std::from_chars(timeout.data(), timeout.data() + timeout.size(), seconds);
+  if (!timeout.empty() && (failed != std::errc() || end != timeout.data() + timeout.size() || seconds == 0 ||
+                           seconds > 86400)) {
+    error = "--description-timeout takes a number of seconds from 1 to 86400";
+    return false;
+  }
   if (command == "status") {
     if (!positional.empty()) {
       error = "status takes no URI";
@@ -126,8 +136,8 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     error = "--xml goes with the status command only";
     return false;
   }
-  if (update::breaks_plain_value(options.cmdid)) {
-    error = "--cmdid takes no double quote, \"<\", \"&\" or control character";
+  if (update::has_xml_forbidden_byte(options.cmdid)) {
+    error = "--cmdid takes no control character";
     return false;
   }
   for (const auto& known : command_names) {
@@ -182,6 +192,9 @@ Options:
   --ca-file PATH        HTTPS servers must have certificates from the
                         authorities in this PEM file (instead of the
                         system's); it must be readable at start
+  --description-timeout SECONDS
+                        the longest the fetch of a source's update.ini, and
+                        of its signature, may take (default 300)
   --trusted-keys DIR    every source's update.ini must come with an
                         update.ini.sig signed by one of the public keys
                         DIR/*.pub (default: the etc directory +

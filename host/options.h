@@ -21,6 +21,7 @@ struct options_t {
   bool no_verify = false;
   std::string ca_file;  // HTTPS: the authorities to trust; empty: the system's
   std::string trusted_keys;  // the keys descriptions must be signed with; empty: the default directory
+  std::string description_timeout;  // seconds, 1 to 86400; empty: the default
   bool stats = false;  // saves and disk syncs on stderr at the end
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string socket_group;  // serve: the group that may use the socket; empty: owner-only

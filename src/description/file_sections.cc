@@ -143,8 +143,6 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   }
 
   std::string update_version = section.take_value("update_version", nullptr);
-  if (breaks_plain_value(update_version))
-    throw "unusable character in version: " + xml_forbidden_shown(update_version);
   string_list_t exec;
   section.take_values("exec", exec);
   if (exec.empty()) throw "missing required field 'exec' in section: " + section.name;
@@ -183,10 +181,16 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
 
   sets.apply(update_version);
   if (update_version.empty()) throw "empty value of 'update_version' in section: " + section.name;
+  // The status file carries the version and the hash as they come out of
+  // substitution.
+  if (has_xml_forbidden_byte(update_version))
+    throw "unusable character in version: " + xml_forbidden_shown(update_version);
   sets.locals.add("update_version", update_version);
 
   if (!no_download) {
     if (!download_hash.empty()) sets.apply(download_hash);
+    if (has_xml_forbidden_byte(download_hash))
+      throw "unusable character in hash: " + xml_forbidden_shown(download_hash);
     sets.locals.add("download_hash", download_hash);
     if (!download_file.empty())
       sets.apply(download_file);

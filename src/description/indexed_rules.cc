@@ -54,6 +54,10 @@ bool read_file_list(const std::string& files, const std::string& hashes, const s
     report_error(format_message("control character in file name: %s", xml_forbidden_shown(files).c_str()));
     return false;
   }
+  if (has_xml_forbidden_byte(hashes)) {
+    report_error(format_message("unusable character in hash: %s", xml_forbidden_shown(hashes).c_str()));
+    return false;
+  }
   const char* file_cursor = files.c_str();
   const char* hash_cursor = hashes.c_str();
   const char* size_cursor = sizes.c_str();
@@ -121,7 +125,7 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
     if (index == 1 && mode == 1) return !ini.rules.empty();
     file_rule_t rule;
     rule.update_version = value("version", index, "");
-    if (breaks_plain_value(rule.update_version)) {
+    if (has_xml_forbidden_byte(rule.update_version)) {
       report_error(format_message("unusable character in version: %s", xml_forbidden_shown(rule.update_version).c_str()));
       return false;
     }

@@ -9,6 +9,7 @@
 #include "description/inivars.h"
 #include "description/section_reader.h"
 #include "support/ini_file.h"
+#include "support/xml_text.h"
 
 namespace update {
 
@@ -73,6 +74,9 @@ bool read_section_rules(CIniFile& ini_file, const std::string& section_name, upd
   };
   take_commands("exec_before_update", ini.exec_before_update);
   take_commands("status_hash_of", ini.status_hash_of);
+  // The status keeps a hash under the file's name.
+  for (const auto& path : ini.status_hash_of)
+    if (has_xml_forbidden_byte(path)) throw "control character in file name: " + xml_forbidden_shown(path);
 
   read_file_sections({product, section_name, ini, dir, hashes, file_sections, hash_sections, name_offset, globals,
                       global_hash_of, global_version_of, map_to, ini_hash_type});

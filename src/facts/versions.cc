@@ -83,7 +83,7 @@ void current_version_of(const std::string& dir, const std::string& name, std::st
   while (std::getline(in, version)) {
     trim_line(version);
     if (version.empty()) continue;
-    if (!breaks_plain_value(version)) return;
+    if (!has_xml_forbidden_byte(version)) return;
     // The status file could not hold it: no version at all.
     version.clear();
     return tell("unusable in file");

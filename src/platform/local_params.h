@@ -21,6 +21,11 @@ class server {
   static std::string ca_file();
   static void set_ca_file(const std::string& path);
 
+  // The longest a source's update.ini, or its signature, may take to fetch,
+  // in seconds, however steadily a server sends it.
+  static unsigned description_timeout();
+  static void set_description_timeout(unsigned seconds);
+
   // The directory of the public keys (*.pub) that every source's update.ini
   // must be signed with; empty means the default, "update-keys" in the
   // agent's etc directory, which may be absent. A directory named here must

@@ -20,19 +20,19 @@ namespace {
 const char status_file_name[] = "corvid_update_status.xml";
 const char xml_declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
-// How a value is written. Attribute values escape "&", "<", ">" and the
-// double quote, texts all but the quote; plain values (the daemon's own
-// words, versions, hashes and times) are trusted with markup. Whatever a
-// reader would change comes as a reference: a carriage return everywhere (it
-// reads as a line feed), tab and line feed in attribute values, plain ones
-// included (they read as blanks). A byte XML cannot carry becomes U+FFFD.
-enum class escape_t { plain, attribute, text };
+// How a value is written, so that it reads back byte for byte whoever chose
+// it: attribute values escape "&", "<", ">" and the double quote, texts all
+// but the quote. Whatever a reader would change comes as a reference: a
+// carriage return everywhere (it reads as a line feed), tab and line feed in
+// attribute values (they read as blanks). A byte XML cannot carry becomes
+// U+FFFD.
+enum class escape_t { attribute, text };
 
 const char* replacement(unsigned char c, escape_t kind) {
   switch (c) {
-    case '&': return kind == escape_t::plain ? nullptr : "&amp;";
-    case '<': return kind == escape_t::plain ? nullptr : "&lt;";
-    case '>': return kind == escape_t::plain ? nullptr : "&gt;";
+    case '&': return "&amp;";
+    case '<': return "&lt;";
+    case '>': return "&gt;";
     case '"': return kind == escape_t::attribute ? "&quot;" : nullptr;
     case '\r': return "&#13;";
     case '\t': return kind == escape_t::text ? nullptr : "&#9;";
@@ -55,7 +55,6 @@ void append_escaped(std::string& out, std::string_view text, escape_t kind) {
 
 void append_attr_escaped(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::attribute); }
 void append_text_escaped(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::text); }
-void append_plain(std::string& out, std::string_view text) { append_escaped(out, text, escape_t::plain); }
 
 // Decimal of an unsigned 64-bit value, as "%llu" writes it.
 void append_decimal(std::string& out, uint64_t value) {
@@ -71,10 +70,10 @@ void open_file_attr(std::string& out, const char* name) {
   out += "=\"";
 }
 
-void append_plain_file_attr(std::string& out, const char* name, const std::string& value) {
+void append_file_attr(std::string& out, const char* name, const std::string& value) {
   if (value.empty()) return;
   open_file_attr(out, name);
-  append_plain(out, value);
+  append_attr_escaped(out, value);
   out += '"';
 }
 
@@ -91,23 +90,19 @@ void render_file(std::string& out, const file_status_t& f) {
   out += "\" state=\"";
   out += file_state_text(f.state);
   out += '"';
-  append_plain_file_attr(out, "current_version", f.current_version);
-  append_plain_file_attr(out, "update_version", f.update_version);
-  append_plain_file_attr(out, "download_hash", f.download_hash);
+  append_file_attr(out, "current_version", f.current_version);
+  append_file_attr(out, "update_version", f.update_version);
+  append_file_attr(out, "download_hash", f.download_hash);
   append_size_file_attr(out, "download_size", f.download_size);
   append_size_file_attr(out, "total_size", f.total_size);
-  if (!f.uri.empty()) {
-    open_file_attr(out, "uri");
-    append_attr_escaped(out, f.uri);
-    out += '"';
-  }
+  append_file_attr(out, "uri", f.uri);
   if (f.type == 1) {
     open_file_attr(out, "type");
     out += agent_type_text;
     out += '"';
   }
-  append_plain_file_attr(out, "installed_time", f.installed_time);
-  append_plain_file_attr(out, "uptodate_time", f.uptodate_time);
+  append_file_attr(out, "installed_time", f.installed_time);
+  append_file_attr(out, "uptodate_time", f.uptodate_time);
   if (f.error.empty()) {
     out += "\n/>\n";
   } else {
@@ -139,11 +134,11 @@ void status_t::render_xml() {
   out += "\" total_size=\"";
   append_decimal(out, sum_total_size());
   out += "\" cmd=\"";
-  append_plain(out, cmd);
+  append_attr_escaped(out, cmd);
   out += "\" cmdid=\"";
-  append_plain(out, cmdid);
+  append_attr_escaped(out, cmdid);
   out += "\" start_time=\"";
-  append_plain(out, start_time);
+  append_attr_escaped(out, start_time);
   out += "\">\n";
   for (const auto& m : messages) {
     if (m.text.empty()) continue;

@@ -13,12 +13,6 @@ constexpr bool xml_forbidden_byte(unsigned char c) { return c < 0x20 && c != '\t
 // True when text holds such a byte.
 bool has_xml_forbidden_byte(std::string_view text);
 
-// True when text cannot stand in the status file as it is: the file writes
-// versions and the command's id without escapes, so a double quote, "<" or
-// "&" there, or a byte XML cannot carry, would make the whole file
-// unreadable at the next start. Checked where such values come in.
-bool breaks_plain_value(std::string_view text);
-
 // text with each such byte written as "\xNN", for a message that shows it.
 std::string xml_forbidden_shown(std::string_view text);
 

@@ -1,5 +1,6 @@
 #include "transfer/download.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <limits>
 #include <memory>
@@ -19,6 +20,9 @@ namespace {
 
 using file_ptr = std::unique_ptr<FILE, file_closer_t>;
 using ull = unsigned long long;
+
+// libcurl takes no longer time limit (about 24 days).
+constexpr uint64_t longest_time_ms = std::numeric_limits<int>::max();
 
 uint64_t counter(curl_off_t value) { return value > 0 ? static_cast<uint64_t>(value) : 0; }
 
@@ -63,7 +67,7 @@ void store_download_offset(uint64_t offset) {
 // Every attempt sets all options again, since the reset after each transfer
 // clears them. The order is kept fixed on purpose.
 void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_write_callback write, void* sink,
-                 flush_context_t* context, const params_t& params, uint64_t offset) {
+                 flush_context_t* context, const params_t& params, uint64_t offset, uint64_t time_ms) {
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error_buffer);
   curl_easy_setopt(handle, CURLOPT_VERBOSE, 0L);
@@ -80,7 +84,9 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, xfer_progress_cb);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, context);
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 0L);
+  // The low-speed limit alone lets a server that sends a little now and
+  // then hold the worker for days.
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(std::min(time_ms, longest_time_ms)));
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(params.connect_timeout));
   curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(params.download_lowtime));
   curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, static_cast<long>(params.download_lowspeed));
@@ -97,9 +103,13 @@ void set_options(CURL* handle, const std::string& url, char* error_buffer, curl_
   // and a redirect never leads to a local file.
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https,file");
   curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  // A private authority replaces the system's: its servers alone are trusted.
+  // A private authority replaces the system's, its directory of authorities
+  // included: its servers alone are trusted.
   const std::string ca_file = LPARAMS::server::ca_file();
-  if (!ca_file.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+  if (!ca_file.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, ca_file.c_str());
+    curl_easy_setopt(handle, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+  }
 }
 
 // One transfer with the options set; the handle holds none afterwards.
@@ -184,6 +194,16 @@ size_t write_text(char* bytes, size_t, size_t count, void* context) {
 
 }  // namespace
 
+transfer_limits_t file_limits(const params_t& params, uint64_t size) {
+  if (size == 0) return {};
+  // A connect limit libcurl would not take leaves its own, 300 s.
+  const uint64_t connect = params.connect_timeout > 0 ? static_cast<uint64_t>(params.connect_timeout) : 300;
+  const uint64_t slow = params.download_lowtime > 0 ? static_cast<uint64_t>(params.download_lowtime) : 0;
+  const uint64_t rate = params.download_lowspeed > 0 ? static_cast<uint64_t>(params.download_lowspeed) : 1;
+  const uint64_t ms = (connect + slow) * 1000 + std::min(size / rate, longest_time_ms) * 2000 + size % rate * 2000 / rate;
+  return {size, ms};
+}
+
 int xfer_progress_cb(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t, curl_off_t) {
   if (stop_requested()) return 1;
   const uint64_t now = counter(dlnow);
@@ -209,7 +229,7 @@ int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultot
 }
 
 bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume, body_hash_t* hash, uint64_t most) {
+                   bool resume, body_hash_t* hash, const transfer_limits_t& limits) {
   char error_buffer[CURL_ERROR_SIZE] = {};
   int32_t retry = 0;
   bool rolled_back = false;
@@ -229,9 +249,9 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
                                ull{offset}, retry, params.download_retry));
       flush_context_t context{file.get(), 0, params.download_fsync_size};
-      body_sink_t sink{file.get(), hash, offset, most};
+      body_sink_t sink{file.get(), hash, offset, limits.most};
       set_options(handle, url, error_buffer, write_body, &sink,
-                  params.download_fsync_size != 0 ? &context : nullptr, params, offset);
+                  params.download_fsync_size != 0 ? &context : nullptr, params, offset, limits.time_ms);
       long response_code = 0;
       result = perform(handle, response_code);
       // The disk takes the tail while the hash catches up.
@@ -243,7 +263,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       }
       if (!closed && result == CURLE_OK) result = CURLE_WRITE_ERROR;
       if (sink.too_long)
-        std::snprintf(error_buffer, sizeof error_buffer, "the server sent more than %llu bytes", ull{most});
+        std::snprintf(error_buffer, sizeof error_buffer, "the server sent more than %llu bytes", ull{limits.most});
       if (result == CURLE_OK) {
         report(4, format_message("Download completed: %s -> %s", url.c_str(), path.c_str()));
         return true;
@@ -264,12 +284,12 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
 }
 
 text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& params, size_t limit,
-                        std::string& text, std::string& reason) {
+                        uint64_t time_ms, std::string& text, std::string& reason) {
   char error_buffer[CURL_ERROR_SIZE] = {};
   for (int32_t retry = 0;; ++retry) {
     text.clear();
     text_sink_t sink{&text, limit};
-    set_options(handle, url, error_buffer, write_text, &sink, nullptr, params, 0);
+    set_options(handle, url, error_buffer, write_text, &sink, nullptr, params, 0, time_ms);
     long code = 0;
     const CURLcode result = perform(handle, code);
     if (result == CURLE_OK || sink.cut) return text_fetch_t::fetched;

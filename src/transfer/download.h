@@ -22,6 +22,19 @@ struct flush_context_t {
   uint64_t flush_interval = 0;  // download_fsync_size
 };
 
+// What bounds one attempt of a transfer besides the low-speed limit, which a
+// server that sends a little now and then keeps to.
+struct transfer_limits_t {
+  uint64_t most = 0;     // the file never grows past most bytes; 0: no limit
+  uint64_t time_ms = 0;  // the longest the attempt may take; 0: no limit
+};
+
+// A file of size bytes (0: not known) fetched with params: most is size, and
+// an attempt may take the connect time, the low-speed time and twice as long
+// as size bytes take at the low speed (counted as at least 1 byte a second).
+// A file without a size has no time limit.
+transfer_limits_t file_limits(const params_t& params, uint64_t size);
+
 // Called on the update worker by the retrieval of update.ini (resume false)
 // and by the download stage (resume true). Returns true when the file is
 // complete. False when the target cannot be opened, the attempts
@@ -33,12 +46,15 @@ struct flush_context_t {
 // 0) restarts the transfer from byte 0 without resume and without using an
 // attempt. With hash, the body is hashed on its way to the file, and the
 // hash follows the file through rollbacks, restarts and retries (see
-// body_hash_t::result for when it holds). With most, the file never grows
-// past most bytes: a server that sends more fails the attempt with "the
-// server sent more than MOST bytes". The handle holds no options after the
-// call. Takes the module lock and the status lock, one at a time.
-bool download_file(CURL* handle, const std::string& url, const std::string& path,
-                   const params_t& params, bool resume, body_hash_t* hash = nullptr, uint64_t most = 0);
+// body_hash_t::result for when it holds). With limits.most, the file never
+// grows past most bytes: a server that sends more fails the attempt with
+// "the server sent more than MOST bytes"; an attempt that takes longer than
+// limits.time_ms, or libcurl's longest limit (about 24 days), fails with
+// libcurl's "Operation timed out". The handle
+// holds no options after the call. Takes the module lock and the status
+// lock, one at a time.
+bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
+                   bool resume, body_hash_t* hash = nullptr, const transfer_limits_t& limits = {});
 
 // How fetch_text ended. missing: the server has no such file (HTTP 404 or
 // 410, or no local file); failed: any other failure.
@@ -48,10 +64,11 @@ enum class text_fetch_t { fetched, missing, failed };
 // attempts as download_file, but no file, no resume and no report, so that
 // the caller alone words what a failure means. A body longer than limit is
 // cut after limit + 1 bytes and counts as fetched: the caller sees that it
-// is too long, and a hostile server cannot make it grow. reason is
-// libcurl's text when failed. The handle holds no options after the call.
+// is too long, and a hostile server cannot make it grow. An attempt takes
+// at most time_ms (0: no limit). reason is libcurl's text when failed. The
+// handle holds no options after the call.
 text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& params, size_t limit,
-                        std::string& text, std::string& reason);
+                        uint64_t time_ms, std::string& text, std::string& reason);
 
 // libcurl progress callbacks; both are always set, and the libcurl in use
 // picks one. context is a flush_context_t or null. Returns 1 (abort) once

@@ -74,7 +74,7 @@ bool fetch(CURL* handle, const file_entry_t& entry, const std::string& temporary
     report(4, format_message("Download already complete: %s -> %s", entry.uri.c_str(), temporary.c_str()));
     return true;
   }
-  return download_file(handle, entry.uri, temporary, params, true, &streamed, entry.size);
+  return download_file(handle, entry.uri, temporary, params, true, &streamed, file_limits(params, entry.size));
 }
 
 // The hash of what fetch left under the temporary name: the one made while
@@ -118,12 +118,25 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       report_error(format_message("Failed to calculate hash for file: %s", temporary.c_str()));
       return;
     }
+    // Verified before it takes its final name, which may lie outside the
+    // update directory: bytes the description does not promise never replace
+    // what is there. They go, so that the next run fetches anew, and the
+    // entry keeps the promised hash, so that planning finds nothing
+    // downloaded to drop.
+    if (!entry.hash.empty() && !hash_equal(entry.hash, calculated)) {
+      platform::remove_file(temporary.c_str());
+      {
+        std::lock_guard<std::recursive_mutex> hold(status.lock);
+        status.file_entry(entry.name).download_size = 0;
+      }
+      report(0, format_message("[%s] Hash mismatch. Calculated: %s, from update server: %s", entry.name.c_str(),
+                               calculated.c_str(), entry.hash.c_str()));
+      return;
+    }
     if (!platform::sync_path(temporary.c_str())) {
       report_error(format_message("Failed to write downloaded file to disk: %s", temporary.c_str()));
       return;
     }
-    // The file takes its final name before it is verified: a mismatch stands
-    // in state 4 with its error, which keeps it from being installed.
     if (!move_file(temporary, entry.local_path)) {
       report_error(format_message("Failed to rename downloaded file to: %s", entry.local_path.c_str()));
       return;
@@ -138,11 +151,6 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       f.total_size = size;
       f.download_hash = calculated;
       status.save_change();
-    }
-    if (!entry.hash.empty() && !hash_equal(entry.hash, calculated)) {
-      report(0, format_message("[%s] Hash mismatch. Calculated: %s, from update server: %s", entry.name.c_str(),
-                               calculated.c_str(), entry.hash.c_str()));
-      return;
     }
     entry.ready = true;
   }

@@ -27,7 +27,7 @@ std::string check_source(const std::string& uri, const std::string& description,
   std::string text, reason;
   // Fetched quietly: a signature that is not there is told as the check's
   // own refusal, not as the transfer's error.
-  const text_fetch_t fetched = fetch_text(handle, url, params, signature_file_limit, text, reason);
+  const text_fetch_t fetched = fetch_text(handle, url, params, signature_file_limit, description_time_ms(), text, reason);
   if (fetched == text_fetch_t::failed)
     return format_message("Signature check failed: cannot fetch %s: %s", signature_file_name, reason.c_str());
   std::optional<std::string_view> signature;

@@ -53,7 +53,8 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
       {rule + "file=a,b\x01" "c\nhash=1,2\n", "control character in file name: a,b\\x01c"},
-      {"version=1\"<\nexec=x\n", "unusable character in version: 1\"<"},  // the status file writes it bare
+      {"version=1\x01\nexec=x\n", "unusable character in version: 1\\x01"},  // XML cannot carry it
+      {rule + "file=a,b\nhash=1,\x02\n", "unusable character in hash: 1,\\x02"},
   };
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(load(text), message.empty()) << text;
@@ -318,7 +319,10 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {"can_skip.f=2\n" + no, error + "all sections has false conditions for file: f"},
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
       {"[" + T + ".file=a" + std::string(1, '\0') + "b]\n", error + "control character in file name: a\\x00b"},
-      {f + "update_version=1&2\nexec=x\n", error + "unusable character in version: 1&2"},
+      {"global.v=1\x01\n" + f + "update_version=$(v)\nexec=x\n", error + "unusable character in version: 1\\x01"},
+      {"[" + T + ".file=g]\nh=#T:\x02\ndownload_hash=$(h)\nupdate_version=1\nexec=x\n",
+       error + "unusable character in hash: #T:\\x02"},
+      {"status_hash_of=a\x03\n" + f, error + "control character in file name: a\\x03"},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);

@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "agent/bridge.h"
+#include "fixtures/fault_server.h"
 #include "fixtures/nginx_server.h"
 #include "support/key_file.h"
 #include "support/signature_file.h"
@@ -49,7 +50,9 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
   EXPECT_NE(read_file(dir_.path("state/corvid/var/update/corvid_update_status.xml")).find("cmd=\"unknown\" cmdid=\"7\""),
             std::string::npos);
   EXPECT_EQ(run({"--xml", "check"}).exit_code, 2);
-  EXPECT_EQ(run({"--cmdid", "a\"b", "check"}).exit_code, 2);  // the status file writes it bare
+  EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
+  const std::pair<const char*, int> timeouts[] = {{"0", 2}, {"1x", 2}, {"86401", 2}, {"86400", 1}};  // 1: no URI
+  for (const auto& [seconds, code] : timeouts) EXPECT_EQ(run({"--description-timeout", seconds, "check"}).exit_code, code);
 }
 
 TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
@@ -165,13 +168,18 @@ TEST_F(HostTest, StopStartsNoFurtherCommand) {
 // Over HTTPS the server must show a certificate for its address from the
 // authority named by --ca-file; another authority or another name fails the
 // source with libcurl's text, and a CA file that cannot be read stops the
-// host at once.
+// host at once. As root the other authority is also in the system's directory
+// of authorities (a private mount over the one Debian's libcurl reads), which
+// the CA file replaces.
 TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
-  const std::string pki = dir_.path("pki");
-  std::filesystem::create_directories(pki);
+  const std::string pki = dir_.path("pki"), system = pki + "/system";
+  std::filesystem::create_directories(system);
   ASSERT_TRUE(fixtures::make_certificate(pki, "good", "ours", "IP:127.0.0.1") &&
               fixtures::make_certificate(pki, "named", "ours", "DNS:other.example") &&
               fixtures::make_certificate(pki, "stranger", "theirs", "IP:127.0.0.1"));
+  std::vector<std::string> host{CORVID_BIN_DIR "/corvid-update"};
+  if (::getuid() == 0 && std::system(("cp " + pki + "/theirs-ca.pem " + system + " && openssl rehash " + system).c_str()) == 0)
+    host = {"/usr/bin/unshare", "-m", "sh", "-c", "mount --bind \"$0\" /etc/ssl/certs && exec \"$@\"", system, host[0]};
   const struct {
     const char* cert;
     const char* says;
@@ -184,7 +192,9 @@ TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
     std::string error;
     ASSERT_TRUE(server.start(error)) << error;
     std::filesystem::copy(CORVID_SOURCE_DIR "/examples/repo", server.root() + "/repo", std::filesystem::copy_options::recursive);
-    const outcome_t o = run({"--root", dir_.path(row.cert), "--ca-file", pki + "/ours-ca.pem", "download", server.url("/repo/")});
+    std::vector<std::string> args = host;
+    args.insert(args.end(), {"--root", dir_.path(row.cert), "--ca-file", pki + "/ours-ca.pem", "download", server.url("/repo/")});
+    const outcome_t o = run(args, "/usr/bin/env");
     EXPECT_NE(o.out.find(row.says), std::string::npos) << row.cert << ": " << o.out << o.err;
   }
   const outcome_t missing = run({"--root", dir_.path("x"), "--ca-file", pki + "/none.pem", "check", "https://127.0.0.1:1/"});
@@ -264,6 +274,13 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
   const outcome_t typo = run({"--root", root, "--trusted-keys", root + "/etc/update-key", "check", source});
   EXPECT_EQ(typo.exit_code, 1);
   EXPECT_NE(typo.err.find("trusted keys: cannot read the directory " + root + "/etc/update-key"), std::string::npos) << typo.err;
+  // A server that drips the description or its signature, faster than the low-speed limit, is cut in time.
+  for (const std::string& dripped : {ini, ini + ".sig"}) {
+    fixtures::fault_server_t drip;
+    ASSERT_TRUE(drip.start(dripped, {}, "trickle&chunk=1&interval_ms=50", server_.root()));
+    const outcome_t o = run({"--root", root, "--no-verify", "--description-timeout", "1", "check", drip.url("/repo/")});
+    EXPECT_NE(o.out.find("Operation timed out after"), std::string::npos) << dripped << ": " << o.out;
+  }
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.

@@ -49,7 +49,7 @@ TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
   fixtures::scratch_dir_t dir;
   const std::pair<std::string, std::string> rows[] = {
       {"\n\n 1.2.3 \n", "1.2.3"}, {"  # note\n3\n4\n", "3"}, {"\r\n\t1.0\r\n", "1.0"}, {"6 # kept\n", "6 # kept"},
-      {"\n  \n# only notes\n", ""}, {"2\"/>\n3\n", ""},  // the status file could not hold it
+      {"\n  \n# only notes\n", ""}, {"2\"/>\n", "2\"/>"}, {"2\x01\n3\n", ""},  // XML cannot carry the control
   };
   fixtures::log_records_t logs;
   for (const auto& [content, expected] : rows) {
