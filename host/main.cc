@@ -18,6 +18,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "facts/agent_facts.h"
 #include "facts/trust.h"
 #include "frame/listener.h"
 #include "frame/module.h"
@@ -38,8 +39,6 @@ constexpr int exit_ok = 0;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
 constexpr int exit_interrupted = 130;
-
-constexpr const char* log_name = "corvid_update.log";
 
 void no_status_push(const std::string&, const std::string&) {}
 bool no_client(size_t, const char*) { return false; }
@@ -118,7 +117,7 @@ bool configure_agent(const options_t& options) {
   if (log.empty()) {
     log = systemLogDir();
     if (!log.empty() && log.back() != '/') log += '/';
-    log += log_name;
+    log += update::log_file_name;
   }
   if (!agent::open_log(log)) std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
   return true;

@@ -4,6 +4,9 @@
 
 namespace update {
 
+// The log's name in the agent's log directory, where a host puts it.
+inline constexpr const char* log_file_name = "corvid_update.log";
+
 // The update directory without trailing separators; the configured one, or
 // systemVarDir() + "update".
 void update_dir_path(std::string& path);

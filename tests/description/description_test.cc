@@ -53,6 +53,9 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
       {rule + "file=a,b\x01" "c\nhash=1,2\n", "control character in file name: a,b\\x01c"},
+      {rule + "file=a,x/corvid_update_serials\nhash=1,2\n", "file name is one of the module's own files: corvid_update_serials"},
+      {rule + "file=corvid_update.lock\nhash=1\n", "file name is one of the module's own files: corvid_update.lock"},
+      {rule + "file=x/..\nhash=1\n", "file name leaves the update directory: .."},
       {"version=1\"<\nexec=x\n", "unusable character in version: 1\"<"},  // the status file writes it bare
   };
   for (const auto& [text, message] : rows) {
@@ -319,6 +322,12 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
       {"[" + T + ".file=a" + std::string(1, '\0') + "b]\n", error + "control character in file name: a\\x00b"},
       {f + "update_version=1&2\nexec=x\n", error + "unusable character in version: 1&2"},
+      {"[" + T + ".file=../x]\n", error + "file name leaves the update directory: ../x"},
+      {"[" + T + ".file=/etc/x]\n", error + "file name leaves the update directory: /etc/x"},
+      {"[" + T + ".file=./corvid_update_serials]\n", error + "file name is one of the module's own files: ./corvid_update_serials"},
+      {"[" + T + ".map_to.t]\nk=d/corvid_update_status.xml.bak/x/..\n[" + T + ".file=f]\nupdate_version=1\nexec=x\n"
+       "download_hash=#SHA256:00\ndownload_file=$(map_to.t.k)\n",
+       error + "download file is one of the module's own files: d/corvid_update_status.xml.bak/x/.."},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
