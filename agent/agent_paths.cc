@@ -110,7 +110,9 @@ int agent_fs_mkdir_if_not_exist_rwx_usr(const std::string& path) {
 int agent_fs_chmod_bak_rw_usr(const std::string& bak_path, const std::string& path) {
   (void)path;  // the companion alone has to be writable; the target is replaced by rename
   struct stat st;
-  if (::stat(bak_path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
+  if (::lstat(bak_path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
+  // Never through a link: the writer replaces whatever is not a plain file.
+  if (!S_ISREG(st.st_mode)) return 0;
   if ((st.st_mode & (S_IRUSR | S_IWUSR)) == (S_IRUSR | S_IWUSR)) return 0;
   return ::chmod(bak_path.c_str(), (st.st_mode & 07777) | S_IRUSR | S_IWUSR) == 0 ? 0 : -1;
 }

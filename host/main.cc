@@ -106,13 +106,14 @@ bool configure_agent(const options_t& options) {
     return false;
   }
   long holder = 0;
-  if (!update::claim_update_dir(holder)) {
-    std::string dir;
-    update::update_dir_path(dir);
-    std::fprintf(stderr, "corvid-update: the update directory %s is in use by %s\n", dir.c_str(),
-                 holder > 0 ? ("process " + std::to_string(holder)).c_str() : "another process");
+  const update::claim_t claim = update::claim_update_dir(holder, error);
+  if (claim == update::claim_t::in_use) {
+    std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
     return false;
   }
+  // Anything else keeps the module from locking, not from starting: the
+  // saves then tell whether the directory can be written.
+  if (claim == update::claim_t::failed) std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
   std::string log = options.log_file;
   if (log.empty()) {
     log = systemLogDir();

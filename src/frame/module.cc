@@ -1,6 +1,8 @@
 // The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
 
+#include <cerrno>
+
 #include "frame/listener.h"
 #include "frame/update.h"
 #include "install/path_vars.h"
@@ -8,8 +10,10 @@
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "platform/log.h"
+#include "platform/process.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
+#include "support/message_format.h"
 
 namespace update {
 
@@ -18,8 +22,6 @@ module_state_t module_state = module_stopped;
 std::unique_ptr<request_t> pending_request;
 
 namespace {
-
-constexpr const char* lock_file_name = "corvid_update.lock";
 
 callbacks_t host_callbacks{};
 
@@ -99,11 +101,20 @@ void finish_init(em_call_t*) {
   dispatch_pending(false);
 }
 
-bool claim_update_dir(long& holder) {
+claim_t claim_update_dir(long& holder, std::string& reason) {
   std::string dir;
   update_dir_path(dir);
   agent_fs_mkdir_if_not_exist_rwx_usr(dir);
-  return platform::hold_process_lock((dir + platform::path_separator + lock_file_name).c_str(), holder);
+  if (platform::lock_directory(dir.c_str(), holder)) return claim_t::held;
+  const int cause = errno;
+  if (cause == EWOULDBLOCK) {
+    reason = format_message("the update directory %s is in use by %s", dir.c_str(),
+                            holder > 0 ? ("process " + std::to_string(holder)).c_str() : "another process");
+    return claim_t::in_use;
+  }
+  reason = format_message("cannot lock the update directory %s: %s", dir.c_str(),
+                          platform::system_error_text(cause).c_str());
+  return claim_t::failed;
 }
 
 void fini() {

@@ -114,14 +114,17 @@ void init() {
     log.append_attr(log_attr_text, "start").append_attr(log_attr_text, "init");
   }
   clear_stop_request();
-  // Two processes on one status would overwrite each other's.
+  // Two processes on one status would overwrite each other's. Any other
+  // failure to lock is told and start-up goes on: the saves then tell
+  // whether the directory can be written.
   long holder = 0;
-  if (!claim_update_dir(holder)) {
+  std::string reason;
+  const claim_t claim = claim_update_dir(holder, reason);
+  if (claim != claim_t::held) {
     TLogMessage log(log_id_failure);
-    log.append_attr(log_attr_text, "init")
-        .append_attr(log_attr_text, "the update directory is in use by process " + std::to_string(holder));
-    return;
+    log.append_attr(log_attr_text, "init").append_attr(log_attr_text, reason);
   }
+  if (claim == claim_t::in_use) return;
   build_path_vars();
   std::string dir;
   update_dir_path(dir);
