@@ -1,12 +1,37 @@
 #include "facts/agent_facts.h"
 
+#include <mutex>
+
 #include "platform/agent_paths.h"
 #include "platform/local_params.h"
 #include "support/file_helpers.h"
 
 namespace update {
 
+namespace {
+
+std::mutex pinned_lock;
+std::string& pinned_dir() {  // guarded by pinned_lock
+  static std::string& dir = *new std::string;  // outlives static destructors
+  return dir;
+}
+
+}  // namespace
+
 void update_dir_path(std::string& path) {
+  {
+    std::lock_guard<std::mutex> hold(pinned_lock);
+    path = pinned_dir();
+  }
+  if (path.empty()) configured_update_dir(path);
+}
+
+void pin_update_dir(const std::string& dir) {
+  std::lock_guard<std::mutex> hold(pinned_lock);
+  pinned_dir() = dir;
+}
+
+void configured_update_dir(std::string& path) {
   std::string configured = LPARAMS::server::update_dir();
   if (configured.empty()) {
     path = systemVarDir() + "update";

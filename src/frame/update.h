@@ -36,7 +36,12 @@ enum class claim_t {
 // first, to refuse before it writes anything of its own.
 claim_t claim_update_dir(long& holder, std::string& reason);
 
+// Begins a life of the module: takes the update directory, registers the
+// listener and queues the rest of start-up; commands wait until it is done.
+// Whatever a run of an earlier life still does, it cannot undo this start.
 void init();
+// Ends the life: nothing starts from now on, a run under way walks to its
+// end, a pending command goes.
 void fini();
 callbacks_t& callbacks();
 
