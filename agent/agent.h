@@ -24,10 +24,14 @@ inline constexpr const char* default_product_vendor = "corvid";
 
 // Every directory below root, as the host's --root option lays them out:
 // bin, lib, etc, tmp, log, var/ (with its separator) and var/etc; product
-// values are the defaults.
+// values are the defaults. An empty root leaves every directory empty.
 paths_t paths_under(const std::string& root);
-// The layout under the per-user state directory ($XDG_STATE_HOME/corvid or
-// ~/.local/state/corvid): what an unconfigured agent uses.
+// The per-user state directory, $XDG_STATE_HOME/corvid or
+// ~/.local/state/corvid; empty when neither variable names an absolute
+// directory, for there is no shared fallback.
+std::string default_root();
+// paths_under(default_root()): what an unconfigured agent uses. Its
+// directories are empty when default_root() is.
 paths_t default_paths();
 // Replaces the values the path functions return. Safe from any thread.
 void configure_paths(const paths_t& paths);

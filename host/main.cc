@@ -78,10 +78,36 @@ void set_if(std::string& field, const std::string& value) {
   if (!value.empty()) field = value;
 }
 
+// Root's daemon must not keep its state where someone else could change it:
+// false, with the directory and why on standard error, for a root, update
+// directory or keys directory that another user owns or may write.
+bool directories_are_private(const std::string& root) {
+  std::string update_dir;
+  update::update_dir_path(update_dir);
+  bool named = false;
+  const std::pair<const char*, std::string> checked[] = {
+      {"agent root", root},
+      {"update directory", update_dir},
+      {"trusted keys directory", update::trusted_keys_path(named)}};
+  for (const auto& [what, dir] : checked) {
+    const std::string why = update::directory_exposure_text(dir);
+    if (why.empty()) continue;
+    std::fprintf(stderr, "corvid-update: refusing the %s: %s\n", what, why.c_str());
+    return false;
+  }
+  return true;
+}
+
 // Fills in the agent's paths and parameters and opens its log. False, with
-// nothing written, when another process holds the update directory.
+// nothing written, when there is no agent root, a directory is not private
+// (directories_are_private), or another process holds the update directory.
 bool configure_agent(const options_t& options) {
-  agent::paths_t paths = options.root.empty() ? agent::default_paths() : agent::paths_under(options.root);
+  const std::string root = options.root.empty() ? agent::default_root() : options.root;
+  if (root.empty()) {
+    std::fprintf(stderr, "corvid-update: no agent root: HOME and XDG_STATE_HOME are unset; give --root DIR\n");
+    return false;
+  }
+  agent::paths_t paths = agent::paths_under(root);
   set_if(paths.product_version, options.product_version);
   set_if(paths.product_build, options.product_build);
   set_if(paths.product_target, options.product_target);
@@ -99,6 +125,7 @@ bool configure_agent(const options_t& options) {
   }
   LPARAMS::server::set_ca_file(options.ca_file);
   LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
+  if (!directories_are_private(root)) return false;
   std::vector<update::trusted_key_t> keys;
   std::string error;
   if (!update::load_trusted_keys(keys, error)) {
@@ -111,6 +138,8 @@ bool configure_agent(const options_t& options) {
     std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
     return false;
   }
+  // What did not exist was made just now: made by someone else first, it is theirs.
+  if (!directories_are_private(root)) return false;
   // Anything else keeps the module from locking, not from starting: the
   // saves then tell whether the directory can be written.
   if (claim == update::claim_t::failed) std::fprintf(stderr, "corvid-update: %s\n", error.c_str());

@@ -16,6 +16,15 @@ void configured_update_dir(std::string& path);
 // empty dir unfixes it. Safe from any thread.
 void pin_update_dir(const std::string& dir);
 
+// Why someone besides root and this process's user could change the
+// directory at path, naming the directory on the way that lets them; empty
+// when no one could. A directory still to be made is judged by those that
+// would hold it. Root's daemon keeps its status, serials and keys in such
+// directories only.
+std::string directory_exposure_text(const std::string& path);
+// The same for one file by itself.
+std::string file_exposure_text(const std::string& path);
+
 // productVersion "." productBuild, and the four product values joined by ".".
 const std::string& current_version_text();
 const std::string& product_specs_text();
