@@ -39,9 +39,13 @@ paths_t current_paths();
 
 // Opens (appending) the log file, creating its directory; records before
 // this go nowhere but to the observers. Returns false if the file cannot be
-// opened. A line is "UTC time<TAB>id<TAB>attribute..." with backslash,
-// tab, CR, LF and other control bytes of an attribute escaped.
-bool open_log(const std::string& path);
+// opened: a link or anything but a regular file is not. The log holds URIs,
+// commands and errors, so it is readable by its owner and its group at most
+// (mode 0640): the group named, if one is (the socket's), and a directory
+// made here is 0750 with that group. A line is "UTC time<TAB>id<TAB>
+// attribute..." with backslash, tab, CR, LF and other control bytes of an
+// attribute escaped.
+bool open_log(const std::string& path, const std::string& group = "");
 void close_log();
 // What TLogMessage's destructor calls; safe from any thread.
 void send_log_record(uint16_t id, const std::vector<std::string>& texts);

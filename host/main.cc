@@ -149,7 +149,8 @@ bool configure_agent(const options_t& options) {
     if (!log.empty() && log.back() != '/') log += '/';
     log += update::log_file_name;
   }
-  if (!agent::open_log(log)) std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
+  if (!agent::open_log(log, options.socket_group))
+    std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
   return true;
 }
 
