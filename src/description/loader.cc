@@ -49,7 +49,8 @@ std::string resolved_last_part(const std::string& path) {
 }
 
 bool is_own_file(const std::string& name) {
-  // ".unchecked": where a signed description waits for its check.
+  // ".unchecked": where a signed description waits for its check; the lock
+  // file is what earlier versions locked, and may still be there.
   static const std::string own[] = {
       status_file_name, backup_name(status_file_name), local_ini_name, std::string(local_ini_name) + ".unchecked",
       serials_file_name, backup_name(serials_file_name), "corvid_update.lock", log_file_name};
