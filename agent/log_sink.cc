@@ -77,14 +77,14 @@ void make_parent_directory(const std::string& path, gid_t group) {
   }
 }
 
-// Appending, never through a link and only to a regular file; readable by
-// the owner and the group at most, whatever mode an older log had.
+// Appending, never through a link and only to a regular file with one name;
+// readable by the owner and the group at most, whatever mode an older log had.
 FILE* open_log_file(const std::string& path, gid_t group) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
                         S_IRUSR | S_IWUSR | S_IRGRP);
   if (fd < 0) return nullptr;
   struct stat st;
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ::fcntl(fd, F_SETFL, O_APPEND) != 0) {
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || ::fcntl(fd, F_SETFL, O_APPEND) != 0) {
     ::close(fd);
     return nullptr;
   }
