@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <set>
@@ -335,7 +335,8 @@ bool lock_directory(const char* path, long& holder) {
   holder = 0;
   static std::mutex lock;
   // flock belongs to the open file: a second open in this process would
-  // conflict with the first, hence the table of what is held.
+  // conflict with the first, hence the table of what is held. The
+  // descriptors that hold the locks stay open for the process's life.
   static auto& held = *new std::set<std::pair<dev_t, ino_t>>;  // guarded by lock
   std::lock_guard<std::mutex> hold(lock);
   const int fd = path ? open_retrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
