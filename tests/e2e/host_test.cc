@@ -94,7 +94,9 @@ TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
          own(r, false, perms::owner_all);
          return "agent root: " + own(std::filesystem::path(r).parent_path(), true, perms::all) + " belongs to user";
        }},
-      {[&](const std::string& r) { return "update directory: " + own(r + "/var/update", false, perms::all) + " may be written"; }},
+      {[&](const std::string& r) {  // sticky or not: it holds the module's files
+         return "update directory: " + own(r + "/var/update", false, perms::all | perms::sticky_bit) + " may be written";
+       }},
       {[&](const std::string& r) { return "keys directory: " + own(r + "/etc/update-keys", false, perms::all) + " may be written"; }},
       {[&](const std::string& r) {
          const std::string key = own(r + "/etc/update-keys", false, perms::owner_all) + "/k.pub";

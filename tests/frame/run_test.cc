@@ -51,6 +51,8 @@ TEST_F(RunTest, SourceUriIsExpandedWithThePredefinedVariables) {
                                           update_dir_ + " since its start; restart it to use the new one");
   EXPECT_NE(read_file(update_dir_ + "/corvid_update_status.xml").find("Update directory changed"), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(root_ + "/moved"));
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  EXPECT_EQ(status.messages.size(), 1u);  // no source was fetched
 }
 
 // The daemon's and the bridge's threads ask for the status all through a run whose download trickles: the
