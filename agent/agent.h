@@ -24,10 +24,14 @@ inline constexpr const char* default_product_vendor = "corvid";
 
 // Every directory below root, as the host's --root option lays them out:
 // bin, lib, etc, tmp, log, var/ (with its separator) and var/etc; product
-// values are the defaults.
+// values are the defaults. An empty root leaves every directory empty.
 paths_t paths_under(const std::string& root);
-// The layout under the per-user state directory ($XDG_STATE_HOME/corvid or
-// ~/.local/state/corvid): what an unconfigured agent uses.
+// The per-user state directory, $XDG_STATE_HOME/corvid or
+// ~/.local/state/corvid; empty when neither variable names an absolute
+// directory, for there is no shared fallback.
+std::string default_root();
+// paths_under(default_root()): what an unconfigured agent uses. Its
+// directories are empty when default_root() is.
 paths_t default_paths();
 // Replaces the values the path functions return. Safe from any thread.
 void configure_paths(const paths_t& paths);
@@ -35,9 +39,13 @@ paths_t current_paths();
 
 // Opens (appending) the log file, creating its directory; records before
 // this go nowhere but to the observers. Returns false if the file cannot be
-// opened. A line is "UTC time<TAB>id<TAB>attribute..." with backslash,
-// tab, CR, LF and other control bytes of an attribute escaped.
-bool open_log(const std::string& path);
+// opened: a link or anything but a regular file is not. The log holds URIs,
+// commands and errors, so it is readable by its owner and its group at most
+// (mode 0640): the group named, if one is (the socket's), and a directory
+// made here is 0750 with that group. A line is "UTC time<TAB>id<TAB>
+// attribute..." with backslash, tab, CR, LF and other control bytes of an
+// attribute escaped.
+bool open_log(const std::string& path, const std::string& group = "");
 void close_log();
 // What TLogMessage's destructor calls; safe from any thread.
 void send_log_record(uint16_t id, const std::vector<std::string>& texts);

@@ -20,16 +20,6 @@ std::string strip_trailing_slashes(std::string path) {
   return path;
 }
 
-// Where an unconfigured agent keeps its state: one directory per user, so
-// that nothing needs root.
-std::string default_root() {
-  const char* state = std::getenv("XDG_STATE_HOME");
-  if (state && *state == '/') return strip_trailing_slashes(state) + "/corvid";
-  const char* home = std::getenv("HOME");
-  if (home && *home == '/') return strip_trailing_slashes(home) + "/.local/state/corvid";
-  return "/tmp/corvid-" + std::to_string(::getuid());
-}
-
 std::mutex paths_lock;
 paths_t& configured() {  // guarded by paths_lock
   static paths_t& paths = *new paths_t(paths_under(default_root()));  // outlives static destructors
@@ -43,9 +33,27 @@ std::string read(std::string paths_t::*field) {
 
 }  // namespace
 
+// Where an unconfigured agent keeps its state: one directory per user, so
+// that nothing needs root. There is no shared fallback: a directory in a
+// place everyone may write could have been made by another user first.
+std::string default_root() {
+  const char* state = std::getenv("XDG_STATE_HOME");
+  if (state && *state == '/') return strip_trailing_slashes(state) + "/corvid";
+  const char* home = std::getenv("HOME");
+  if (home && *home == '/') return strip_trailing_slashes(home) + "/.local/state/corvid";
+  return "";
+}
+
 paths_t paths_under(const std::string& root_text) {
   const std::string root = strip_trailing_slashes(root_text);
   paths_t p;
+  p.product_version = default_product_version;
+  p.product_build = default_product_build;
+  p.product_target = default_product_target;
+  p.product_os = default_product_os;
+  p.product_cpu = default_product_cpu;
+  p.product_vendor = default_product_vendor;
+  if (root.empty()) return p;
   p.agent_tmp = root + "/tmp";
   p.agent_bin = root + "/bin";
   p.agent_lib = root + "/lib";
@@ -55,12 +63,6 @@ paths_t paths_under(const std::string& root_text) {
   p.system_var = root + "/var/";
   p.system_var_etc = root + "/var/etc";
   p.system_tmp = root + "/tmp";
-  p.product_version = default_product_version;
-  p.product_build = default_product_build;
-  p.product_target = default_product_target;
-  p.product_os = default_product_os;
-  p.product_cpu = default_product_cpu;
-  p.product_vendor = default_product_vendor;
   return p;
 }
 
@@ -110,7 +112,9 @@ int agent_fs_mkdir_if_not_exist_rwx_usr(const std::string& path) {
 int agent_fs_chmod_bak_rw_usr(const std::string& bak_path, const std::string& path) {
   (void)path;  // the companion alone has to be writable; the target is replaced by rename
   struct stat st;
-  if (::stat(bak_path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
+  if (::lstat(bak_path.c_str(), &st) != 0) return errno == ENOENT ? 0 : -1;
+  // Never through a link: the writer replaces whatever is not a plain file.
+  if (!S_ISREG(st.st_mode)) return 0;
   if ((st.st_mode & (S_IRUSR | S_IWUSR)) == (S_IRUSR | S_IWUSR)) return 0;
   return ::chmod(bak_path.c_str(), (st.st_mode & 07777) | S_IRUSR | S_IWUSR) == 0 ? 0 : -1;
 }

@@ -50,7 +50,7 @@ std::string group_name(gid_t id);
 bool user_in_group(uid_t uid, gid_t gid);
 
 // Where the bridge listens unless told otherwise: systemVarDir() +
-// "corvid_bridge.sock".
+// "corvid_bridge.sock"; empty when the agent has no var directory (no root).
 std::string default_socket_path();
 
 // Starts the server: binds path (its directory made if needed; a stale

@@ -144,7 +144,8 @@ bool write_frame(int fd, const frame_t& frame) {
 
 std::string default_socket_path() {
   std::string dir = systemVarDir();
-  if (!dir.empty() && dir.back() != '/') dir += '/';
+  if (dir.empty()) return "";  // no agent root: never a name in the current directory
+  if (dir.back() != '/') dir += '/';
   return dir + "corvid_bridge.sock";
 }
 

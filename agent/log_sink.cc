@@ -10,14 +10,19 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "agent/agent.h"
+#include "agent/bridge.h"
 
 namespace agent {
 
 namespace {
+
+constexpr gid_t no_group = static_cast<gid_t>(-1);
 
 struct observer_entry_t {
   int handle = 0;
@@ -60,9 +65,36 @@ void append_time(std::string& line) {
   line += text;
 }
 
-void make_parent_directory(const std::string& path) {
-  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1))
-    ::mkdir(path.substr(0, at).c_str(), S_IRWXU);
+// The missing directories on the way are the owner's alone; the log's own
+// directory, when made here, lets its group in to read.
+void make_parent_directory(const std::string& path, gid_t group) {
+  const size_t last = path.rfind('/');
+  for (size_t at = path.find('/', 1); at != std::string::npos && at <= last; at = path.find('/', at + 1)) {
+    const std::string level = path.substr(0, at);
+    const bool own = at == last;
+    if (::mkdir(level.c_str(), own ? S_IRWXU | S_IRGRP | S_IXGRP : S_IRWXU) == 0 && own && group != no_group)
+      (void)!::chown(level.c_str(), static_cast<uid_t>(-1), group);
+  }
+}
+
+// Appending, never through a link and only to a regular file with one name;
+// readable by the owner and the group at most, whatever mode an older log had.
+FILE* open_log_file(const std::string& path, gid_t group) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+                        S_IRUSR | S_IWUSR | S_IRGRP);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || ::fcntl(fd, F_SETFL, O_APPEND) != 0) {
+    ::close(fd);
+    return nullptr;
+  }
+  if (st.st_uid == ::geteuid()) {
+    if (group != no_group) (void)!::fchown(fd, static_cast<uid_t>(-1), group);
+    (void)!::fchmod(fd, st.st_mode & (S_IRUSR | S_IWUSR | S_IRGRP));
+  }
+  FILE* file = ::fdopen(fd, "a");
+  if (!file) ::close(fd);
+  return file;
 }
 
 }  // namespace
@@ -87,9 +119,11 @@ void append_escaped(std::string& line, const std::string& text) {
   }
 }
 
-bool open_log(const std::string& path) {
-  make_parent_directory(path);
-  FILE* file = std::fopen(path.c_str(), "ae");
+bool open_log(const std::string& path, const std::string& group_name) {
+  gid_t group = no_group;
+  if (!group_name.empty() && !group_id(group_name, group)) group = no_group;
+  make_parent_directory(path, group);
+  FILE* file = open_log_file(path, group);
   if (!file) return false;
   std::lock_guard<std::mutex> hold(sink().file_lock);
   if (sink().file) std::fclose(sink().file);

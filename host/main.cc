@@ -18,6 +18,7 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "facts/agent_facts.h"
 #include "facts/trust.h"
 #include "frame/listener.h"
 #include "frame/module.h"
@@ -38,8 +39,6 @@ constexpr int exit_ok = 0;
 constexpr int exit_failed = 1;
 constexpr int exit_usage = 2;
 constexpr int exit_interrupted = 130;
-
-constexpr const char* log_name = "corvid_update.log";
 
 void no_status_push(const std::string&, const std::string&) {}
 bool no_client(size_t, const char*) { return false; }
@@ -79,10 +78,36 @@ void set_if(std::string& field, const std::string& value) {
   if (!value.empty()) field = value;
 }
 
+// Root's daemon must not keep its state where someone else could change it:
+// false, with the directory and why on standard error, for a root, update
+// directory or keys directory that another user owns or may write.
+bool directories_are_private(const std::string& root) {
+  std::string update_dir;
+  update::update_dir_path(update_dir);
+  bool named = false;
+  const std::pair<const char*, std::string> checked[] = {
+      {"agent root", root},
+      {"update directory", update_dir},
+      {"trusted keys directory", update::trusted_keys_path(named)}};
+  for (const auto& [what, dir] : checked) {
+    const std::string why = update::directory_exposure_text(dir);
+    if (why.empty()) continue;
+    std::fprintf(stderr, "corvid-update: refusing the %s: %s\n", what, why.c_str());
+    return false;
+  }
+  return true;
+}
+
 // Fills in the agent's paths and parameters and opens its log. False, with
-// nothing written, when another process holds the update directory.
+// nothing written, when there is no agent root, a directory is not private
+// (directories_are_private), or another process holds the update directory.
 bool configure_agent(const options_t& options) {
-  agent::paths_t paths = options.root.empty() ? agent::default_paths() : agent::paths_under(options.root);
+  const std::string root = options.root.empty() ? agent::default_root() : options.root;
+  if (root.empty()) {
+    std::fprintf(stderr, "corvid-update: no agent root: HOME and XDG_STATE_HOME are unset; give --root DIR\n");
+    return false;
+  }
+  agent::paths_t paths = agent::paths_under(root);
   set_if(paths.product_version, options.product_version);
   set_if(paths.product_build, options.product_build);
   set_if(paths.product_target, options.product_target);
@@ -102,6 +127,7 @@ bool configure_agent(const options_t& options) {
   LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
   if (!options.description_timeout.empty())
     LPARAMS::server::set_description_timeout(static_cast<unsigned>(std::stoul(options.description_timeout)));
+  if (!directories_are_private(root)) return false;
   std::vector<update::trusted_key_t> keys;
   std::string error;
   if (!update::load_trusted_keys(keys, error)) {
@@ -109,20 +135,24 @@ bool configure_agent(const options_t& options) {
     return false;
   }
   long holder = 0;
-  if (!update::claim_update_dir(holder)) {
-    std::string dir;
-    update::update_dir_path(dir);
-    std::fprintf(stderr, "corvid-update: the update directory %s is in use by %s\n", dir.c_str(),
-                 holder > 0 ? ("process " + std::to_string(holder)).c_str() : "another process");
+  const update::claim_t claim = update::claim_update_dir(holder, error);
+  if (claim == update::claim_t::in_use) {
+    std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
     return false;
   }
+  // What did not exist was made just now: made by someone else first, it is theirs.
+  if (!directories_are_private(root)) return false;
+  // Anything else keeps the module from locking, not from starting: the
+  // saves then tell whether the directory can be written.
+  if (claim == update::claim_t::failed) std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
   std::string log = options.log_file;
   if (log.empty()) {
     log = systemLogDir();
     if (!log.empty() && log.back() != '/') log += '/';
-    log += log_name;
+    log += update::log_file_name;
   }
-  if (!agent::open_log(log)) std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
+  if (!agent::open_log(log, options.socket_group))
+    std::fprintf(stderr, "corvid-update: cannot open the log file %s\n", log.c_str());
   return true;
 }
 

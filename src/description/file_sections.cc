@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "description/loader.h"
 #include "description/section_reader.h"
 #include "description/section_rules.h"
 #include "facts/versions.h"
@@ -137,6 +138,7 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   if (name.empty()) throw "file name not specified in section: " + section.name;
   // The name keys the file's status entry, which the status file must carry.
   if (has_xml_forbidden_byte(name)) throw "control character in file name: " + xml_forbidden_shown(name);
+  if (const std::string refused = refused_file_name(name); !refused.empty()) throw refused;
   if (has_rule(reader.ini, name)) {
     log_file(log_id_course, name, format_message("skip file section #%u: other section was chosen", counter));
     return;
@@ -196,6 +198,7 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
       sets.apply(download_file);
     else
       download_file = reader.dir + name;
+    if (const std::string refused = refused_local_path(download_file); !refused.empty()) throw refused;
     sets.local_hash_of.add_value("download_file", download_file);
     // Only this one scheme counts as absolute; anything else is relative to
     // the source's URI.

@@ -2,6 +2,7 @@
 
 #include <unordered_set>
 
+#include "description/loader.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "status/status.h"
@@ -73,6 +74,11 @@ bool read_file_list(const std::string& files, const std::string& hashes, const s
     file_entry_t& entry = entries.emplace_back();
     entry.name = base_name(item);
     entry.local_path = download_path + entry.name;
+    const std::string refused = refused_file_name(entry.name);
+    if (!refused.empty()) {
+      report_error(refused);
+      return false;
+    }
     entry.uri = base_uri;
     uri_join(entry.uri, item);
     if (!hashes.empty()) {

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "facts/agent_facts.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
@@ -36,7 +37,14 @@ bool load_trusted_keys(std::vector<trusted_key_t>& keys, std::string& error) {
     keys.clear();
     return true;
   }
-  return read_trusted_keys(dir, keys, error);
+  // Whoever may change the keys decides what passes: the directory and each
+  // key must be root's or this process's user's alone.
+  error = directory_exposure_text(dir);
+  std::error_code failure;
+  for (std::filesystem::directory_iterator it(dir, failure), end; error.empty() && !failure && it != end;
+       it.increment(failure))
+    if (it->path().extension() == ".pub") error = file_exposure_text(it->path().string());
+  return error.empty() && read_trusted_keys(dir, keys, error);
 }
 
 bool read_accepted_serials(const std::string& path, serial_store_t& serials, std::string& error) {

@@ -21,7 +21,9 @@ std::string trusted_keys_path(bool& named);
 
 // Reads the trusted keys. The default directory may be absent (no keys); a
 // named one must be readable. False, with error naming the directory or the
-// key file, if the directory or one of its *.pub files cannot be read.
+// key file, if the directory or one of its *.pub files cannot be read, or if
+// someone besides root and this process's user could change either
+// (directory_exposure_text, file_exposure_text).
 bool load_trusted_keys(std::vector<trusted_key_t>& keys, std::string& error);
 
 // Reads the serials file at path: a missing file is an empty store. False,

@@ -1,15 +1,21 @@
 // The module's state machine: intake, the worker, start-up's last step, stop.
 #include "frame/module.h"
 
+#include <cerrno>
+#include <cstdint>
+
 #include "frame/listener.h"
+#include "frame/startup.h"
 #include "frame/update.h"
 #include "install/path_vars.h"
 #include "platform/agent_paths.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "platform/log.h"
+#include "platform/process.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
+#include "support/message_format.h"
 
 namespace update {
 
@@ -19,8 +25,6 @@ std::unique_ptr<request_t> pending_request;
 
 namespace {
 
-constexpr const char* lock_file_name = "corvid_update.lock";
-
 callbacks_t host_callbacks{};
 
 void clear_path_vars() {
@@ -28,23 +32,39 @@ void clear_path_vars() {
   path_vars.clear();
 }
 
-// Takes the pending request and moves the state to busy or idle. After a run
-// a stopped module stays stopped; start-up opens the module whatever it finds.
-void dispatch_pending(bool after_run) {
+// Takes the pending request and moves the state to busy or idle, for the
+// life that queued the call (a run, or start-up's last step). A stopped life
+// stays stopped; a life that is over leaves the state and the "$" values to
+// the init that began the next one.
+void dispatch_pending(uint64_t life, bool after_run) {
   request_t* next = nullptr;
   bool stopped = false;
   {
     std::lock_guard<std::mutex> hold(module_lock);
-    stopped = after_run && module_state == module_stopped;
+    if (life != current_life()) return;
+    stopped = life_over(life);
     if (!stopped) {
       next = pending_request.release();
+      if (next) next->life = life;
       module_state = next ? module_busy : module_idle;
     }
   }
   // fini left the "$" values to the run it stopped, which could still have
   // substituted them into a command line; that run is over now.
-  if (stopped) clear_path_vars();
+  if (stopped && after_run) clear_path_vars();
   if (next) EM_AsyncCall(run_request, next);
+}
+
+// A run keeps to the directory its process locked at start-up; one that the
+// parameters have moved since is refused rather than run unlocked.
+bool keeps_to_locked_dir(const std::string& locked) {
+  std::string configured;
+  configured_update_dir(configured);
+  if (configured == locked) return true;
+  report(0, format_message("Update directory changed to %s: the module holds %s since its start; restart it to "
+                           "use the new one",
+                           configured.c_str(), locked.c_str()));
+  return false;
 }
 
 }  // namespace
@@ -57,6 +77,7 @@ module_state_t current_module_state() {
 void submit_request(request_t* request) {
   std::unique_lock<std::mutex> hold(module_lock);
   if (module_state == module_idle) {
+    request->life = current_life();
     module_state = module_busy;
     hold.unlock();
     EM_AsyncCall(run_request, request);
@@ -75,35 +96,47 @@ void submit_request(request_t* request) {
 void run_request(em_call_t* call) {
   std::unique_ptr<request_t> request(static_cast<request_t*>(call->arg));
   if (call->cancel != 0) return;  // abandoned: the state stays busy
+  const uint64_t life = request ? request->life : current_life();
+  pin_life(life);
   // A run that had not begun when the module stopped goes like a pending one.
   if (request && !stop_requested()) {
     update_dir_path(request->update_path);
-    agent_fs_mkdir_if_not_exist_rwx_usr(request->update_path);
+    const std::string locked = request->update_path;
     request->update_path += platform::path_separator;
     status.begin_run(request->command, request->cmdid);
-    run_command(*request);
+    if (keeps_to_locked_dir(locked)) {
+      agent_fs_mkdir_if_not_exist_rwx_usr(locked);
+      run_command(*request);
+    }
     status.end_run(request->command);
     request.reset();
   }
-  dispatch_pending(true);
+  pin_life(0);
+  dispatch_pending(life, true);
 }
 
-void finish_init(em_call_t*) {
-  {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    status.rehash();
-    TLogMessage log(log_id_course);
-    log.append_attr(log_attr_text, "done")
-        .append_attr(log_attr_text, std::string("init, result: ") + status_code_text(status.result));
-  }
-  dispatch_pending(false);
+void finish_init(em_call_t* call) {
+  const uint64_t life = reinterpret_cast<uintptr_t>(call->arg);
+  if (call->cancel != 0 || life_over(life)) return;  // stopped before it could open
+  restore_status();
+  dispatch_pending(life, false);
 }
 
-bool claim_update_dir(long& holder) {
+claim_t claim_update_dir(long& holder, std::string& reason) {
   std::string dir;
-  update_dir_path(dir);
+  configured_update_dir(dir);
+  pin_update_dir(dir);
   agent_fs_mkdir_if_not_exist_rwx_usr(dir);
-  return platform::hold_process_lock((dir + platform::path_separator + lock_file_name).c_str(), holder);
+  if (platform::lock_directory(dir.c_str(), holder)) return claim_t::held;
+  const int cause = errno;
+  if (cause == EWOULDBLOCK) {
+    reason = format_message("the update directory %s is in use by %s", dir.c_str(),
+                            holder > 0 ? ("process " + std::to_string(holder)).c_str() : "another process");
+    return claim_t::in_use;
+  }
+  reason = format_message("cannot lock the update directory %s: %s", dir.c_str(),
+                          platform::system_error_text(cause).c_str());
+  return claim_t::failed;
 }
 
 void fini() {
@@ -153,6 +186,7 @@ void reset_module_for_tests() {
     pending_request.reset();
   }
   clear_stop_request();
+  pin_update_dir("");
   status.reset();
   unregister_service_listener();
   clear_path_vars();

@@ -1,8 +1,9 @@
-// init: restores the status the last life of the service left behind and
-// queues finish_init, which opens the module.
+// init: takes the update directory and queues finish_init, which restores
+// the status the last life of the service left behind and opens the module.
 #include "frame/startup.h"
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "description/inivars.h"
@@ -113,32 +114,46 @@ void init() {
     TLogMessage log(log_id_course);
     log.append_attr(log_attr_text, "start").append_attr(log_attr_text, "init");
   }
-  clear_stop_request();
-  // Two processes on one status would overwrite each other's.
-  long holder = 0;
-  if (!claim_update_dir(holder)) {
-    TLogMessage log(log_id_failure);
-    log.append_attr(log_attr_text, "init")
-        .append_attr(log_attr_text, "the update directory is in use by process " + std::to_string(holder));
-    return;
+  uint64_t life = 0;
+  {
+    std::lock_guard<std::mutex> hold(module_lock);
+    life = begin_life();
   }
+  // Two processes on one status would overwrite each other's. Any other
+  // failure to lock is told and start-up goes on: the saves then tell
+  // whether the directory can be written.
+  long holder = 0;
+  std::string reason;
+  const claim_t claim = claim_update_dir(holder, reason);
+  if (claim != claim_t::held) {
+    TLogMessage log(log_id_failure);
+    log.append_attr(log_attr_text, "init").append_attr(log_attr_text, reason);
+  }
+  if (claim == claim_t::in_use) return;
   build_path_vars();
+  register_service_listener();
+  // The status is restored on the worker, behind a run of an earlier life
+  // that may still be walking to its end.
+  EM_AsyncCall(finish_init, reinterpret_cast<void*>(static_cast<uintptr_t>(life)));
+}
+
+void restore_status() {
   std::string dir;
   update_dir_path(dir);
   dir += platform::path_separator;
-  {
-    std::lock_guard<std::recursive_mutex> hold(status.lock);
-    const auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-    status.revision = static_cast<uint64_t>(seconds.count()) << 32;
-    if (status.load()) {
-      recover_loaded_status(status, dir);
-    } else {
-      start_without_status_file(status, dir);
-    }
+  std::lock_guard<std::recursive_mutex> hold(status.lock);
+  const auto seconds =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+  status.revision = static_cast<uint64_t>(seconds.count()) << 32;
+  if (status.load()) {
+    recover_loaded_status(status, dir);
+  } else {
+    start_without_status_file(status, dir);
   }
-  register_service_listener();
-  EM_AsyncCall(finish_init, nullptr);
+  status.rehash();
+  TLogMessage log(log_id_course);
+  log.append_attr(log_attr_text, "done")
+      .append_attr(log_attr_text, std::string("init, result: ") + status_code_text(status.result));
 }
 
 }  // namespace update

@@ -18,4 +18,9 @@ bool status_is_plausible(const status_t& status);
 // REQUIRES: status lock held.
 void recover_loaded_status(status_t& status, const std::string& dir);
 
+// Start-up's work on the status, on the worker: reads the status file back
+// (or plans from the saved description without one), classifies it, and
+// logs the result. Takes the status lock.
+void restore_status();
+
 }  // namespace update

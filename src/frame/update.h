@@ -18,14 +18,30 @@ struct callbacks_t {
   bool (*on_client_command)(size_t length, const char* bytes);
 };
 
-// Takes the update directory for this process until it ends: an exclusive
-// lock on "corvid_update.lock" in it (the directory is made if need be).
-// False when another process holds it, with that process's id in holder (0
-// when unknown). init takes it too and stays stopped without it; a host
-// asks first, to refuse before it writes anything of its own.
-bool claim_update_dir(long& holder);
+// How claim_update_dir ended.
+enum class claim_t {
+  held,    // this process holds the directory
+  in_use,  // another process holds it
+  failed,  // it could not be made or locked
+};
 
+// Takes the update directory for this process until it ends: an exclusive
+// lock on the directory itself (made if need be), with no file in it, so
+// that a directory the process cannot write is taken as well. Unless held,
+// reason says why: "the update directory DIR is in use by process PID" (or
+// "by another process" when the system does not tell), or the system's
+// cause. Whatever the outcome the directory becomes the one every run uses;
+// a run that finds the parameters moved elsewhere is refused. init takes it
+// too and stays stopped only when another process holds it; a host asks
+// first, to refuse before it writes anything of its own.
+claim_t claim_update_dir(long& holder, std::string& reason);
+
+// Begins a life of the module: takes the update directory, registers the
+// listener and queues the rest of start-up; commands wait until it is done.
+// Whatever a run of an earlier life still does, it cannot undo this start.
 void init();
+// Ends the life: nothing starts from now on, a run under way walks to its
+// end, a pending command goes.
 void fini();
 callbacks_t& callbacks();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "description/loader.h"
 #include "facts/agent_facts.h"
 #include "facts/versions.h"
 #include "platform/log.h"
@@ -69,7 +70,9 @@ void remove_withdrawn(status_t& status, const std::string& dir) {
                       format_message("[%s] file removed from update, current version: %s, state: %s",
                                      f->name.c_str(), f->current_version.c_str(), file_state_text(f->state)));
     }
-    remove_download(dir + f->name, f->update_version);
+    // A name no description may give any more, kept by an older status, takes
+    // no file of the module's with it.
+    if (refused_file_name(f->name).empty()) remove_download(dir + f->name, f->update_version);
     // Nothing may keep pointing at an entry that goes.
     if (status.current_file == &*f) status.current_file = nullptr;
     f = status.files.erase(f);

@@ -15,6 +15,10 @@ extern const char* const path_separator_text;
 
 // Opens a C stream with an fopen mode: "r", "w" or "a", then any of "b",
 // "t" and "+" (other letters are ignored). Directories do not open.
+// A mode that writes never follows a symbolic link in the last component
+// (errno ELOOP) nor writes to a regular file that has a second name (EMLINK),
+// and creates a new file exclusively, so that a link planted at the name
+// cannot carry the write elsewhere.
 // deny_write: if the mode writes, the stream holds an exclusive advisory lock
 // (flock) on the file while it is open; a second such open of the same file,
 // from this process or another, fails instead of waiting, and the file is
@@ -72,12 +76,39 @@ bool remove_file(const char* path);
 // True if the directory exists afterwards.
 bool make_directories(const char* path, unsigned mode);
 
-// Takes an exclusive lock on the file at path for this process, creating
-// it, and writes the process id into it. The lock lasts until the process
-// ends (the descriptor is never closed). Taking a path this process already
-// holds succeeds again. False when another process holds it: holder then
-// receives that process's id as the file tells it, or 0 when it tells none.
-bool hold_process_lock(const char* path, long& holder);
+// Takes an exclusive lock on the directory at path itself for this process,
+// creating no file in it, so that a directory the process cannot write can
+// be locked as well. The lock lasts until the process ends (the descriptor
+// is never closed). Taking a directory this process already holds, by any
+// name, succeeds again. False on failure: errno EWOULDBLOCK when another
+// process holds it, and holder then receives that process's id as the
+// system tells it, or 0 when it does not; any other errno is the cause.
+bool lock_directory(const char* path, long& holder);
+
+// Who besides the calling user and the administrator (root) could change
+// what a path names.
+enum class exposure_t {
+  none,           // no one else
+  foreign_owner,  // the object, or a directory on the way, belongs to another user
+  others_write,   // its group or others may write it; a directory on the way
+                  // only counts without the sticky bit, which keeps others
+                  // from renaming what is not theirs
+  unexamined,     // stat failed; error tells why
+};
+struct exposure_report_t {
+  exposure_t kind = exposure_t::none;
+  std::string path;   // the object that failed
+  unsigned owner = 0;  // its owner's user id
+  unsigned mode = 0;   // its permission bits
+  int error = 0;       // errno of unexamined
+};
+
+// A directory and every directory on the way to it, as written and as
+// resolved through symbolic links. A directory that does not exist yet is
+// judged by those that would hold it. The first failure is reported.
+exposure_report_t directory_exposure(const char* path);
+// A file by itself (a link is followed), not the directories on its way.
+exposure_report_t file_exposure(const char* path);
 
 // Fault injection for tests: while a flag is set, the named operation fails
 // as the system would, with errno set. Production code never sets these.

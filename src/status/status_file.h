@@ -8,7 +8,10 @@ namespace update {
 
 struct status_t;
 
-// The update directory, the separator and "corvid_update_status.xml".
+// The status file's name in the update directory.
+inline constexpr const char* status_file_name = "corvid_update_status.xml";
+
+// The update directory, the separator and status_file_name.
 std::string status_file_path();
 
 // The reading half of status_t::load, from an open stream; path only names

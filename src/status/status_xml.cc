@@ -17,7 +17,6 @@ std::atomic<uint64_t> status_saves{0};
 
 namespace {
 
-const char status_file_name[] = "corvid_update_status.xml";
 const char xml_declaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
 // How a value is written, so that it reads back byte for byte whoever chose

@@ -98,6 +98,8 @@ void hex_text(const unsigned char* bytes, size_t count, std::string& text, char 
 
 atomic_write_t write_file_atomically(const std::string& path, std::initializer_list<std::string_view> parts) {
   const std::string companion = backup_name(path);
+  // Made anew: a link, or anything else left at the name, is not written through.
+  platform::remove_file(companion.c_str());
   FILE* file = platform::open_file(companion.c_str(), "wb", false);
   if (!file) return atomic_write_t::not_opened;
   bool written = true;

@@ -76,7 +76,8 @@ enum class atomic_write_t {
 
 // Replaces the file at path with the concatenated parts so that a crash or a
 // power loss at any moment leaves either the old file or the new one whole:
-// writes the companion backup_name(path) (created or truncated), syncs its
+// writes the companion backup_name(path) (created anew, whatever was at its
+// name removed first), syncs its
 // data (the one wait for the disk) and renames it over path. The new name
 // lasts through a power loss once the file system commits, or at once after
 // platform::sync_directory_of(path). Stops at the first failure; the file at

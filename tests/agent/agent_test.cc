@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <sstream>
@@ -121,6 +122,11 @@ TEST(Log, EveryRecordStaysOneLineWithItsFieldsEscaped) {
   for (std::string line; std::getline(lines, line);)  // each begins "2024-03-05T07:08:09.123Z\t"
     text += (line.size() > 25 && line[10] == 'T' && line[23] == 'Z' ? "T" + line.substr(24) : line) + "\n";
   EXPECT_EQ(text, "T\t365\ttwo\\nlines\ttab\\there\\r\\\\ \\x01\\x1f\\x7f\xd0\xb6 end\nT\t367\n");
+  // A link planted at the log's name, or a second name of another file, is not written to.
+  std::filesystem::create_symlink(dir.write("target", "theirs"), dir.path("link.log"));
+  std::filesystem::create_hard_link(dir.write("other", "theirs"), dir.path("hard.log"));
+  EXPECT_FALSE(agent::open_log(dir.path("link.log")) || agent::open_log(dir.path("hard.log")));
+  EXPECT_EQ(fixtures::read_file(dir.path("target")) + fixtures::read_file(dir.path("other")), "theirstheirs");
 }
 
 }  // namespace

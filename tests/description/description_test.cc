@@ -55,6 +55,9 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,b\x01" "c\nhash=1,2\n", "control character in file name: a,b\\x01c"},
       {"version=1\x01\nexec=x\n", "unusable character in version: 1\\x01"},  // XML cannot carry it
       {rule + "file=a,b\nhash=1,\x02\n", "unusable character in hash: 1,\\x02"},
+      {rule + "file=a,x/corvid_update_serials\nhash=1,2\n", "file name is one of the module's own files: corvid_update_serials"},
+      {rule + "file=corvid_update.lock\nhash=1\n", "file name is one of the module's own files: corvid_update.lock"},
+      {rule + "file=x/..\nhash=1\n", "file name leaves the update directory: .."},
   };
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(load(text), message.empty()) << text;
@@ -323,6 +326,12 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {"[" + T + ".file=g]\nh=#T:\x02\ndownload_hash=$(h)\nupdate_version=1\nexec=x\n",
        error + "unusable character in hash: #T:\\x02"},
       {"status_hash_of=a\x03\n" + f, error + "control character in file name: a\\x03"},
+      {"[" + T + ".file=../x]\n", error + "file name leaves the update directory: ../x"},
+      {"[" + T + ".file=/etc/x]\n", error + "file name leaves the update directory: /etc/x"},
+      {"[" + T + ".file=./corvid_update_serials]\n", error + "file name is one of the module's own files: ./corvid_update_serials"},
+      {"[" + T + ".map_to.t]\nk=d/corvid_update_status.xml.bak/x/..\n[" + T + ".file=f]\nupdate_version=1\nexec=x\n"
+       "download_hash=#SHA256:00\ndownload_file=$(map_to.t.k)\n",
+       error + "download file is one of the module's own files: d/corvid_update_status.xml.bak/x/.."},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);

@@ -1,6 +1,7 @@
 // The built corvid-update, run as a user would run it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -31,6 +32,14 @@ class HostTest : public ::testing::Test {
     argv.insert(argv.end(), args.begin(), args.end());
     return fixtures::run_program(argv, dir_);
   }
+  // An empty RUNPATH entry (or a RUNPATH that is empty) searches the current directory for libraries.
+  bool has_empty_runpath_entry(const std::string& file) {
+    const std::string dynamic = run({"-d", file}, "/usr/bin/readelf").out, key = "Library runpath: [";
+    const size_t at = dynamic.find(key);
+    return at != std::string::npos &&
+           (":" + dynamic.substr(at + key.size(), dynamic.find(']', at) - at - key.size()) + ":").find("::") !=
+               std::string::npos;
+  }
   void serve(const std::vector<const char*>& example_dirs) {
     std::string error;
     ASSERT_TRUE(server_.start(error)) << error;
@@ -53,6 +62,76 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
   EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
   const std::pair<const char*, int> timeouts[] = {{"0", 2}, {"1x", 2}, {"86401", 2}, {"86400", 1}};  // 1: no URI
   for (const auto& [seconds, code] : timeouts) EXPECT_EQ(run({"--description-timeout", seconds, "check"}).exit_code, code);
+  // No shared fallback for a root: another user could have made it first.
+  const outcome_t rootless = run({"-u", "HOME", "-u", "XDG_STATE_HOME", CORVID_BIN_DIR "/corvid-update", "check"},
+                                 "/usr/bin/env");
+  EXPECT_EQ(rootless.exit_code, 1);
+  EXPECT_NE(rootless.err.find("no agent root"), std::string::npos) << rootless.err;
+  for (const char* file : {"bin/corvid-update", "bin/corvid-update-client", "bin/corvid-update-sign",
+                           "lib/libcorvid_update.so", "lib/libcorvid_agent.so"})
+    EXPECT_FALSE(has_empty_runpath_entry(CORVID_BIN_DIR "/../" + std::string(file))) << file;
+}
+
+// Root's state goes only where no one else can change it: a directory another user owns or may write is
+// refused by name before anything is written, links planted at the module's files are not written through,
+// and a directory the process cannot write (here nobody's) is locked and used, its saves failing aloud.
+TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  const std::string target = dir_.write("target", "theirs");
+  const auto own = [](const std::string& path, bool nobody, std::filesystem::perms mode) {
+    std::filesystem::create_directories(path);
+    std::filesystem::permissions(path, mode);
+    if (nobody) {
+      EXPECT_EQ(::chown(path.c_str(), 65534, 65534), 0) << path;
+    }
+    return path;
+  };
+  using std::filesystem::perms;
+  const struct {
+    std::function<std::string(const std::string& root)> plant;  // returns what the output must say
+    std::vector<std::string> options = {};
+    bool as_nobody = false, writes = false;
+  } rows[] = {
+      {[&](const std::string& r) { return "agent root: " + own(r, true, perms::owner_all) + " belongs to user 65534"; }},
+      {[&](const std::string& r) {  // a directory on the way
+         own(r, false, perms::owner_all);
+         return "agent root: " + own(std::filesystem::path(r).parent_path(), true, perms::all) + " belongs to user";
+       }},
+      {[&](const std::string& r) {  // sticky or not: it holds the module's files
+         return "update directory: " + own(r + "/var/update", false, perms::all | perms::sticky_bit) + " may be written";
+       }},
+      {[&](const std::string& r) { return "keys directory: " + own(r + "/etc/update-keys", false, perms::all) + " may be written"; }},
+      {[&](const std::string& r) {
+         const std::string key = own(r + "/etc/update-keys", false, perms::owner_all) + "/k.pub";
+         EXPECT_TRUE(fixtures::write_file(key, "") && ::chown(key.c_str(), 65534, 65534) == 0);
+         return "trusted keys: " + key + " belongs to user 65534";
+       }},
+      {[&](const std::string& r) {
+         for (const char* name : {"corvid_update_status.xml.bak", "corvid_update.lock"})
+           std::filesystem::create_symlink(target, own(r + "/var/update", false, perms::owner_all) + "/" + name);
+         return "update_state=error";
+       }, {}, false, true},
+      {[&](const std::string& r) {
+         own(r, true, perms::owner_all);
+         return "Failed to save update status to file: " + dir_.path("readonly/");
+       }, {"--update-dir", own(dir_.path("readonly"), false, perms::owner_read | perms::owner_exec | perms::others_read |
+                                                          perms::others_exec)}, true, true},
+  };
+  int n = 0;
+  for (const auto& row : rows) {
+    const std::string root = dir_.path("r" + std::to_string(n++) + "/agent"), says = row.plant(root);
+    std::vector<std::string> args{"--root", root};
+    args.insert(args.end(), row.options.begin(), row.options.end());
+    args.insert(args.end(), {"check", "http://127.0.0.1:1/"});
+    if (row.as_nobody)
+      args.insert(args.begin(), {"--reuid=nobody", "--regid=nogroup", "--clear-groups", CORVID_BIN_DIR "/corvid-update"});
+    const outcome_t o = row.as_nobody ? run(args, "/usr/bin/setpriv") : run(args);
+    EXPECT_NE((o.out + o.err).find(says), std::string::npos) << says << ": " << o.out << o.err;
+    EXPECT_EQ(o.exit_code, 1) << says;
+    EXPECT_EQ(std::filesystem::exists(root + "/log"), row.writes) << says;
+    EXPECT_EQ((o.err.find("Failed to save") == std::string::npos), !row.as_nobody) << says;  // a link is replaced
+  }
+  EXPECT_EQ(read_file(target), "theirs");
 }
 
 TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
@@ -106,6 +185,12 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     }
     EXPECT_NE(read_file(root + "/log/corvid_update.log").find("refused: command 8 needs root"), std::string::npos);
   }
+  // The log tells URIs, commands and errors: its owner and the socket's group may read it, no one else.
+  struct stat log{};
+  ASSERT_EQ(::stat((root + "/log/corvid_update.log").c_str(), &log), 0);
+  gid_t daemon_group = 0;
+  EXPECT_TRUE(agent::group_id("daemon", daemon_group));
+  EXPECT_EQ(std::make_pair(log.st_mode & 0777, log.st_gid), std::make_pair(0640u, daemon_group));
   // A second process on the same update directory names the first and
   // leaves its status, its log and its socket alone.
   const std::string status_before = read_file(root + "/var/update/corvid_update_status.xml"),
@@ -222,7 +307,7 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
     std::map<std::string, std::string> files;
     for (const auto& e : std::filesystem::directory_iterator(update)) {
       const std::string name = e.path().filename();
-      if (name.rfind("corvid_update_status.xml", 0) != 0 && name != "corvid_update.lock") files[name] = read_file(e.path());
+      if (name.rfind("corvid_update_status.xml", 0) != 0) files[name] = read_file(e.path());
     }
     return files;
   };
@@ -290,6 +375,8 @@ TEST_F(PackageTest, UnpackedHostChecksAgainstNginx) {
   const std::string root = dir_.path("root"), host = root + "/usr/sbin/corvid-update";
   ASSERT_EQ(std::system(("dpkg-deb -x '" CORVID_PACKAGE_FILE "' '" + root + "'").c_str()), 0);
   EXPECT_NE(run({"--help"}, host).out.find("--socket-group NAME"), std::string::npos);
+  for (const char* program : {"/usr/sbin/corvid-update", "/usr/bin/corvid-update-client", "/usr/bin/corvid-update-sign"})
+    EXPECT_FALSE(has_empty_runpath_entry(root + program)) << program;
   fixtures::nginx_server_t server;
   std::string error;
   ASSERT_TRUE(server.start(error)) << error;

@@ -9,6 +9,7 @@
 #include "frame/frame_fixture.h"
 #include "frame/listener.h"
 #include "frame/startup.h"
+#include "install/path_vars.h"
 #include "platform/agent_paths.h"
 
 namespace update::testing {
@@ -159,6 +160,39 @@ TEST_F(StateMachineTest, FiniDuringRunDropsPendingAndStaysStopped) {
   agent::drain_event_manager();
   EXPECT_EQ(logged("processing command: check (late)"), 0u);
   EXPECT_EQ(status_line(true), untouched);
+}
+
+// A new init starts clean: a stop before the end of start-up keeps the module stopped until then, and a
+// run of the stopped life that ends after the new init leaves it its state, its "$" values and the
+// command that waited for it.
+TEST_F(StateMachineTest, StopAndStartInQuickSuccessionLeaveTheNewLifeWorking) {
+  const auto path_var_count = [] {
+    std::lock_guard<std::mutex> hold(path_vars_lock);
+    return path_vars.size();
+  };
+  EM_AsyncCall([](em_call_t*) { held_run_t::hold(); }, nullptr);
+  init();
+  fini();
+  held_run_t::release();
+  agent::drain_event_manager();
+  EXPECT_EQ(current_module_state(), module_stopped);
+  EXPECT_EQ(logged("init, result: "), 0u);  // nor restored what it will not use
+
+  held_run_t::entered = 0, held_run_t::released = false;
+  start_module();
+  run_curl_init = [] { return held_run_t::hold(), curl_easy_init(); };
+  submit(Command::check, {"http://127.0.0.1:1/"}, "old");
+  held_run_t::wait_entered();
+  fini();
+  submit(Command::check, {}, "new");
+  init();
+  held_run_t::release();
+  agent::drain_event_manager();
+  EXPECT_EQ(logged("Update stopped: the module is stopping"), 1u);  // the old run stays stopped
+  EXPECT_EQ(current_module_state(), module_idle);
+  EXPECT_GT(path_var_count(), 0u);
+  EXPECT_EQ(logged("processing command: check (new)"), 1u);
+  EXPECT_EQ(status_line(true).second, "update_msg=" + no_uri);
 }
 
 std::string revision_bytes(uint64_t revision, size_t extra = 0) {

@@ -32,16 +32,27 @@ TEST_F(RunTest, CurlInitFailureEndsTheRunInItsFirstMessage) {
   EXPECT_EQ(curl_inits, 1);
 }
 
+// The update directory written differently is still the one locked at start; another one is refused.
 TEST_F(RunTest, SourceUriIsExpandedWithThePredefinedVariables) {
   start_module();
   const std::string uri = "http://127.0.0.1:1/$(agent_version)/$(agent_specs)/?u=$(update_path)&t=$(agent_tmp)&x=$(x)";
   LPARAMS::server::set_update_dir(update_dir_ + "//");
   run_and_wait(Command::check, {uri});
+  {
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    ASSERT_EQ(status.messages.size(), 2u);
+    EXPECT_EQ(status.messages.back().uri, "http://127.0.0.1:1/1.0.0/corvid.linux.x86_64.corvid/?u=" + update_dir_ +
+                                              "&t=" + root_ + "/tmp&x=$(x)");
+    EXPECT_TRUE(status.messages.front().text.empty() && !status.messages.back().text.empty());  // its own message
+  }
+  LPARAMS::server::set_update_dir(root_ + "/moved");
+  run_and_wait(Command::check, {uri});
+  EXPECT_EQ(status_line(true).second, "update_msg=Update directory changed to " + root_ + "/moved: the module holds " +
+                                          update_dir_ + " since its start; restart it to use the new one");
+  EXPECT_NE(read_file(update_dir_ + "/corvid_update_status.xml").find("Update directory changed"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(root_ + "/moved"));
   std::lock_guard<std::recursive_mutex> hold(status.lock);
-  ASSERT_EQ(status.messages.size(), 2u);
-  EXPECT_EQ(status.messages.back().uri, "http://127.0.0.1:1/1.0.0/corvid.linux.x86_64.corvid/?u=" + update_dir_ +
-                                            "&t=" + root_ + "/tmp&x=$(x)");
-  EXPECT_TRUE(status.messages.front().text.empty() && !status.messages.back().text.empty());  // its own message
+  EXPECT_EQ(status.messages.size(), 1u);  // no source was fetched
 }
 
 // The daemon's and the bridge's threads ask for the status all through a run whose download trickles: the

@@ -108,7 +108,8 @@ TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
     s.hashes.store("dropped", "#T:2");
     s.file_entry("passed").state = file_installed;
     s.file_entry("withdrawn").update_version = "1";
-    dir.write("withdrawn", "whole"), dir.write("withdrawn.download.1", "partial");
+    s.file_entry("corvid_update_serials");  // from a status saved before such names were refused
+    dir.write("withdrawn", "whole"), dir.write("withdrawn.download.1", "partial"), dir.write("corvid_update_serials", "");
     std::list<update_ini_t> sources(2);
     sources.front().merged = true;
     sources.front().status_hash_of = {"#T:kept", "#U:kept", "#T:new"};
@@ -125,12 +126,13 @@ TEST(Reconcile, DropsOnlyWhatEveryLoadedSourceLeftOut) {
       for (const auto& hash : list) kept += file + "=" + hash + " ";
     for (const auto& f : s.files) kept += f.name + ":" + file_state_text(f.state) + (f.skipped ? "(skipped) " : " ");
     EXPECT_EQ(kept, std::string(all_merged ? "" : "dropped=#T:2 ") + "kept=#T:1 kept=#U: new=#T: " +
-                        "passed:installed(skipped) " + (all_merged ? "" : "withdrawn: ") + "f: ")
+                        "passed:installed(skipped) " + (all_merged ? "" : "withdrawn: corvid_update_serials: ") + "f: ")
         << all_merged;
     EXPECT_TRUE(plans.size() == 1 && plans.front() == &rules.back());
     // A withdrawn file goes from the disk too, the whole one and its download.
     EXPECT_EQ(access(dir.path("withdrawn").c_str(), F_OK) + access(dir.path("withdrawn.download.1").c_str(), F_OK),
               all_merged ? -2 : 0);
+    EXPECT_EQ(access(dir.path("corvid_update_serials").c_str(), F_OK), 0);
   }
 }
 

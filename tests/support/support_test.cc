@@ -188,6 +188,15 @@ TEST_F(FileOps, WriterWithDenyWriteKeepsOtherWritersOutButNotReaders) {
   EXPECT_TRUE(file_t(open_file(p.c_str(), "wb", true)));
 }
 
+TEST_F(FileOps, WritersGoNeitherThroughALinkNorToASecondName) {
+  std::filesystem::create_symlink(dir_.write("target", "theirs"), dir_.path("link"));
+  std::filesystem::create_hard_link(dir_.write("other", "theirs"), dir_.path("hard"));
+  for (const char* name : {"link", "hard"})
+    for (const char* mode : {"wb", "ab", "r+b"})
+      EXPECT_EQ(file_t(open_file(dir_.path(name).c_str(), mode, false)), nullptr) << name << " " << mode;
+  EXPECT_EQ(read_file(dir_.path("target")) + read_file(dir_.path("other")), "theirstheirs");
+}
+
 // The digits example of GOST R 34.11-2012, in each type and decoration form.
 TEST(CalcHash, HashesTheStandardExampleInEveryTypeAndDecoration) {
   fixtures::scratch_dir_t dir;

@@ -2,14 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/sysmacros.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <fstream>
 #include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -92,6 +97,86 @@ bool sync_descriptor(int fd, bool data_only) {
   return (data_only ? ::fdatasync(fd) : ::fsync(fd)) == 0 || errno == EINVAL;
 }
 
+int open_retrying(const char* path, int flags, ::mode_t mode = 0) {
+  int fd;
+  do {
+    fd = ::open(path, flags, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// A writer's descriptor: never through a link at the last component, nor
+// to a regular file with a second name. A new file is created exclusively;
+// O_NONBLOCK keeps a FIFO without a reader from holding the open for ever.
+int open_for_writing(const char* path, int flags) {
+  const bool create = (flags & O_CREAT) != 0;
+  const int base = (flags & ~O_CREAT) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  int fd = -1;
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    if (create) {
+      fd = open_retrying(path, base | O_CREAT | O_EXCL, 0666);
+      if (fd >= 0 || errno != EEXIST) break;
+    }
+    fd = open_retrying(path, base);
+    if (fd >= 0 || !create || errno != ENOENT) break;  // gone meanwhile: create it after all
+  }
+  if (fd < 0) return -1;
+  struct stat st;
+  int cause = 0;
+  if (::fstat(fd, &st) != 0)
+    cause = errno;
+  else if (S_ISREG(st.st_mode) && st.st_nlink > 1)
+    cause = EMLINK;
+  else if (::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+    cause = errno;
+  if (cause == 0) return fd;
+  ::close(fd);
+  errno = cause;
+  return -1;
+}
+
+std::string without_trailing_slashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+// One object of a path: its owner must be root or the caller, and no one
+// else may write it; a directory on the way may be shared if it is sticky.
+exposure_report_t examine(const std::string& path, bool on_the_way) {
+  exposure_report_t report;
+  report.path = path;
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    report.kind = exposure_t::unexamined;
+    report.error = errno;
+    return report;
+  }
+  report.owner = st.st_uid;
+  report.mode = st.st_mode & 07777;
+  const bool shared_sticky = on_the_way && S_ISDIR(st.st_mode) && (st.st_mode & S_ISVTX) != 0;
+  if (st.st_uid != 0 && st.st_uid != ::geteuid())
+    report.kind = exposure_t::foreign_owner;
+  else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !shared_sticky)
+    report.kind = exposure_t::others_write;
+  return report;
+}
+
+// Who holds a flock on the object st describes, as /proc/locks tells
+// ("1: FLOCK  ADVISORY  WRITE PID MAJOR:MINOR:INODE 0 EOF"); 0 if it does not.
+long flock_holder(const struct stat& st) {
+  char object[64];
+  std::snprintf(object, sizeof object, "%02x:%02x:%lu", major(st.st_dev), minor(st.st_dev),
+                static_cast<unsigned long>(st.st_ino));
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream words(line);
+    std::string number, kind, advisory, access, pid, where;
+    if (words >> number >> kind >> advisory >> access >> pid >> where && kind == "FLOCK" && where == object)
+      return std::strtol(pid.c_str(), nullptr, 10);
+  }
+  return 0;
+}
+
 }  // namespace
 
 FILE* open_file(const char* path, const char* mode, bool deny_write) {
@@ -105,13 +190,7 @@ FILE* open_file(const char* path, const char* mode, bool deny_write) {
     return nullptr;
   }
   const bool lock = deny_write && m.writes;
-  // With a lock, truncation waits until the lock is ours, so that a refused
-  // open leaves the holder's data alone.
-  int flags = m.flags | O_CLOEXEC | (m.truncate && !lock ? O_TRUNC : 0);
-  int fd;
-  do {
-    fd = ::open(path, flags, 0666);
-  } while (fd < 0 && errno == EINTR);
+  const int fd = m.writes ? open_for_writing(path, m.flags) : open_retrying(path, m.flags | O_CLOEXEC);
   if (fd < 0) return nullptr;
   if (!m.writes) {
     struct stat st;
@@ -125,11 +204,11 @@ FILE* open_file(const char* path, const char* mode, bool deny_write) {
       return nullptr;
     }
   }
-  if (lock) {
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (m.truncate && !truncate_if_not_empty(fd))) {
-      close_keeping_errno(fd);
-      return nullptr;
-    }
+  // With a lock, truncation waits until the lock is ours, so that a refused
+  // open leaves the holder's data alone.
+  if ((lock && ::flock(fd, LOCK_EX | LOCK_NB) != 0) || (m.truncate && !truncate_if_not_empty(fd))) {
+    close_keeping_errno(fd);
+    return nullptr;
   }
   FILE* file = ::fdopen(fd, m.stdio_mode);
   if (!file) close_keeping_errno(fd);
@@ -252,27 +331,82 @@ bool make_directories(const char* path, unsigned mode) {
   return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool hold_process_lock(const char* path, long& holder) {
+bool lock_directory(const char* path, long& holder) {
   holder = 0;
   static std::mutex lock;
-  static std::map<std::string, int>& held = *new std::map<std::string, int>;  // guarded by lock
-  std::lock_guard<std::mutex> hold(lock);
-  if (held.count(path) != 0) return true;
-  const int fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (fd < 0) return false;
   // flock belongs to the open file: a second open in this process would
-  // conflict with the first, hence the table of what is held.
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    char text[32] = {};
-    if (::pread(fd, text, sizeof text - 1, 0) > 0) holder = std::strtol(text, nullptr, 10);
+  // conflict with the first, hence the table of what is held. The
+  // descriptors that hold the locks stay open for the process's life.
+  static auto& held = *new std::set<std::pair<dev_t, ino_t>>;  // guarded by lock
+  std::lock_guard<std::mutex> hold(lock);
+  const int fd = path ? open_retrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+  if (fd < 0) return false;
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
     close_keeping_errno(fd);
     return false;
   }
-  // The id only helps the next one name us; the lock is what counts.
-  const std::string pid = std::to_string(::getpid()) + "\n";
-  if (::ftruncate(fd, 0) == 0) (void)!::pwrite(fd, pid.data(), pid.size(), 0);
-  held[path] = fd;
+  if (held.count({st.st_dev, st.st_ino}) != 0) {
+    ::close(fd);
+    return true;
+  }
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int cause = errno;
+    if (cause == EWOULDBLOCK) holder = flock_holder(st);
+    ::close(fd);
+    errno = cause;
+    return false;
+  }
+  held.insert({st.st_dev, st.st_ino});
   return true;
 }
+
+exposure_report_t directory_exposure(const char* path) {
+  exposure_report_t report;
+  if (!path || !*path) {
+    report.kind = exposure_t::unexamined;
+    report.error = EINVAL;
+    return report;
+  }
+  std::string full = path;
+  if (full[0] != '/') {
+    char here[PATH_MAX];
+    if (!::getcwd(here, sizeof here)) {
+      report.kind = exposure_t::unexamined;
+      report.error = errno;
+      return report;
+    }
+    full = std::string(here) + "/" + full;
+  }
+  // What does not exist yet will be made inside the nearest that does.
+  struct stat st;
+  bool self = true;
+  while (::stat(full.c_str(), &st) != 0) {
+    if (errno != ENOENT || full == "/") return examine(full, false);
+    full = directory_of(without_trailing_slashes(full));
+    self = false;
+  }
+  char* resolved = ::realpath(full.c_str(), nullptr);
+  if (!resolved) {
+    report.path = full;
+    report.kind = exposure_t::unexamined;
+    report.error = errno;
+    return report;
+  }
+  const std::string real(resolved);
+  std::free(resolved);
+  for (const std::string& chain : {without_trailing_slashes(full), without_trailing_slashes(real)}) {
+    // "/", then each longer prefix up to the whole path.
+    report = examine("/", !(self && chain == "/"));
+    for (size_t end = 2; end <= chain.size() && report.kind == exposure_t::none; ++end) {
+      if ((end < chain.size() && chain[end] != '/') || chain[end - 1] == '/') continue;
+      report = examine(chain.substr(0, end), !(self && end == chain.size()));
+    }
+    if (report.kind != exposure_t::none) return report;
+  }
+  return report;
+}
+
+exposure_report_t file_exposure(const char* path) { return examine(path ? path : "", false); }
 
 }  // namespace update::platform
