@@ -50,8 +50,20 @@ std::string group_name(gid_t id);
 bool user_in_group(uid_t uid, gid_t gid);
 
 // Where the bridge listens unless told otherwise: systemVarDir() +
-// "corvid_bridge.sock".
+// "corvid_bridge.sock"; empty when there is no var directory.
 std::string default_socket_path();
+
+// The directories from "/" down to dir, links resolved; empty when dir
+// cannot be resolved.
+std::vector<std::string> way_to(const std::string& dir);
+
+// Whether a user other than root and uid could put something else at path:
+// each directory from "/" down to path's (resolved) must belong to root or
+// uid and be writable by its owner only, unless it is sticky and what follows
+// it in the path belongs to root or uid. Empty when nobody else can; else
+// the first directory that fails, named, and why. A directory that does not
+// exist is left to whoever opens path to report.
+std::string unsafe_way(const std::string& path, uid_t uid);
 
 // Starts the server: binds path (its directory made if needed; a stale
 // socket file left by a dead server is replaced; a path without a slash is
@@ -87,7 +99,9 @@ class bridge_client_t {
   bridge_client_t& operator=(const bridge_client_t&) = delete;
 
   // False with a reason; a client the socket's permissions refuse is told
-  // the group whose members may connect.
+  // the group whose members may connect. Talks only to a server that runs
+  // as root or as this process's user, behind a way nobody else can change
+  // (unsafe_way): anything else could ask it to run commands.
   bool connect(const std::string& path, std::string& error);
   // Sends a command and waits for its reply, answering the notifications
   // that come meanwhile through answer. False with a reason when the

@@ -360,15 +360,11 @@ bool group_can_search(const std::string& dir, gid_t gid) {
 // The first directory on the way to a socket in dir that the group cannot
 // search, or empty when its members can reach the socket.
 std::string closed_to_group(const std::string& dir, gid_t gid) {
-  char* resolved = ::realpath(dir.c_str(), nullptr);
-  if (!resolved) return dir;
-  const std::string full = resolved;
-  std::free(resolved);
-  for (size_t end = full.find('/', 1);; end = full.find('/', end + 1)) {
-    const std::string level = end == std::string::npos ? full : full.substr(0, end);
+  const std::vector<std::string> way = way_to(dir);
+  if (way.empty()) return dir;
+  for (const auto& level : way)
     if (!group_can_search(level, gid)) return level;
-    if (end == std::string::npos) return "";
-  }
+  return "";
 }
 
 // Owner-only, or shared with the members of group (gid) when one is named.

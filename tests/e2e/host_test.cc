@@ -21,6 +21,30 @@ namespace {
 using fixtures::outcome_t;
 using fixtures::read_file;
 
+// A peer of the bridge playing the attacker. "serve PATH EUID": a daemon
+// listening as EUID that orders "touch PATH.ran" before it answers any frame.
+// "member PATH": a client that offers to answer, prints "asked" at each
+// notification, and never answers.
+const char* fake_peer = R"(
+import os, socket, struct, sys
+def send(c, t, n, v, b=b''): c.sendall(struct.pack('<4I', t, n, v, len(b)) + b)
+def read(c):
+  t, n, v, l = struct.unpack('<4I', c.recv(16, socket.MSG_WAITALL)); c.recv(l, socket.MSG_WAITALL); return t, n
+s, path = socket.socket(socket.AF_UNIX), sys.argv[2]
+if sys.argv[1] == 'member':
+  s.connect(path); send(s, 5, 1, 1); read(s); print('offered', flush=True)
+  while True: read(s); print('asked', flush=True)
+cmd = b'touch ' + path.encode() + b'.ran'
+s.bind(path + '.new'); os.seteuid(int(sys.argv[3])); s.listen(); os.seteuid(os.getuid()); os.rename(path + '.new', path)
+while True:
+  c = s.accept()[0]
+  try:
+    while True:
+      t, n = read(c)
+      if t in (1, 5): send(c, 3, 9, 7, b'\1' + struct.pack('<I', len(cmd)) + cmd + b'\1\0'); read(c); send(c, 2, n, t == 5, b'\0' * 4 * (t == 1))
+  except Exception: c.close()
+)";
+
 class HostTest : public ::testing::Test {
  protected:
   // Runs the host, or another program, with its per-user state kept inside the test's directory.
@@ -120,6 +144,45 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   EXPECT_FALSE(std::filesystem::exists(socket));
   EXPECT_NE(read_file(root + "/log/corvid_update.log").find("\tserve\tstopped\n"), std::string::npos);
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
+}
+
+// Whatever listens on its socket may order the client to run a command: it
+// talks only to a daemon of root or its own user behind directories nobody
+// else can change, runs a command only for a command it follows having
+// offered to answer, and never on a no.
+TEST_F(HostTest, ClientObeysOnlyItsOwnDaemonAndOnlyWhileItAnswers) {
+  if (::getuid() != 0) GTEST_SKIP() << "plays another user";
+  const struct {
+    mode_t mode;
+    uid_t owner, server;
+    std::vector<std::string> args;
+    std::string says;
+  } rows[] = {
+      {0755, 0, 65534, {"status", "--once"}, "its server runs as uid 65534, neither root nor this user"},
+      {0755, 0, 0, {"--yes", "status", "--once"}, "this client did not offer to answer the update"},
+      {0755, 0, 0, {"--yes", "xml"}, "this client did not offer to answer the update"},
+      {0755, 0, 0, {"--no", "status"}, "this client answers no"},
+      {0777, 0, 0, {"--yes", "status"}, "/var is writable by users other than its owner"},
+      {0755, 65534, 0, {"--yes", "status"}, "/var belongs to uid 65534"},
+      {01777, 0, 65534, {"--yes", "status"}, "/var is shared and " + dir_.path("7/var/corvid_bridge.sock in it belongs to uid 65534")},
+  };
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  int n = 0;
+  for (const auto& row : rows) {
+    const std::string root = dir_.path(std::to_string(++n)), var = root + "/var", socket = var + "/corvid_bridge.sock";
+    std::filesystem::create_directories(var);
+    ASSERT_EQ(::chmod(var.c_str(), row.mode) | ::chown(var.c_str(), row.owner, 0), 0);
+    std::vector<std::string> fake{"/usr/bin/python3", "-c", fake_peer, "serve", socket, std::to_string(row.server)};
+    if (row.mode & S_ISVTX) fake.insert(fake.begin(), {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"});
+    const pid_t fake_pid = fixtures::spawn_child(fake, -1, root + ".log");
+    for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::vector<std::string> args{"--root", root};
+    args.insert(args.end(), row.args.begin(), row.args.end());
+    const outcome_t o = run(args, "corvid-update-client");
+    fixtures::stop_child(fake_pid, 5000);
+    EXPECT_NE(o.err.find(row.says), std::string::npos) << row.says << ": " << o.err;
+    EXPECT_FALSE(std::filesystem::exists(socket + ".ran")) << row.says;
+  }
 }
 
 // A stop starts nothing more: not at the daemon's question, which it
