@@ -75,7 +75,9 @@ std::string unsafe_way(const std::string& path, uid_t uid);
 // open_codes; notifications go only to a client that said it answers them
 // and is root, the daemon's user or a member of the group. False with a
 // reason when the group is unknown or cannot reach the socket's directory,
-// the socket cannot be made or another server answers on it.
+// another user could change the way to the socket (unsafe_way), the socket
+// cannot be made or another server answers on it. The socket's group and
+// mode are set without following a link.
 bool start_bridge(const std::string& path, std::string& error, const std::string& group = "",
                   const std::vector<uint32_t>& open_codes = {});
 // Disconnects every client, ends waiting notifications with false, joins the

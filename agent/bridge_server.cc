@@ -368,10 +368,12 @@ std::string closed_to_group(const std::string& dir, gid_t gid) {
 }
 
 // Owner-only, or shared with the members of group (gid) when one is named.
+// A link put in the socket's place is refused, never followed.
 bool set_access(const std::string& path, const std::string& group, gid_t gid) {
-  if (group.empty()) return ::chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0;
-  return ::chown(path.c_str(), static_cast<uid_t>(-1), gid) == 0 &&
-         ::chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) == 0;
+  if (!group.empty() && ::fchownat(AT_FDCWD, path.c_str(), static_cast<uid_t>(-1), gid, AT_SYMLINK_NOFOLLOW) != 0)
+    return false;
+  const mode_t mode = group.empty() ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP;
+  return ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 // Binds path, replacing a socket file no server answers on any more.
@@ -391,6 +393,13 @@ int bind_socket(const std::string& path, const std::string& group, gid_t& gid, s
   const size_t slash = path.rfind('/');
   const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   agent_fs_mkdir_if_not_exist_rwx_usr(dir);
+  // Whoever could change the way could swap the socket for a link to a
+  // file of root's, or put a server of their own in its place.
+  const std::string unsafe = unsafe_way(path, ::geteuid());
+  if (!unsafe.empty()) {
+    error = "refusing the socket " + path + ": " + unsafe;
+    return -1;
+  }
   // A socket the group may use is no use behind a directory it cannot pass.
   if (!group.empty()) {
     const std::string closed = closed_to_group(dir, gid);

@@ -205,7 +205,9 @@ Options:
                         0660, so that the group's members may use the client
                         to read the status and answer the update's questions
                         (default: the socket is owner-only); commands need
-                        root or the daemon's own user
+                        root or the daemon's own user. The socket's
+                        directory and those above it must be writable by
+                        root or the daemon's user only (or be sticky)
   --help                this text
 
 A client's code 8 bytes reach a serving host as a command line: a command

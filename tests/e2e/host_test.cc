@@ -149,7 +149,7 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
 // Whatever listens on its socket may order the client to run a command: it
 // talks only to a daemon of root or its own user behind directories nobody
 // else can change, runs a command only for a command it follows having
-// offered to answer, and never on a no.
+// offered to answer, and never on a no. The daemon's socket obeys the same rule.
 TEST_F(HostTest, ClientObeysOnlyItsOwnDaemonAndOnlyWhileItAnswers) {
   if (::getuid() != 0) GTEST_SKIP() << "plays another user";
   const struct {
@@ -183,6 +183,10 @@ TEST_F(HostTest, ClientObeysOnlyItsOwnDaemonAndOnlyWhileItAnswers) {
     EXPECT_NE(o.err.find(row.says), std::string::npos) << row.says << ": " << o.err;
     EXPECT_FALSE(std::filesystem::exists(socket + ".ran")) << row.says;
   }
+  const outcome_t daemon = run({"5", CORVID_BIN_DIR "/corvid-update", "--root", dir_.path("agent"), "--socket",
+                                dir_.path("5/var/d.sock"), "serve"}, "/usr/bin/timeout");
+  EXPECT_EQ(daemon.exit_code, 1);
+  EXPECT_NE(daemon.err.find(dir_.path("5/var is writable by users other than its owner")), std::string::npos) << daemon.err;
 }
 
 // A stop starts nothing more: not at the daemon's question, which it
