@@ -65,6 +65,10 @@ std::vector<std::string> way_to(const std::string& dir);
 // exist is left to whoever opens path to report.
 std::string unsafe_way(const std::string& path, uid_t uid);
 
+// How long a client may take over a notification when its sender gives no
+// time of its own.
+constexpr int default_answer_limit_s = 300;
+
 // Starts the server: binds path (its directory made if needed; a stale
 // socket file left by a dead server is replaced; a path without a slash is
 // in the current directory), accepts clients on a thread of its own and
@@ -73,13 +77,16 @@ std::string unsafe_way(const std::string& path, uid_t uid);
 // Who a peer is comes from the socket (its user and groups): root and the
 // daemon's own user may send every command; anyone connected may send the
 // open_codes; notifications go only to a client that said it answers them
-// and is root, the daemon's user or a member of the group. False with a
+// and is root, the daemon's user or a member of the group, and wait for its
+// answer up to answer_limit_s unless the sender says otherwise; root's or the
+// daemon's user's client that offers while the install question waits for
+// another takes the question over. False with a
 // reason when the group is unknown or cannot reach the socket's directory,
 // another user could change the way to the socket (unsafe_way), the socket
 // cannot be made or another server answers on it. The socket's group and
 // mode are set without following a link.
 bool start_bridge(const std::string& path, std::string& error, const std::string& group = "",
-                  const std::vector<uint32_t>& open_codes = {});
+                  const std::vector<uint32_t>& open_codes = {}, int answer_limit_s = default_answer_limit_s);
 // Disconnects every client, ends waiting notifications with false, joins the
 // threads and removes the socket file. Safe to call when not started.
 void stop_bridge();

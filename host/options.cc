@@ -1,5 +1,6 @@
 #include "host/options.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -28,6 +29,9 @@ struct value_option_t {
   const char* name;
   std::string options_t::*field;
 };
+
+// A day: a question open longer holds every command behind it.
+constexpr long max_question_timeout = 86400;
 
 constexpr value_option_t value_options[] = {
     {"--update-dir", &options_t::update_dir},
@@ -80,6 +84,17 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     }
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(0, equals);
+    if (name == "--question-timeout") {
+      const std::string value = equals != std::string::npos ? arg.substr(equals + 1) : i + 1 < argc ? argv[++i] : "";
+      char* end = nullptr;
+      const long seconds = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || seconds < 1 || seconds > max_question_timeout) {
+        error = "--question-timeout takes seconds from 1 to " + std::to_string(max_question_timeout);
+        return false;
+      }
+      options.question_timeout = static_cast<int>(seconds);
+      continue;
+    }
     const value_option_t* option = nullptr;
     for (const auto& candidate : value_options)
       if (name == candidate.name) option = &candidate;
@@ -208,6 +223,13 @@ Options:
                         root or the daemon's own user. The socket's
                         directory and those above it must be writable by
                         root or the daemon's user only (or be sticky)
+  --question-timeout S  serve: a client that offered to answer has S seconds
+                        (default 300) for the install question, unless the
+                        update gives the question a time of its own (then
+                        that time and 30 s more), and S seconds for a
+                        command it is handed to run; then it counts as no
+                        answer, and root's or the daemon's user's client
+                        offering meanwhile takes the question over
   --help                this text
 
 A client's code 8 bytes reach a serving host as a command line: a command

@@ -40,6 +40,13 @@ while True:
   except Exception: c.close()
 )";
 
+// Whether text appears count times in the file within five seconds.
+bool wait_for(const std::string& file, const std::string& text, size_t count = 1) {
+  auto seen = [&] { size_t n = 0; for (size_t at = 0; (at = read_file(file).find(text, at)) != std::string::npos; ++at) ++n; return n; };
+  for (int i = 0; i < 250 && seen() < count; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return seen() >= count;
+}
+
 class HostTest : public ::testing::Test {
  protected:
   // Runs the host, or another program, with its per-user state kept inside the test's directory.
@@ -68,6 +75,7 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
   EXPECT_NE(read_file(dir_.path("state/corvid/var/update/corvid_update_status.xml")).find("cmd=\"unknown\" cmdid=\"7\""),
             std::string::npos);
   EXPECT_EQ(run({"--xml", "check"}).exit_code, 2);
+  EXPECT_EQ(run({"--question-timeout", "0", "serve"}).exit_code, 2);
   EXPECT_EQ(run({"--cmdid", "a\"b", "check"}).exit_code, 2);  // the status file writes it bare
 }
 
@@ -183,20 +191,33 @@ TEST_F(HostTest, ClientObeysOnlyItsOwnDaemonAndOnlyWhileItAnswers) {
 TEST_F(HostTest, StopStartsNoFurtherCommand) {
   serve({"repo", "agent"});
   const std::string root = dir_.path("agent"), source = server_.url("/repo/"), socket = dir_.path("bridge.sock");
-  const pid_t daemon = fixtures::spawn_child(
-      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "serve"}, -1, dir_.path("serve.log"));
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  const pid_t daemon = fixtures::spawn_child({CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket,
+      "--socket-group", "daemon", "--question-timeout", "1", "serve"}, -1, dir_.path("serve.log"));
   agent::bridge_client_t client;
   std::string error, reply;
   for (int i = 0; i < 250 && !client.connect(socket, error); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_TRUE(client.offer_answers(error)) << error;
+  // A member who offers and never answers holds a question for the daemon's limit, then it is a no; with
+  // the update's own time the limit is that time and more, and root's client offering takes it over.
+  const std::string member_log = dir_.path("member.log"), log = root + "/log/corvid_update.log";
+  fixtures::spawn_child({"/usr/bin/setpriv", "--reuid=nobody", "--regid=daemon", "--clear-groups",
+      "/usr/bin/python3", "-c", fake_peer, "member", socket}, -1, member_log);
+  wait_for(member_log, "offered");
   bool accepted = false, asked = false;
   ASSERT_TRUE(client.call(8, "install " + source, accepted, reply, nullptr, error) && accepted) << error;
-  while (!asked && client.wait(50, [&](uint32_t, std::string& body) {
+  EXPECT_TRUE(wait_for(root + "/var/update/corvid_update_status.xml", "Canceled by user"));
+  fixtures::write_file(server_.root() + "/repo/update.ini", read_file(server_.root() + "/repo/update.ini") + "timeout=600\n");
+  ASSERT_TRUE(client.call(8, "install " + source, accepted, reply, nullptr, error) && accepted) << error;
+  ASSERT_TRUE(wait_for(member_log, "asked", 3));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // past the daemon's own limit
+  ASSERT_TRUE(client.offer_answers(error)) << error;
+  for (int i = 0; i < 200 && !asked && client.wait(50, [&](uint32_t, std::string& body) {
     fixtures::stop_child(daemon, 10000);  // at the question, unanswered
     body = "\x01";
     return asked = true;
-  }, error)) {}
+  }, error); ++i) {}
   EXPECT_TRUE(asked) << error;
+  EXPECT_NE(read_file(log).find(") by client "), std::string::npos);
   const std::string status = read_file(root + "/var/update/corvid_update_status.xml");
   EXPECT_NE(status.find("Update stopped: the module is stopping"), std::string::npos) << status;
   EXPECT_NE(status.find("state=\"downloaded\""), std::string::npos) << status;
