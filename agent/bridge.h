@@ -58,11 +58,12 @@ std::string default_socket_path();
 std::vector<std::string> way_to(const std::string& dir);
 
 // Whether a user other than root and uid could put something else at path:
-// each directory from "/" down to path's (resolved) must belong to root or
-// uid and be writable by its owner only, unless it is sticky and what follows
-// it in the path belongs to root or uid. Empty when nobody else can; else
-// the first directory that fails, named, and why. A directory that does not
-// exist is left to whoever opens path to report.
+// each directory from "/" down to path's (links resolved, path's own
+// included) must belong to root or uid and be writable by its owner only,
+// unless it is sticky and what follows it in the path belongs to root or
+// uid. Empty when nobody else can; else the first directory that fails,
+// named, and why. A directory that does not exist is left to whoever opens
+// path to report.
 std::string unsafe_way(const std::string& path, uid_t uid);
 
 // How long a client may take over a notification when its sender gives no

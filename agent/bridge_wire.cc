@@ -161,7 +161,11 @@ std::vector<std::string> way_to(const std::string& dir) {
   return way;
 }
 
-std::string unsafe_way(const std::string& path, uid_t uid) {
+std::string unsafe_way(const std::string& named, uid_t uid) {
+  // A link in the socket's place is followed by connect: judge where it leads.
+  char* target = ::realpath(named.c_str(), nullptr);
+  const std::string path = target ? target : named;
+  std::free(target);
   const size_t slash = path.rfind('/');
   std::vector<std::string> way = way_to(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
   if (way.empty()) return "";
