@@ -258,7 +258,6 @@ class session_t {
     const char* why = answering_ ? "this client answers no" : "this client did not offer to answer the update";
     if (is_order) {
       std::fprintf(stderr, "corvid-update-client: not running %s: %s\n", order.text.c_str(), why);
-      if (!answering_) return false;
       body = exec_user_reply(false, std::string("not run: ") + why);
       return true;
     }
