@@ -53,6 +53,23 @@ bool user_in_group(uid_t uid, gid_t gid);
 // "corvid_bridge.sock"; empty when the agent has no var directory (no root).
 std::string default_socket_path();
 
+// The directories from "/" down to dir, links resolved; empty when dir
+// cannot be resolved.
+std::vector<std::string> way_to(const std::string& dir);
+
+// Whether a user other than root and uid could put something else at path:
+// each directory from "/" down to path's (links resolved, path's own
+// included) must belong to root or uid and be writable by its owner only,
+// unless it is sticky and what follows it in the path belongs to root or
+// uid. Empty when nobody else can; else the first directory that fails,
+// named, and why. A directory that does not exist is left to whoever opens
+// path to report.
+std::string unsafe_way(const std::string& path, uid_t uid);
+
+// How long a client may take over a notification when its sender gives no
+// time of its own.
+constexpr int default_answer_limit_s = 300;
+
 // Starts the server: binds path (its directory made if needed; a stale
 // socket file left by a dead server is replaced; a path without a slash is
 // in the current directory), accepts clients on a thread of its own and
@@ -61,11 +78,16 @@ std::string default_socket_path();
 // Who a peer is comes from the socket (its user and groups): root and the
 // daemon's own user may send every command; anyone connected may send the
 // open_codes; notifications go only to a client that said it answers them
-// and is root, the daemon's user or a member of the group. False with a
+// and is root, the daemon's user or a member of the group, and wait for its
+// answer up to answer_limit_s unless the sender says otherwise; root's or the
+// daemon's user's client that offers while the install question waits for
+// another takes the question over. False with a
 // reason when the group is unknown or cannot reach the socket's directory,
-// the socket cannot be made or another server answers on it.
+// another user could change the way to the socket (unsafe_way), the socket
+// cannot be made or another server answers on it. The socket's group and
+// mode are set without following a link.
 bool start_bridge(const std::string& path, std::string& error, const std::string& group = "",
-                  const std::vector<uint32_t>& open_codes = {});
+                  const std::vector<uint32_t>& open_codes = {}, int answer_limit_s = default_answer_limit_s);
 // Disconnects every client, ends waiting notifications with false, joins the
 // threads and removes the socket file. Safe to call when not started.
 void stop_bridge();
@@ -87,7 +109,9 @@ class bridge_client_t {
   bridge_client_t& operator=(const bridge_client_t&) = delete;
 
   // False with a reason; a client the socket's permissions refuse is told
-  // the group whose members may connect.
+  // the group whose members may connect. Talks only to a server that runs
+  // as root or as this process's user, behind a way nobody else can change
+  // (unsafe_way): anything else could ask it to run commands.
   bool connect(const std::string& path, std::string& error);
   // Sends a command and waits for its reply, answering the notifications
   // that come meanwhile through answer. False with a reason when the

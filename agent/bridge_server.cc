@@ -76,6 +76,7 @@ struct bridge_t {
   uint32_t next_serial = 1;                               // guarded by lock
   uint64_t next_offer = 1;                                // guarded by lock
   notification_answerer_t local;                          // guarded by lock
+  long answer_limit_ms = default_answer_limit_s * 1000L;  // guarded by lock
   std::mutex notify_lock;  // one notification at a time
   // Set by start_bridge before the acceptor runs, read-only after.
   int listen_fd = -1;
@@ -360,22 +361,20 @@ bool group_can_search(const std::string& dir, gid_t gid) {
 // The first directory on the way to a socket in dir that the group cannot
 // search, or empty when its members can reach the socket.
 std::string closed_to_group(const std::string& dir, gid_t gid) {
-  char* resolved = ::realpath(dir.c_str(), nullptr);
-  if (!resolved) return dir;
-  const std::string full = resolved;
-  std::free(resolved);
-  for (size_t end = full.find('/', 1);; end = full.find('/', end + 1)) {
-    const std::string level = end == std::string::npos ? full : full.substr(0, end);
+  const std::vector<std::string> way = way_to(dir);
+  if (way.empty()) return dir;
+  for (const auto& level : way)
     if (!group_can_search(level, gid)) return level;
-    if (end == std::string::npos) return "";
-  }
+  return "";
 }
 
 // Owner-only, or shared with the members of group (gid) when one is named.
+// A link put in the socket's place is refused, never followed.
 bool set_access(const std::string& path, const std::string& group, gid_t gid) {
-  if (group.empty()) return ::chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0;
-  return ::chown(path.c_str(), static_cast<uid_t>(-1), gid) == 0 &&
-         ::chmod(path.c_str(), S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP) == 0;
+  if (!group.empty() && ::fchownat(AT_FDCWD, path.c_str(), static_cast<uid_t>(-1), gid, AT_SYMLINK_NOFOLLOW) != 0)
+    return false;
+  const mode_t mode = group.empty() ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP;
+  return ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 // Binds path, replacing a socket file no server answers on any more.
@@ -395,6 +394,13 @@ int bind_socket(const std::string& path, const std::string& group, gid_t& gid, s
   const size_t slash = path.rfind('/');
   const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   agent_fs_mkdir_if_not_exist_rwx_usr(dir);
+  // Whoever could change the way could swap the socket for a link to a
+  // file of root's, or put a server of their own in its place.
+  const std::string unsafe = unsafe_way(path, ::geteuid());
+  if (!unsafe.empty()) {
+    error = "refusing the socket " + path + ": " + unsafe;
+    return -1;
+  }
   // A socket the group may use is no use behind a directory it cannot pass.
   if (!group.empty()) {
     const std::string closed = closed_to_group(dir, gid);
@@ -440,7 +446,7 @@ int bind_socket(const std::string& path, const std::string& group, gid_t& gid, s
 }  // namespace
 
 bool start_bridge(const std::string& path, std::string& error, const std::string& group,
-                  const std::vector<uint32_t>& open_codes) {
+                  const std::vector<uint32_t>& open_codes, int answer_limit_s) {
   bridge_t& b = bridge();
   std::lock_guard<std::mutex> control(b.control_lock);
   if (b.listen_fd >= 0) {
@@ -460,6 +466,7 @@ bool start_bridge(const std::string& path, std::string& error, const std::string
   {
     std::lock_guard<std::mutex> hold(b.lock);
     b.stopping = false;
+    b.answer_limit_ms = answer_limit_s * 1000L;
   }
   b.listen_fd = fd;
   b.path = path;
@@ -545,7 +552,6 @@ std::shared_ptr<agent::connection_t> answering_client(const agent::bridge_t& b) 
 NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeout, AnswerCheck check) {
   agent::bridge_t& b = agent::bridge();
   std::lock_guard<std::mutex> one_at_a_time(b.notify_lock);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout < 0 ? 0 : timeout);
   const std::string sent = body;
   std::unique_lock<std::mutex> hold(b.lock);
   if (b.local) {
@@ -554,18 +560,22 @@ NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeou
     if (!local(id, body)) return NotifyOutcome::declined;
     return !check || check(id, sent, body) ? NotifyOutcome::answered : NotifyOutcome::declined;
   }
+  // A client that offered and then keeps silent must not hold the worker.
+  const std::chrono::milliseconds limit(timeout < 0 ? b.answer_limit_ms : timeout);
+  auto deadline = std::chrono::steady_clock::now() + limit;
   // Waits until settled holds; false when the time ran out first.
-  auto wait = [&](auto settled) {
-    if (timeout < 0) {
-      b.changed.wait(hold, settled);
-      return true;
-    }
-    return b.changed.wait_until(hold, deadline, settled);
-  };
+  auto wait = [&](auto settled) { return b.changed.wait_until(hold, deadline, settled); };
   agent::pending_answer_t pending;
   pending.id = id;
   pending.sent = &sent;
   pending.check = check;
+  // Root or the daemon's user, offering while the install question waits,
+  // takes it over; an order to run a command stays where it may be running.
+  auto taker = [&]() -> std::shared_ptr<agent::connection_t> {
+    auto latest = answering_client(b);
+    const bool takes = id == NotifyUpdateInstallQuestion && latest && latest != pending.target && latest->peer.privileged;
+    return takes ? latest : nullptr;
+  };
   bool reoffer = false;  // a client answered garbage: wait for a proper answer
   for (;;) {
     if (b.stopping) return NotifyOutcome::stopped;
@@ -586,7 +596,7 @@ NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeou
     }
     hold.lock();
     const bool in_time = wait([&] {
-      return !sent_out || pending.answered || pending.malformed || pending.target->gone || b.stopping;
+      return !sent_out || pending.answered || pending.malformed || pending.target->gone || b.stopping || taker();
     });
     b.pending = nullptr;
     if (pending.answered) {
@@ -599,7 +609,18 @@ NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeou
       reoffer = true;
       continue;
     }
-    return in_time ? NotifyOutcome::gone : NotifyOutcome::timed_out;
+    if (in_time && (!sent_out || pending.target->gone)) return NotifyOutcome::gone;
+    const auto ms = limit.count();
+    const std::string text =
+        in_time ? "notification " + std::to_string(id) + " taken over from " + agent::client_name(*pending.target) +
+                      " by " + agent::client_name(*taker())
+                : agent::client_name(*pending.target) + " did not answer notification " + std::to_string(id) +
+                      " within " + (ms % 1000 ? std::to_string(ms) + " ms" : std::to_string(ms / 1000) + " s");
+    hold.unlock();
+    agent::log_notice(text);
+    if (!in_time) return NotifyOutcome::timed_out;
+    hold.lock();
+    deadline = std::chrono::steady_clock::now() + limit;
   }
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <grp.h>
 #include <poll.h>
@@ -149,6 +150,39 @@ std::string default_socket_path() {
   return dir + "corvid_bridge.sock";
 }
 
+std::vector<std::string> way_to(const std::string& dir) {
+  char* resolved = ::realpath(dir.c_str(), nullptr);
+  if (!resolved) return {};
+  std::vector<std::string> way{"/"};
+  for (const char* at = std::strchr(resolved + 1, '/'); at; at = std::strchr(at + 1, '/'))
+    way.emplace_back(resolved, static_cast<size_t>(at - resolved));
+  if (resolved[1] != '\0') way.emplace_back(resolved);
+  std::free(resolved);
+  return way;
+}
+
+std::string unsafe_way(const std::string& named, uid_t uid) {
+  // A link in the socket's place is followed by connect: judge where it leads.
+  char* target = ::realpath(named.c_str(), nullptr);
+  const std::string path = target ? target : named;
+  std::free(target);
+  const size_t slash = path.rfind('/');
+  std::vector<std::string> way = way_to(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
+  if (way.empty()) return "";
+  way.push_back((way.back() == "/" ? "" : way.back()) + "/" + path.substr(slash + 1));
+  auto theirs = [uid](const struct stat& st) { return st.st_uid != 0 && st.st_uid != uid; };
+  for (size_t i = 0; i + 1 < way.size(); ++i) {
+    struct stat st, next;
+    if (::lstat(way[i].c_str(), &st) != 0) return way[i] + ": " + std::strerror(errno);
+    if (theirs(st)) return way[i] + " belongs to uid " + std::to_string(st.st_uid);
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0) continue;
+    if ((st.st_mode & S_ISVTX) == 0) return way[i] + " is writable by users other than its owner";
+    if (::lstat(way[i + 1].c_str(), &next) == 0 && theirs(next))
+      return way[i] + " is shared and " + way[i + 1] + " in it belongs to uid " + std::to_string(next.st_uid);
+  }
+  return "";
+}
+
 bridge_client_t::~bridge_client_t() {
   if (fd_ >= 0) ::close(fd_);
 }
@@ -168,6 +202,17 @@ bool bridge_client_t::connect(const std::string& path, std::string& error) {
     if (code == EACCES) error += refusal_reason(path);
     if (code == ENOENT || code == ECONNREFUSED) error += " (is \"corvid-update serve\" running?)";
     if (fd >= 0) ::close(fd);
+    return false;
+  }
+  const std::string unsafe = unsafe_way(path, ::geteuid());
+  ucred server{};
+  socklen_t size = sizeof server;
+  if (!unsafe.empty() || ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 ||
+      (server.uid != 0 && server.uid != ::geteuid())) {
+    error = "refusing the socket " + path + ": " +
+            (!unsafe.empty() ? unsafe
+                             : "its server runs as uid " + std::to_string(server.uid) + ", neither root nor this user");
+    ::close(fd);
     return false;
   }
   if (fd_ >= 0) ::close(fd_);

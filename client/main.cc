@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include "agent/bridge.h"
 #include "client/progress_line.h"
 #include "client/responder.h"
+#include "platform/command_bridge.h"
 #include "records/bridge_codes.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
@@ -59,10 +61,20 @@ Options:
 
 While it follows a command (install, status), a client that can answer
 tells the daemon so, and the latest such client answers the update's install
-question and runs the commands the update hands to the user. Ctrl-C, the end
-of input or a closed terminal at the question is a no. Exit status: 0 when the status
-is a defined state other than error, 1 when it is error or undefined or the
-daemon cannot be reached, 2 for a bad command line.
+question and runs the commands the update hands to the user; with --no it
+runs none of them. Only then: xml, send and status --once never run
+anything. Ctrl-C, the end of input or a closed terminal at the question is a
+no.
+
+The client talks only to a daemon running as root or as its own user, over a
+socket whose directories, from / down, belong to root or that user and are
+writable by their owner only (a sticky one such as /tmp counts when what
+follows it belongs to root or that user); otherwise it names the directory,
+or the server's user, and stops.
+
+Exit status: 0 when the status is a defined state other than error, 1 when it
+is error or undefined or the daemon cannot be reached or is refused, 2 for a
+bad command line.
 )";
 }
 
@@ -163,21 +175,23 @@ bool running(int32_t result) {
 
 class session_t {
  public:
-  explicit session_t(const options_t& o) : responder_(o.answer), terminal_(isatty(STDERR_FILENO) == 1) {
-    answer_ = [this](uint32_t id, std::string& body) {
-      clear_bar();
-      return responder_(id, body);
-    };
+  explicit session_t(const options_t& o)
+      : responder_(o.answer), answers_no_(o.answer == answer_t::no), terminal_(isatty(STDERR_FILENO) == 1) {
+    answer_ = [this](uint32_t id, std::string& body) { return answer(id, body); };
   }
 
   bool connect(const std::string& path) { return bridge_.connect(path, error_); }
 
   // Offers the daemon this client's answers; a refusal is told, not fatal.
+  // Only from here to stop_answering does the client answer the update or
+  // run what it hands to the user.
   void offer_answers() {
     std::string why;
-    if (!bridge_.offer_answers(why))
+    answering_ = bridge_.offer_answers(why);
+    if (!answering_)
       std::fprintf(stderr, "corvid-update-client: the update will not ask this client: %s\n", why.c_str());
   }
+  void stop_answering() { answering_ = false; }
   const std::string& error() const { return error_; }
 
   bool call(uint32_t code, const std::string& request, bool& result, std::string& reply) {
@@ -234,8 +248,27 @@ class session_t {
   }
 
  private:
+  // Whatever sits behind the socket may send a notification at any time; a
+  // command is run only for a client that offered, and never on a no.
+  bool answer(uint32_t id, std::string& body) {
+    clear_bar();
+    client_message_t order;
+    const bool is_order = id == NotifyUpdateClientMessage && parse_client_message(body, order) && order.kind == 1;
+    if (answering_ && !(is_order && answers_no_)) return responder_(id, body);
+    const char* why = answering_ ? "this client answers no" : "this client did not offer to answer the update";
+    if (is_order) {
+      std::fprintf(stderr, "corvid-update-client: not running %s: %s\n", order.text.c_str(), why);
+      body = exec_user_reply(false, std::string("not run: ") + why);
+      return true;
+    }
+    std::fprintf(stderr, "corvid-update-client: ignored notification %u: %s\n", id, why);
+    return false;
+  }
+
   agent::bridge_client_t bridge_;
   responder_t responder_;
+  const bool answers_no_;
+  bool answering_ = false;
   agent::notification_answerer_t answer_;
   std::string error_;
   snapshot_t last_;
@@ -293,17 +326,43 @@ int follow(session_t& session, const std::string* before, bool watch) {
   return exit_failed;
 }
 
-int run(const options_t& o) {
-  std::string path = o.socket;
-  if (path.empty()) {
-    agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
-    path = agent::default_socket_path();
-    // With no daemon of the user's own, the machine's service is the one meant.
-    std::error_code ignored;
-    if (o.root.empty() && !std::filesystem::exists(path, ignored)) path = CORVID_SYSTEM_SOCKET;
+// The socket: the one named, else the daemon's under the root given, else
+// the user's own daemon's if it has one, else the service's.
+std::string socket_path(const options_t& o) {
+  if (!o.socket.empty()) return o.socket;
+  agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
+  const std::string own = agent::default_socket_path();
+  std::error_code ignored;
+  if (o.root.empty() && (own.empty() || !std::filesystem::exists(own, ignored))) return CORVID_SYSTEM_SOCKET;
+  return own;
+}
+
+// Follows a command to its end, answering for it: start sends the command
+// (none: follow whatever runs). The only path on which this client answers.
+int follow_command(session_t& session, const options_t& o, const std::function<bool()>& start) {
+  // Only a client with somebody, or a standing answer, behind it is asked.
+  if (o.answer_given || isatty(STDIN_FILENO) == 1) session.offer_answers();
+  int code = exit_failed;
+  if (!start) {
+    code = follow(session, nullptr, o.watch);
+  } else {
+    // The status before the command, so that its start can be told.
+    std::string before;
+    snapshot_t baseline;
+    bool changed = false;
+    if (session.poll(baseline, changed) && status_xml(session, before) && start()) {
+      code = follow(session, &before, false);
+    } else {
+      std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
+    }
   }
+  session.stop_answering();
+  return code;
+}
+
+int run(const options_t& o) {
   session_t session(o);
-  if (!session.connect(path)) {
+  if (!session.connect(socket_path(o))) {
     std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
     return exit_failed;
   }
@@ -332,19 +391,8 @@ int run(const options_t& o) {
     }
     return print_snapshot(s);
   }
-  // Only a client with somebody, or a standing answer, behind it is asked.
-  if (o.answer_given || isatty(STDIN_FILENO) == 1) session.offer_answers();
-  if (o.command == "status") return follow(session, nullptr, o.watch);
-  // The status before the command, so that its start can be told.
-  std::string before;
-  snapshot_t baseline;
-  bool changed = false;
-  if (!session.poll(baseline, changed) || !status_xml(session, before) ||
-      !session.call(update::code_install, "", result, reply)) {
-    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-    return exit_failed;
-  }
-  return follow(session, &before, false);
+  if (o.command == "status") return follow_command(session, o, nullptr);
+  return follow_command(session, o, [&] { return session.call(update::code_install, "", result, reply); });
 }
 
 }  // namespace

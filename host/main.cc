@@ -125,8 +125,7 @@ bool configure_agent(const options_t& options) {
   }
   LPARAMS::server::set_ca_file(options.ca_file);
   LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
-  if (!options.description_timeout.empty())
-    LPARAMS::server::set_description_timeout(static_cast<unsigned>(std::stoul(options.description_timeout)));
+  if (options.description_timeout != 0) LPARAMS::server::set_description_timeout(options.description_timeout);
   if (!directories_are_private(root)) return false;
   std::vector<update::trusted_key_t> keys;
   std::string error;
@@ -234,7 +233,9 @@ int serve(const options_t& options) {
   std::string error;
   // Anyone who may connect may read the status; commands need root.
   const std::vector<uint32_t> open_codes{update::code_status, update::code_status_xml};
-  if (!agent::start_bridge(socket, error, options.socket_group, open_codes)) {
+  const int answer_limit =
+      options.question_timeout > 0 ? static_cast<int>(options.question_timeout) : agent::default_answer_limit_s;
+  if (!agent::start_bridge(socket, error, options.socket_group, open_codes, answer_limit)) {
     {
       TLogMessage log(log_id_failure);
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);

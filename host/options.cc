@@ -30,13 +30,34 @@ struct value_option_t {
   std::string options_t::*field;
 };
 
+// Waits given in seconds, from 1 to a day: a wait longer than that holds
+// every command behind it.
+struct seconds_option_t {
+  const char* name;
+  unsigned options_t::*field;
+};
+constexpr unsigned long max_wait_seconds = 86400;
+constexpr seconds_option_t seconds_options[] = {
+    {"--description-timeout", &options_t::description_timeout},
+    {"--question-timeout", &options_t::question_timeout},
+};
+
+bool parse_seconds(const std::string& text, unsigned& seconds) {
+  unsigned long value = 0;
+  const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || failed != std::errc() || end != text.data() + text.size() || value < 1 ||
+      value > max_wait_seconds)
+    return false;
+  seconds = static_cast<unsigned>(value);
+  return true;
+}
+
 constexpr value_option_t value_options[] = {
     {"--update-dir", &options_t::update_dir},
     {"--root", &options_t::root},
     {"--log", &options_t::log_file},
     {"--ca-file", &options_t::ca_file},
     {"--trusted-keys", &options_t::trusted_keys},
-    {"--description-timeout", &options_t::description_timeout},
     {"--cmdid", &options_t::cmdid},
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
@@ -82,6 +103,17 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     }
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(0, equals);
+    const seconds_option_t* wait = nullptr;
+    for (const auto& candidate : seconds_options)
+      if (name == candidate.name) wait = &candidate;
+    if (wait) {
+      const std::string value = equals != std::string::npos ? arg.substr(equals + 1) : i + 1 < argc ? argv[++i] : "";
+      if (!parse_seconds(value, options.*(wait->field))) {
+        error = name + " takes a number of seconds from 1 to " + std::to_string(max_wait_seconds);
+        return false;
+      }
+      continue;
+    }
     const value_option_t* option = nullptr;
     for (const auto& candidate : value_options)
       if (name == candidate.name) option = &candidate;
@@ -104,14 +136,6 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
   }
   const std::string command = std::move(positional.front());
   positional.pop_front();
-  const std::string& timeout = options.description_timeout;
-  unsigned long seconds = 0;
-  const auto [end, failed] = std::from_chars(timeout.data(), timeout.data() + timeout.size(), seconds);
-  if (!timeout.empty() && (failed != std::errc() || end != timeout.data() + timeout.size() || seconds == 0 ||
-                           seconds > 86400)) {
-    error = "--description-timeout takes a number of seconds from 1 to 86400";
-    return false;
-  }
   if (command == "status") {
     if (!positional.empty()) {
       error = "status takes no URI";
@@ -218,7 +242,16 @@ Options:
                         0660, so that the group's members may use the client
                         to read the status and answer the update's questions
                         (default: the socket is owner-only); commands need
-                        root or the daemon's own user
+                        root or the daemon's own user. The socket's
+                        directory and those above it must be writable by
+                        root or the daemon's user only (or be sticky)
+  --question-timeout S  serve: a client that offered to answer has S seconds
+                        (default 300) for the install question, unless the
+                        update gives the question a time of its own (then
+                        that time and 30 s more), and S seconds for a
+                        command it is handed to run; then it counts as no
+                        answer, and root's or the daemon's user's client
+                        offering meanwhile takes the question over
   --help                this text
 
 A client's code 8 bytes reach a serving host as a command line: a command

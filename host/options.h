@@ -21,10 +21,11 @@ struct options_t {
   bool no_verify = false;
   std::string ca_file;  // HTTPS: the authorities to trust; empty: the system's
   std::string trusted_keys;  // the keys descriptions must be signed with; empty: the default directory
-  std::string description_timeout;  // seconds, 1 to 86400; empty: the default
+  unsigned description_timeout = 0;  // seconds, 1 to 86400; 0: the default
   bool stats = false;  // saves and disk syncs on stderr at the end
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string socket_group;  // serve: the group that may use the socket; empty: owner-only
+  unsigned question_timeout = 0;  // serve: seconds a client may take to answer; 0: the bridge's default
   std::string answer;  // the install question: "yes", "no", "ask" or empty (ask on a terminal, else yes)
   // Product values; empty ones keep the defaults.
   std::string product_version, product_build, product_target, product_os, product_cpu, product_vendor;

@@ -17,7 +17,11 @@ namespace {
 // for when it is turned on.
 constexpr bool notify_errors = false;
 
-constexpr long no_time_limit = -1;
+// The bridge's own limit for a client's answer.
+constexpr long bridge_limit = -1;
+// A client whose user lets the update's time for the question run out
+// answers yes then; this much longer, that yes still counts.
+constexpr long answer_margin_ms = 30000;
 
 void append_entry(std::string& list, const file_entry_t& entry) {
   if (!list.empty()) list += '\n';
@@ -76,7 +80,8 @@ bool readable_answer(NotificationIdType id, const std::string& sent, const std::
 bool notify_install(const update_ini_t& owner, const file_rule_t& rule, bool with_uri) {
   if (stop_requested()) return false;  // the install stage tells why
   std::string body = install_question_body(owner, rule, with_uri);
-  switch (bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, no_time_limit, readable_answer)) {
+  const long limit = owner.timeout > 0 ? owner.timeout * 1000L + answer_margin_ms : bridge_limit;
+  switch (bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, limit, readable_answer)) {
     case bridge::server::NotifyOutcome::answered:
       if (body.empty()) raise_stream_error();
       return body[0] == 1;
@@ -94,7 +99,7 @@ bool notify_exec_user(const std::string& exec_user, bool wait, bool silent, std:
     return false;
   }
   std::string body = exec_user_body(exec_user, wait, silent);
-  if (bridge::server::NotifyClient(NotifyUpdateClientMessage, body, no_time_limit, readable_answer) !=
+  if (bridge::server::NotifyClient(NotifyUpdateClientMessage, body, bridge_limit, readable_answer) !=
       bridge::server::NotifyOutcome::answered) {
     text = "send notification to GUI failed";
     return false;
@@ -104,7 +109,7 @@ bool notify_exec_user(const std::string& exec_user, bool wait, bool silent, std:
 
 void notify_text(const std::string& text) {
   std::string body = client_text_body(text);
-  bridge::server::NotifyClientAndWaitResponse(NotifyUpdateClientMessage, body, no_time_limit);
+  bridge::server::NotifyClientAndWaitResponse(NotifyUpdateClientMessage, body, bridge_limit);
 }
 
 void notify_error(const std::string& text) {

@@ -1,7 +1,8 @@
 // Messages from the module to the graphical client, through the bridge's
 // notifications, and the readers of their replies. All run on the update
-// worker, never under the status lock, and wait for the client without a
-// limit of time. A malformed reply throws "CommandStreamError"
+// worker, never under the status lock, and wait for the client up to the
+// bridge's limit; the install question, when the update gives it a time of
+// its own, that time and a margin. A malformed reply throws "CommandStreamError"
 // (support/stream_error.h); nothing in the module catches it.
 #pragma once
 #include <string>
@@ -14,8 +15,9 @@ namespace update {
 // Notification 6: asks whether to install rule. True for a yes (first byte
 // of the reply 1). With no client that answers questions connected: true
 // unless with_uri, so that the install stage, which passes false, takes no
-// client as no objection. A client asked that goes away without a yes, and
-// a stop, are a no; once the module is stopping nobody is asked.
+// client as no objection. A client asked that goes away or runs out of time
+// without a yes, and a stop, are a no; once the module is stopping nobody is
+// asked.
 bool notify_install(const update_ini_t& owner, const file_rule_t& rule, bool with_uri);
 
 // Notification 7, kind 1: has the client run exec_user, waiting for it if

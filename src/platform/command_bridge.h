@@ -63,7 +63,7 @@ using AnswerCheck = bool (*)(NotificationIdType id, const std::string& sent, con
 
 // Sends body under id to the client that answers notifications and waits for
 // its answer, which replaces body. timeout is in milliseconds; a negative one
-// waits without a limit. check may be null. One notification is under way at
+// waits as long as the bridge lets a client take. check may be null. One notification is under way at
 // a time; others wait their turn. Safe from any thread but a listener's call.
 NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeout, AnswerCheck check);
 

@@ -23,6 +23,32 @@ namespace {
 using fixtures::outcome_t;
 using fixtures::read_file;
 
+// Bridge peers playing the attacker. "serve PATH EUID": a daemon listening as EUID that orders "touch PATH.ran"
+// before it answers a frame. "member PATH": a client that offers to answer and never does, saying "asked".
+const char* fake_peer = R"(
+import os, socket, struct, sys
+def send(c, t, n, v, b=b''): c.sendall(struct.pack('<4I', t, n, v, len(b)) + b)
+def read(c): t, n, v, l = struct.unpack('<4I', c.recv(16, socket.MSG_WAITALL)); c.recv(l, socket.MSG_WAITALL); return t, n
+s, path, cmd = socket.socket(socket.AF_UNIX), sys.argv[2], b'touch ' + sys.argv[2].encode() + b'.ran'
+if sys.argv[1] == 'member':
+  s.connect(path); send(s, 5, 1, 1); read(s); print('offered', flush=True)
+  while True: read(s); print('asked', flush=True)
+os.makedirs(os.path.dirname(path), exist_ok=True); s.bind(path + '.new'); os.seteuid(int(sys.argv[3])); s.listen(); os.seteuid(os.getuid()); os.rename(path + '.new', path)
+while True:
+  c = s.accept()[0]
+  try:
+    while True:
+      if (t := read(c))[0] in (1, 5): send(c, 3, 9, 7, b'\1' + struct.pack('<I', len(cmd)) + cmd + b'\1\0'); read(c); send(c, 2, t[1], t[0] == 5, b'\0' * 4 * (t[0] == 1))
+  except Exception: c.close()
+)";
+
+// Whether text appears count times in the file within five seconds.
+bool wait_for(const std::string& file, const std::string& text, size_t count = 1) {
+  auto seen = [&] { size_t n = 0; for (size_t at = 0; (at = read_file(file).find(text, at)) != std::string::npos; ++at) ++n; return n; };
+  for (int i = 0; i < 250 && seen() < count; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return seen() >= count;
+}
+
 class HostTest : public ::testing::Test {
  protected:
   // Runs the host, or another program, with its per-user state kept inside the test's directory.
@@ -62,6 +88,7 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
   EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
   const std::pair<const char*, int> timeouts[] = {{"0", 2}, {"1x", 2}, {"86401", 2}, {"86400", 1}};  // 1: no URI
   for (const auto& [seconds, code] : timeouts) EXPECT_EQ(run({"--description-timeout", seconds, "check"}).exit_code, code);
+  EXPECT_EQ(run({"serve", "--question-timeout"}).exit_code, 2);
   // No shared fallback for a root: another user could have made it first.
   const outcome_t rootless = run({"-u", "HOME", "-u", "XDG_STATE_HOME", CORVID_BIN_DIR "/corvid-update", "check"},
                                  "/usr/bin/env");
@@ -210,6 +237,41 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only
 }
 
+// Whatever listens on its socket may order the client to run a command: it talks only to a daemon of root or
+// its own user behind directories nobody else can change, runs a command only for a command it follows having
+// offered to answer, and never on a no. The daemon's socket obeys the same rule.
+TEST_F(HostTest, ClientObeysOnlyItsOwnDaemonAndOnlyWhileItAnswers) {
+  if (::getuid() != 0) GTEST_SKIP() << "plays another user";
+  const struct { mode_t mode; uid_t owner, server; std::vector<std::string> args; std::string says; } rows[] = {
+      {0755, 0, 65534, {"status", "--once"}, "its server runs as uid 65534, neither root nor this user"},
+      {0755, 0, 0, {"--yes", "status", "--once"}, "this client did not offer to answer the update"},
+      {0755, 0, 0, {"--no", "status"}, "this client answers no"},
+      {0777, 0, 0, {"--yes", "status"}, dir_.path("4 is writable by users other than its owner")},
+      {0755, 65534, 0, {"--yes", "status"}, dir_.path("5 belongs to uid 65534")},
+      {01777, 0, 65534, {"--yes", "status"}, dir_.path("6 is shared and ") + dir_.path("6/var in it belongs to uid 65534")},
+  };
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  int n = 0;
+  for (const auto& row : rows) {
+    const std::string root = dir_.path(std::to_string(++n)), socket = root + "/var/corvid_bridge.sock";
+    std::filesystem::create_directories(root);
+    ASSERT_EQ(::chmod(root.c_str(), row.mode) | ::chown(root.c_str(), row.owner, 0), 0);
+    std::vector<std::string> fake{"/usr/bin/python3", "-c", fake_peer, "serve", socket, std::to_string(row.server)};
+    if (row.mode & S_ISVTX) fake.insert(fake.begin(), {"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"});
+    const pid_t fake_pid = fixtures::spawn_child(fake, -1, root + ".log");
+    for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::vector<std::string> args = row.args;
+    args.insert(args.begin(), {"--root", root});
+    const outcome_t o = run(args, "corvid-update-client");
+    fixtures::stop_child(fake_pid, 5000);
+    EXPECT_NE(o.err.find(row.says), std::string::npos) << row.says << ": " << o.err;
+    EXPECT_FALSE(std::filesystem::exists(socket + ".ran")) << row.says;
+  }
+  const outcome_t daemon = run({"5", CORVID_BIN_DIR "/corvid-update", "--root", dir_.path("agent"), "--socket",
+                                dir_.path("4/var/d.sock"), "serve"}, "/usr/bin/timeout");
+  EXPECT_NE(daemon.err.find(dir_.path("4 is writable by users other than its owner")), std::string::npos) << daemon.err;
+}
+
 // A stop starts nothing more: not at the daemon's question, which it
 // answers no, nor between two rules of a one-shot hit by Ctrl-C, where the
 // running command finishes. The files stay downloaded; the next install
@@ -217,20 +279,33 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
 TEST_F(HostTest, StopStartsNoFurtherCommand) {
   serve({"repo", "agent"});
   const std::string root = dir_.path("agent"), source = server_.url("/repo/"), socket = dir_.path("bridge.sock");
-  const pid_t daemon = fixtures::spawn_child(
-      {CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket, "serve"}, -1, dir_.path("serve.log"));
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  const pid_t daemon = fixtures::spawn_child({CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket,
+      "--socket-group", "daemon", "--question-timeout", "1", "serve"}, -1, dir_.path("serve.log"));
   agent::bridge_client_t client;
   std::string error, reply;
   for (int i = 0; i < 250 && !client.connect(socket, error); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_TRUE(client.offer_answers(error)) << error;
+  // A member who offers and never answers holds a question for the daemon's limit, then it is a no; with
+  // the update's own time the limit is that time and more, and root's client offering takes it over.
+  const std::string member_log = dir_.path("member.log"), log = root + "/log/corvid_update.log";
+  fixtures::spawn_child({"/usr/bin/setpriv", "--reuid=nobody", "--regid=daemon", "--clear-groups",
+      "/usr/bin/python3", "-c", fake_peer, "member", socket}, -1, member_log);
+  wait_for(member_log, "offered");
   bool accepted = false, asked = false;
   ASSERT_TRUE(client.call(8, "install " + source, accepted, reply, nullptr, error) && accepted) << error;
-  while (!asked && client.wait(50, [&](uint32_t, std::string& body) {
+  EXPECT_TRUE(wait_for(root + "/var/update/corvid_update_status.xml", "Canceled by user"));
+  fixtures::write_file(server_.root() + "/repo/update.ini", read_file(server_.root() + "/repo/update.ini") + "timeout=600\n");
+  ASSERT_TRUE(client.call(8, "install " + source, accepted, reply, nullptr, error) && accepted) << error;
+  ASSERT_TRUE(wait_for(member_log, "asked", 3));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // past the daemon's own limit
+  ASSERT_TRUE(client.offer_answers(error)) << error;
+  for (int i = 0; i < 200 && !asked && client.wait(50, [&](uint32_t, std::string& body) {
     fixtures::stop_child(daemon, 10000);  // at the question, unanswered
     body = "\x01";
     return asked = true;
-  }, error)) {}
+  }, error); ++i) {}
   EXPECT_TRUE(asked) << error;
+  EXPECT_NE(read_file(log).find(") by client "), std::string::npos);
   const std::string status = read_file(root + "/var/update/corvid_update_status.xml");
   EXPECT_NE(status.find("Update stopped: the module is stopping"), std::string::npos) << status;
   EXPECT_NE(status.find("state=\"downloaded\""), std::string::npos) << status;
