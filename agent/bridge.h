@@ -57,14 +57,13 @@ std::string default_socket_path();
 // cannot be resolved.
 std::vector<std::string> way_to(const std::string& dir);
 
-// Whether a user other than root and uid could put something else at path:
-// each directory from "/" down to path's (links resolved, path's own
-// included) must belong to root or uid and be writable by its owner only,
-// unless it is sticky and what follows it in the path belongs to root or
-// uid. Empty when nobody else can; else the first directory that fails,
-// named, and why. A directory that does not exist is left to whoever opens
-// path to report.
-std::string unsafe_way(const std::string& path, uid_t uid);
+// Whether a user other than root and this process's could put something
+// else at path: the directory that holds it (path's links resolved) and
+// every directory on the way are judged as the module's own directories are
+// (platform/exposure.h), and the object at path, if there is one, must
+// belong to root or this user. Empty when nobody else can; else the object
+// that fails, named, and why.
+std::string unsafe_way(const std::string& path);
 
 // How long a client may take over a notification when its sender gives no
 // time of its own.

@@ -396,7 +396,7 @@ int bind_socket(const std::string& path, const std::string& group, gid_t& gid, s
   agent_fs_mkdir_if_not_exist_rwx_usr(dir);
   // Whoever could change the way could swap the socket for a link to a
   // file of root's, or put a server of their own in its place.
-  const std::string unsafe = unsafe_way(path, ::geteuid());
+  const std::string unsafe = unsafe_way(path);
   if (!unsafe.empty()) {
     error = "refusing the socket " + path + ": " + unsafe;
     return -1;

@@ -15,6 +15,7 @@
 
 #include "agent/bridge.h"
 #include "platform/agent_paths.h"
+#include "platform/exposure.h"
 
 namespace agent {
 
@@ -161,26 +162,22 @@ std::vector<std::string> way_to(const std::string& dir) {
   return way;
 }
 
-std::string unsafe_way(const std::string& named, uid_t uid) {
+std::string unsafe_way(const std::string& named) {
+  using namespace update::platform;
   // A link in the socket's place is followed by connect: judge where it leads.
   char* target = ::realpath(named.c_str(), nullptr);
   const std::string path = target ? target : named;
   std::free(target);
   const size_t slash = path.rfind('/');
-  std::vector<std::string> way = way_to(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
-  if (way.empty()) return "";
-  way.push_back((way.back() == "/" ? "" : way.back()) + "/" + path.substr(slash + 1));
-  auto theirs = [uid](const struct stat& st) { return st.st_uid != 0 && st.st_uid != uid; };
-  for (size_t i = 0; i + 1 < way.size(); ++i) {
-    struct stat st, next;
-    if (::lstat(way[i].c_str(), &st) != 0) return way[i] + ": " + std::strerror(errno);
-    if (theirs(st)) return way[i] + " belongs to uid " + std::to_string(st.st_uid);
-    if ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0) continue;
-    if ((st.st_mode & S_ISVTX) == 0) return way[i] + " is writable by users other than its owner";
-    if (::lstat(way[i + 1].c_str(), &next) == 0 && theirs(next))
-      return way[i] + " is shared and " + way[i + 1] + " in it belongs to uid " + std::to_string(next.st_uid);
+  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  exposure_report_t report = directory_exposure(dir.c_str());
+  if (report.kind == exposure_t::none) {
+    // Of the socket itself only the owner counts: its group may write it by
+    // design, and one not made yet is for bind or connect to report.
+    report = file_exposure(path.c_str());
+    if (report.kind != exposure_t::foreign_owner) report.kind = exposure_t::none;
   }
-  return "";
+  return exposure_text(report);
 }
 
 bridge_client_t::~bridge_client_t() {
@@ -204,7 +201,7 @@ bool bridge_client_t::connect(const std::string& path, std::string& error) {
     if (fd >= 0) ::close(fd);
     return false;
   }
-  const std::string unsafe = unsafe_way(path, ::geteuid());
+  const std::string unsafe = unsafe_way(path);
   ucred server{};
   socklen_t size = sizeof server;
   if (!unsafe.empty() || ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0 ||

@@ -34,7 +34,7 @@ sources_of() {
                  src/status/status_xml.cc src/platform/xml_document.cc src/facts/hash_cache.cc \
                  src/support/message_format.cc src/support/time_text.cc src/support/file_helpers.cc \
                  src/support/xml_text.cc src/platform/posix/file_ops.cc ;;
-    bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc client/responder.cc \
+    bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc src/platform/posix/exposure.cc client/responder.cc \
                  src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
     signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc src/support/pem_key.cc \
                     src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \

@@ -3,11 +3,10 @@
 #include <mutex>
 
 #include "platform/agent_paths.h"
+#include "platform/exposure.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
-#include "platform/process.h"
 #include "support/file_helpers.h"
-#include "support/message_format.h"
 
 namespace update {
 
@@ -19,27 +18,15 @@ std::string& pinned_dir() {  // guarded by pinned_lock
   return dir;
 }
 
-std::string exposure_text(const platform::exposure_report_t& report) {
-  const char* path = report.path.c_str();
-  switch (report.kind) {
-    case platform::exposure_t::none: return "";
-    case platform::exposure_t::foreign_owner:
-      return format_message("%s belongs to user %u, not to root or to this process's user", path, report.owner);
-    case platform::exposure_t::others_write:
-      return format_message("%s may be written by others than its owner (mode %04o)", path, report.mode);
-    case platform::exposure_t::unexamined:
-      break;
-  }
-  return format_message("%s cannot be examined: %s", path, platform::system_error_text(report.error).c_str());
-}
-
 }  // namespace
 
 std::string directory_exposure_text(const std::string& path) {
-  return exposure_text(platform::directory_exposure(path.c_str()));
+  return platform::exposure_text(platform::directory_exposure(path.c_str()));
 }
 
-std::string file_exposure_text(const std::string& path) { return exposure_text(platform::file_exposure(path.c_str())); }
+std::string file_exposure_text(const std::string& path) {
+  return platform::exposure_text(platform::file_exposure(path.c_str()));
+}
 
 void update_dir_path(std::string& path) {
   {

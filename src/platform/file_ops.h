@@ -85,31 +85,6 @@ bool make_directories(const char* path, unsigned mode);
 // system tells it, or 0 when it does not; any other errno is the cause.
 bool lock_directory(const char* path, long& holder);
 
-// Who besides the calling user and the administrator (root) could change
-// what a path names.
-enum class exposure_t {
-  none,           // no one else
-  foreign_owner,  // the object, or a directory on the way, belongs to another user
-  others_write,   // its group or others may write it; a directory on the way
-                  // only counts without the sticky bit, which keeps others
-                  // from renaming what is not theirs
-  unexamined,     // stat failed; error tells why
-};
-struct exposure_report_t {
-  exposure_t kind = exposure_t::none;
-  std::string path;   // the object that failed
-  unsigned owner = 0;  // its owner's user id
-  unsigned mode = 0;   // its permission bits
-  int error = 0;       // errno of unexamined
-};
-
-// A directory and every directory on the way to it, as written and as
-// resolved through symbolic links. A directory that does not exist yet is
-// judged by those that would hold it. The first failure is reported.
-exposure_report_t directory_exposure(const char* path);
-// A file by itself (a link is followed), not the directories on its way.
-exposure_report_t file_exposure(const char* path);
-
 // Fault injection for tests: while a flag is set, the named operation fails
 // as the system would, with errno set. Production code never sets these.
 struct file_faults_t {

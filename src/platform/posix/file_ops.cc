@@ -135,32 +135,6 @@ int open_for_writing(const char* path, int flags) {
   return -1;
 }
 
-std::string without_trailing_slashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
-// One object of a path: its owner must be root or the caller, and no one
-// else may write it; a directory on the way may be shared if it is sticky.
-exposure_report_t examine(const std::string& path, bool on_the_way) {
-  exposure_report_t report;
-  report.path = path;
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) {
-    report.kind = exposure_t::unexamined;
-    report.error = errno;
-    return report;
-  }
-  report.owner = st.st_uid;
-  report.mode = st.st_mode & 07777;
-  const bool shared_sticky = on_the_way && S_ISDIR(st.st_mode) && (st.st_mode & S_ISVTX) != 0;
-  if (st.st_uid != 0 && st.st_uid != ::geteuid())
-    report.kind = exposure_t::foreign_owner;
-  else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !shared_sticky)
-    report.kind = exposure_t::others_write;
-  return report;
-}
-
 // Who holds a flock on the object st describes, as /proc/locks tells
 // ("1: FLOCK  ADVISORY  WRITE PID MAJOR:MINOR:INODE 0 EOF"); 0 if it does not.
 long flock_holder(const struct stat& st) {
@@ -360,53 +334,5 @@ bool lock_directory(const char* path, long& holder) {
   held.insert({st.st_dev, st.st_ino});
   return true;
 }
-
-exposure_report_t directory_exposure(const char* path) {
-  exposure_report_t report;
-  if (!path || !*path) {
-    report.kind = exposure_t::unexamined;
-    report.error = EINVAL;
-    return report;
-  }
-  std::string full = path;
-  if (full[0] != '/') {
-    char here[PATH_MAX];
-    if (!::getcwd(here, sizeof here)) {
-      report.kind = exposure_t::unexamined;
-      report.error = errno;
-      return report;
-    }
-    full = std::string(here) + "/" + full;
-  }
-  // What does not exist yet will be made inside the nearest that does.
-  struct stat st;
-  bool self = true;
-  while (::stat(full.c_str(), &st) != 0) {
-    if (errno != ENOENT || full == "/") return examine(full, false);
-    full = directory_of(without_trailing_slashes(full));
-    self = false;
-  }
-  char* resolved = ::realpath(full.c_str(), nullptr);
-  if (!resolved) {
-    report.path = full;
-    report.kind = exposure_t::unexamined;
-    report.error = errno;
-    return report;
-  }
-  const std::string real(resolved);
-  std::free(resolved);
-  for (const std::string& chain : {without_trailing_slashes(full), without_trailing_slashes(real)}) {
-    // "/", then each longer prefix up to the whole path.
-    report = examine("/", !(self && chain == "/"));
-    for (size_t end = 2; end <= chain.size() && report.kind == exposure_t::none; ++end) {
-      if ((end < chain.size() && chain[end] != '/') || chain[end - 1] == '/') continue;
-      report = examine(chain.substr(0, end), !(self && end == chain.size()));
-    }
-    if (report.kind != exposure_t::none) return report;
-  }
-  return report;
-}
-
-exposure_report_t file_exposure(const char* path) { return examine(path ? path : "", false); }
 
 }  // namespace update::platform
