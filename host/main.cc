@@ -145,23 +145,27 @@ std::condition_variable& stop_signalled = *new std::condition_variable;  // serv
 int stop_pipe[2] = {-1, -1};
 
 // A one-shot also takes a closed terminal (SIGHUP) as a stop; the daemon
-// outlives the terminal it was started from and ignores it.
+// outlives the terminal it was started from and takes SIGHUP as the order
+// to reopen its log file, which a rotation has renamed.
 void watch_signals(bool serving) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  if (serving) {
-    std::signal(SIGHUP, SIG_IGN);
-  } else {
-    sigaddset(&signals, SIGHUP);
-  }
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   if (::pipe2(stop_pipe, O_CLOEXEC) != 0) stop_pipe[0] = stop_pipe[1] = -1;
-  std::thread([signals] {
+  std::thread([signals, serving] {
     for (;;) {
       int received = 0;
       if (sigwait(&signals, &received) != 0) continue;
+      if (serving && received == SIGHUP) {
+        const bool reopened = agent::reopen_log();
+        TLogMessage log(reopened ? log_id_course : log_id_failure);
+        log.append_attr(log_attr_text, "serve")
+            .append_attr(log_attr_text, reopened ? "log reopened" : "cannot reopen the log file");
+        continue;
+      }
       if (interrupted) _exit(exit_interrupted);
       {
         std::lock_guard<std::mutex> hold(stop_lock);
