@@ -14,6 +14,7 @@ struct values_t {
   bool verify_downloads = true;  // guarded by lock
   std::string ca_file;           // guarded by lock; empty: the system's
   std::string trusted_keys_dir;  // guarded by lock; empty: the default
+  std::string machine_id_file;   // guarded by lock; empty: the default
 };
 
 values_t& values() {
@@ -48,5 +49,11 @@ void server::set_ca_file(const std::string& path) { write(&values_t::ca_file, pa
 
 std::string server::trusted_keys_dir() { return read(&values_t::trusted_keys_dir); }
 void server::set_trusted_keys_dir(const std::string& dir) { write(&values_t::trusted_keys_dir, dir); }
+
+std::string server::machine_id_file() {
+  const std::string path = read(&values_t::machine_id_file);
+  return path.empty() ? "/etc/machine-id" : path;
+}
+void server::set_machine_id_file(const std::string& path) { write(&values_t::machine_id_file, path); }
 
 }  // namespace LPARAMS
