@@ -1,7 +1,8 @@
 // corvid-update-client: talks to a serving corvid-update over the command
-// bridge. Starts a manual installation, shows the status while a command
-// runs, prints the status XML, or hands bytes to the host; while connected
-// it answers the module's questions and runs what it is asked to run.
+// bridge. Runs the host's commands by name, starts a manual installation,
+// shows the status while a command runs, prints the status as XML or JSON,
+// or hands bytes to the host; while connected it answers the module's
+// questions and runs what it is asked to run.
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -13,8 +14,11 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "client/named_commands.h"
 #include "client/progress_line.h"
 #include "client/responder.h"
+#include "client/status_json.h"
+#include "platform/log.h"
 #include "records/bridge_codes.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
@@ -31,16 +35,26 @@ constexpr int poll_milliseconds = 200;
 // same status text; after this long with nothing new it counts as done.
 constexpr int unchanged_limit_polls = 15;
 
-const char* usage_text() {
-  return R"(Usage: corvid-update-client [OPTIONS] COMMAND
+std::string usage_text() {
+  return R"(Usage: corvid-update-client [OPTIONS] COMMAND [ARGUMENT...]
 
 Talks to a serving corvid-update ("corvid-update serve") over its socket.
 
-Commands:
-  install     start a manual installation and follow it to its end
+Commands that run one of the daemon's commands, as corvid-update would run
+it, follow it to its end and print its outcome; without URIs the daemon
+takes those of its sources file:
+)" + named_commands_help() +
+         R"(  unattended POLICY         what the timer runs: POLICY none runs nothing,
+                            check, download or install the command of that
+                            name (install is update above)
+
+Other commands:
+  install     start a manual installation and follow it to its end (it
+              names no source, so it ends in error; see update)
   status      show the status; while a command runs, follow it with a
               progress bar; --once prints one snapshot, --watch stays
-              connected and follows every command until interrupted
+              connected and follows every command until interrupted,
+              --json prints the status as one JSON object
   xml         print the status as XML
   send HEX    hand the bytes (in hex) to the host; corvid-update reads them
               as a command line, e.g. the hex of "check http://host/repo/"
@@ -55,23 +69,29 @@ Options:
                   without --yes or --no the client is not asked)
   --once          status: one snapshot, no following
   --watch         status: follow every command until interrupted
+  --json          status: one snapshot as a JSON object
+  --log FILE      also write the client's own failures (no daemon to
+                  reach, a refusal, an unknown policy) to FILE, the
+                  daemon's log, in its format
   --help          this text
 
-While it follows a command (install, status), a client that can answer
+While it follows a command (a named one, install, status), a client that can answer
 tells the daemon so, and the latest such client answers the update's install
 question and runs the commands the update hands to the user. Ctrl-C, the end
 of input or a closed terminal at the question is a no. Exit status: 0 when the status
 is a defined state other than error, 1 when it is error or undefined or the
-daemon cannot be reached, 2 for a bad command line.
+daemon cannot be reached, 2 for a bad command line or an unknown policy.
 )";
 }
 
 struct options_t {
-  std::string command, hex, socket, root;
+  std::string command, hex, socket, root, log;
+  std::vector<std::string> arguments;  // a named command's URIs, or the policy
   answer_t answer = default_answer();
   bool answer_given = false;  // --yes or --no
   bool once = false;
   bool watch = false;
+  bool json = false;
 };
 
 bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
@@ -85,15 +105,17 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
       o.once = true;
     } else if (arg == "--watch") {
       o.watch = true;
+    } else if (arg == "--json") {
+      o.json = true;
     } else if (arg == "--help") {
       o.command = "help";
       return true;
-    } else if (arg == "--socket" || arg == "--root") {
+    } else if (arg == "--socket" || arg == "--root" || arg == "--log") {
       if (i + 1 == argc) {
         error = "option " + arg + " needs a value";
         return false;
       }
-      (arg == "--socket" ? o.socket : o.root) = argv[++i];
+      (arg == "--socket" ? o.socket : arg == "--root" ? o.root : o.log) = argv[++i];
     } else if (arg.rfind("--", 0) == 0) {
       error = "unknown option " + arg;
       return false;
@@ -106,6 +128,12 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
     return false;
   }
   o.command = words[0];
+  if (find_named_command(o.command) || o.command == "unattended") {
+    o.arguments.assign(words.begin() + 1, words.end());
+    if (o.command != "unattended" || o.arguments.size() == 1) return true;
+    error = "unattended takes one policy";
+    return false;
+  }
   const size_t wanted = o.command == "send" ? 2 : 1;
   if (o.command != "install" && o.command != "status" && o.command != "xml" && o.command != "send") {
     error = "unknown command " + o.command;
@@ -179,6 +207,7 @@ class session_t {
       std::fprintf(stderr, "corvid-update-client: the update will not ask this client: %s\n", why.c_str());
   }
   const std::string& error() const { return error_; }
+  void set_error(const std::string& error) { error_ = error; }
 
   bool call(uint32_t code, const std::string& request, bool& result, std::string& reply) {
     reply.clear();
@@ -253,21 +282,42 @@ int print_snapshot(const snapshot_t& s) {
   return s.result == update::status_error || s.result == update::status_undefined ? exit_failed : exit_ok;
 }
 
+// Tells a failure of the client's own on standard error and, with --log,
+// in the daemon's log.
+int fail(const std::string& text, int code = exit_failed) {
+  std::fprintf(stderr, "corvid-update-client: %s\n", text.c_str());
+  TLogMessage(log_id_failure).append_attr(log_attr_text, "client").append_attr(log_attr_text, text);
+  return code;
+}
+
 bool status_xml(session_t& session, std::string& xml) {
   bool result = false;
   return session.call(update::code_status_xml, "", result, xml);
 }
 
 // Follows the module until no command runs; with a text of the status
-// before a command was started, first until that text has changed. A
-// watcher prints each new outcome and goes on.
-int follow(session_t& session, const std::string* before, bool watch) {
-  bool started = before == nullptr;
+// before a command was started, first until that text has changed, or with
+// the id of a command, until the status is that command's. A watcher
+// prints each new outcome and goes on.
+int follow(session_t& session, const std::string* before, bool watch, const std::string& cmdid = "") {
+  bool started = before == nullptr && cmdid.empty();
   int unchanged = 0;
   for (;;) {
     snapshot_t s;
     bool changed = false;
     if (!session.poll(s, changed)) break;
+    if (!started && !cmdid.empty()) {
+      std::string xml;
+      if (!status_xml(session, xml)) break;
+      started = xml.find(" cmdid=\"" + cmdid + "\"") != std::string::npos;
+      // Idle without it: a later command took its place while it waited.
+      if (!started && !running(s.result) && ++unchanged >= unchanged_limit_polls) {
+        session.set_error("the command did not run: a later one took its place");
+        break;
+      }
+      if (!session.pause()) break;
+      continue;
+    }
     if (!started) {
       std::string xml;
       if (!status_xml(session, xml)) break;
@@ -289,11 +339,43 @@ int follow(session_t& session, const std::string* before, bool watch) {
     if (!session.pause()) break;
   }
   session.clear_bar();
-  std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-  return exit_failed;
+  return fail(session.error());
+}
+
+// Starts the named command through code 8 and follows the run it started.
+int run_named(session_t& session, const named_command_t& command, const std::vector<std::string>& uris,
+              const std::string& cmdid) {
+  std::string line, error, reply;
+  bool accepted = false;
+  if (!host_command_line(command, uris, cmdid, line, error)) return fail(error, exit_usage);
+  if (!session.call(update::code_host, line, accepted, reply)) return fail(session.error());
+  if (!accepted) return fail("the daemon refused " + std::string(command.host_command) + ": " + reply);
+  return follow(session, nullptr, false, cmdid);
+}
+
+int print_json(session_t& session) {
+  bool result = false;
+  std::string xml;
+  update::status_t status;
+  if (!session.call(update::code_status_xml, "", result, xml)) return fail(session.error());
+  if (!status_from_xml(xml, status)) return fail("the daemon sent a malformed status");
+  std::printf("%s\n", status_json(status).c_str());
+  return status.result == update::status_error || status.result == update::status_undefined ? exit_failed : exit_ok;
 }
 
 int run(const options_t& o) {
+  // An unattended run is the named command its policy says, if any.
+  const named_command_t* named = find_named_command(o.command);
+  if (o.command == "unattended") {
+    std::string name;
+    if (!unattended_command(o.arguments[0], name))
+      return fail("unknown unattended policy \"" + o.arguments[0] + "\": none, check, download or install", exit_usage);
+    if (name.empty()) {
+      std::printf("unattended: the policy is none, nothing runs\n");
+      return exit_ok;
+    }
+    named = find_named_command(name);
+  }
   std::string path = o.socket;
   if (path.empty()) {
     agent::configure_paths(o.root.empty() ? agent::default_paths() : agent::paths_under(o.root));
@@ -303,10 +385,8 @@ int run(const options_t& o) {
     if (o.root.empty() && !std::filesystem::exists(path, ignored)) path = CORVID_SYSTEM_SOCKET;
   }
   session_t session(o);
-  if (!session.connect(path)) {
-    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-    return exit_failed;
-  }
+  if (!session.connect(path)) return fail(session.error());
+  if (o.command == "status" && o.json) return print_json(session);
   bool result = false;
   std::string reply;
   if (o.command == "xml" || o.command == "send") {
@@ -335,6 +415,10 @@ int run(const options_t& o) {
   // Only a client with somebody, or a standing answer, behind it is asked.
   if (o.answer_given || isatty(STDIN_FILENO) == 1) session.offer_answers();
   if (o.command == "status") return follow(session, nullptr, o.watch);
+  if (named) {
+    const std::vector<std::string> uris = o.command == "unattended" ? std::vector<std::string>{} : o.arguments;
+    return run_named(session, *named, uris, new_command_id(o.command == "unattended" ? "unattended" : "client"));
+  }
   // The status before the command, so that its start can be told.
   std::string before;
   snapshot_t baseline;
@@ -359,8 +443,10 @@ int main(int argc, char** argv) {
     return client::exit_usage;
   }
   if (options.command == "help") {
-    std::fputs(client::usage_text(), stdout);
+    std::fputs(client::usage_text().c_str(), stdout);
     return client::exit_ok;
   }
+  if (!options.log.empty() && !agent::open_log(options.log))
+    std::fprintf(stderr, "corvid-update-client: cannot open the log file %s\n", options.log.c_str());
   return client::run(options);
 }
