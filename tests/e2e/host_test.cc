@@ -1,15 +1,21 @@
 // The built corvid-update, run as a user would run it.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
+#include <regex>
+#include <sstream>
 #include <thread>
 #include <tuple>
+
+#include <nlohmann/json.hpp>
 
 #include "agent/bridge.h"
 #include "fixtures/nginx_server.h"
@@ -264,6 +270,87 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
   const outcome_t typo = run({"--root", root, "--trusted-keys", root + "/etc/update-key", "check", source});
   EXPECT_EQ(typo.exit_code, 1);
   EXPECT_NE(typo.err.find("trusted keys: cannot read the directory " + root + "/etc/update-key"), std::string::npos) << typo.err;
+}
+
+// The client's named commands run through the daemon with its sources file,
+// read anew by every command, follow their own run and exit as the one-shot
+// host does. A sources file or a policy gone wrong, or no daemon, fails with
+// its reason on stderr and in the log, and the status stays; both programs
+// tell it as the same JSON. The log rotates under a running install without
+// losing or tearing a line.
+TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
+  serve({"repo", "agent"});
+  const std::string root = dir_.path("agent"), socket = dir_.path("bridge.sock"), log = root + "/log/corvid_update.log";
+  const std::string sources = dir_.write("sources", "# ours\n" + server_.url("/agent/") + "\n " + server_.url("/repo/") + "\n");
+  ASSERT_TRUE(server_.put_file("slow/a.txt", "a") &&  // an install that ends when the test lets it
+              server_.put_file("slow/update.ini", "[corvid]\nversion.1=1\nfile.1=a.txt\nexec_wait.1=1\nexec.1=sh -c \"while [ ! -e " +
+                                   dir_.path("go") + " ]; do sleep 0.05; done; echo 1 > $update_path/a.txt.version\"\n"));
+  const pid_t daemon = fixtures::spawn_child({CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket,
+                                              "--sources", sources, "--no-verify", "serve"}, -1, dir_.path("serve.log"));
+  for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const auto client = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--socket", socket, "--log", log});
+    return run(args, "corvid-update-client");
+  };
+  const auto json = [&](const outcome_t& o) { return nlohmann::json::parse(o.out, nullptr, false); };
+  nlohmann::json last;
+  const struct {
+    std::string sources;  // "": as it was
+    std::vector<std::string> args;
+    int exit_code;
+    std::string says;
+  } rows[] = {
+      {"", {"check"}, 0, "status: outofdate\n"},
+      {"", {"--yes", "update"}, 0, "status: uptodate\n"},
+      {"", {"check", server_.url("/none/")}, 1, "status: error\n"},
+      {"", {"--yes", "unattended", "install"}, 0, "status: uptodate\n"},
+      {read_file(sources) + "ftp://x/\n", {"check"}, 1, "refused check: sources file " + sources + ": line 4: not an http"},
+      {"# none\n", {"unattended", "check"}, 1, "refused check: no source in the sources file " + sources},
+      {"", {"unattended", "sometimes"}, 2, "unknown unattended policy \"sometimes\": none, check, download or install"},
+      {"", {"unattended", "none"}, 0, "unattended: the policy is none, nothing runs\n"},
+  };
+  for (const auto& row : rows) {
+    if (!row.sources.empty()) fixtures::write_file(sources, row.sources);
+    const outcome_t o = client(row.args), status = client({"status", "--json"});
+    EXPECT_EQ(o.exit_code, row.exit_code) << row.args.back() << ": " << o.out << o.err;
+    EXPECT_NE((o.out + o.err).find(row.says), std::string::npos) << row.args.back() << ": " << o.out << o.err;
+    if (row.exit_code == 0 || row.says == "status: error\n") last = json(status);
+    EXPECT_EQ(json(status), last) << row.args.back();  // a refusal leaves the status as it was
+  }
+  EXPECT_EQ(last["id"].get<std::string>().rfind("unattended-", 0), 0u) << last;
+  EXPECT_NE(read_file(log).find("\t365\tclient command\t--cmdid client-"), std::string::npos);
+  EXPECT_NE(read_file(log).find("\t365\tclient\tunknown unattended policy"), std::string::npos);
+
+  // Two rotations while an install runs.
+  fixtures::write_file(sources, server_.url("/slow/") + "\n");
+  auto update = std::async(std::launch::async, [&] { return client({"update"}); });
+  const auto wait_for = [](const std::string& path, const std::string& text) {
+    for (int i = 0; i < 500 && read_file(path).find(text) == std::string::npos; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  };
+  wait_for(log, "-- install\n");
+  for (const char* rotated : {".2", ".1"}) {
+    std::filesystem::rename(log, log + rotated);
+    ::kill(daemon, SIGHUP);
+    wait_for(log, "\tserve\tlog reopened\n");
+  }
+  dir_.write("go", "");
+  EXPECT_EQ(update.get().out, "status: uptodate\n");
+  EXPECT_NE(read_file(log + ".2").find("-- install\n"), std::string::npos);
+  EXPECT_NE(read_file(log).find("\tdone\tcommand: install, result: uptodate\n"), std::string::npos);
+  std::istringstream lines(read_file(log + ".2") + read_file(log + ".1") + read_file(log));
+  int reopened = 0;
+  for (std::string line; std::getline(lines, line); reopened += line.find("\tserve\tlog reopened") != std::string::npos)
+    EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\t36[567](\t[^\t]*)+)"))) << line;
+  EXPECT_EQ(reopened, 2);
+
+  const outcome_t served = client({"status", "--json"});
+  fixtures::stop_child(daemon, 5000);
+  const outcome_t down = client({"unattended", "check"}), host = run({"--root", root, "status", "--json"});
+  EXPECT_EQ(down.exit_code, 1);
+  EXPECT_NE(read_file(log).find("\t365\tclient\tcannot connect to " + socket), std::string::npos);
+  EXPECT_EQ(json(host), json(served));  // the module's record and the one read back from its XML
+  EXPECT_EQ(json(host)["files"][0]["update_version"], "1") << host.out;
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.
