@@ -75,12 +75,13 @@ Options:
                   daemon's log, in its format
   --help          this text
 
-While it follows a command (a named one, install, status), a client that can answer
-tells the daemon so, and the latest such client answers the update's install
-question and runs the commands the update hands to the user. Ctrl-C, the end
-of input or a closed terminal at the question is a no. Exit status: 0 when the status
-is a defined state other than error, 1 when it is error or undefined or the
-daemon cannot be reached, 2 for a bad command line or an unknown policy.
+While it follows a command (a named one, install, status), a client that
+can answer tells the daemon so, and the latest such client answers the
+update's install question and runs the commands the update hands to the
+user. Ctrl-C, the end of input or a closed terminal at the question is a
+no. Exit status: 0 when the status is a defined state other than error, 1
+when it is error or undefined, the daemon refused the command or cannot be
+reached, 2 for a bad command line or an unknown policy.
 )";
 }
 
@@ -275,11 +276,16 @@ class session_t {
   int32_t shown_result_ = -1;
 };
 
+// What a status with that result exits with.
+int exit_for(int32_t result) {
+  return result == update::status_error || result == update::status_undefined ? exit_failed : exit_ok;
+}
+
 int print_snapshot(const snapshot_t& s) {
   std::printf("status: %s\n", update::status_code_text(s.result));
   for (const auto& m : s.messages)
     if (!m.empty()) std::printf("message: %s\n", m.c_str());
-  return s.result == update::status_error || s.result == update::status_undefined ? exit_failed : exit_ok;
+  return exit_for(s.result);
 }
 
 // Tells a failure of the client's own on standard error and, with --log,
@@ -360,7 +366,7 @@ int print_json(session_t& session) {
   if (!session.call(update::code_status_xml, "", result, xml)) return fail(session.error());
   if (!status_from_xml(xml, status)) return fail("the daemon sent a malformed status");
   std::printf("%s\n", status_json(status).c_str());
-  return status.result == update::status_error || status.result == update::status_undefined ? exit_failed : exit_ok;
+  return exit_for(status.result);
 }
 
 int run(const options_t& o) {
