@@ -10,7 +10,6 @@
 #include <functional>
 #include <future>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <thread>
 #include <tuple>
@@ -339,9 +338,10 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   EXPECT_NE(read_file(log + ".2").find("-- install\n"), std::string::npos);
   EXPECT_NE(read_file(log).find("\tdone\tcommand: install, result: uptodate\n"), std::string::npos);
   std::istringstream lines(read_file(log + ".2") + read_file(log + ".1") + read_file(log));
-  int reopened = 0;
+  int reopened = 0;  // each line whole: one time, one id, and its texts
   for (std::string line; std::getline(lines, line); reopened += line.find("\tserve\tlog reopened") != std::string::npos)
-    EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z\t36[567](\t[^\t]*)+)"))) << line;
+    EXPECT_TRUE(line.size() > 29 && line[10] == 'T' && line.compare(23, 4, "Z\t36") == 0 && line[28] == '\t' &&
+                line.find("Z\t36", 24) == std::string::npos) << line;
   EXPECT_EQ(reopened, 2);
 
   const outcome_t served = client({"status", "--json"});
