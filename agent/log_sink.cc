@@ -115,7 +115,6 @@ void close_log() {
   std::lock_guard<std::mutex> hold(sink().file_lock);
   if (sink().file) std::fclose(sink().file);
   sink().file = nullptr;
-  sink().path.clear();
 }
 
 int add_log_observer(log_observer_t observer) {

@@ -316,9 +316,10 @@ int follow(session_t& session, const std::string* before, bool watch, const std:
       std::string xml;
       if (!status_xml(session, xml)) break;
       started = xml.find(" cmdid=\"" + cmdid + "\"") != std::string::npos;
-      // Idle without it: a later command took its place while it waited.
+      // Idle without it: a later command took its place while it waited, or
+      // ran after it between two looks, so its outcome is gone.
       if (!started && !running(s.result) && ++unchanged >= unchanged_limit_polls) {
-        session.set_error("the command did not run: a later one took its place");
+        session.set_error("its run is not in the status: a later command took its place");
         break;
       }
       if (!session.pause()) break;

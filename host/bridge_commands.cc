@@ -25,7 +25,6 @@ bool take_sources(const std::string& path, options_t& options, std::string& erro
     return false;
   }
   if (!update::read_sources(text, options.uris, reason)) {
-    options.uris.clear();
     error = "sources file " + path + ": " + reason;
     return false;
   }
