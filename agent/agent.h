@@ -47,6 +47,10 @@ paths_t current_paths();
 // attribute escaped.
 bool open_log(const std::string& path, const std::string& group = "");
 void close_log();
+// Opens the open log's path anew, for a rotation that renamed the file: the
+// records after it go to a new file of that name. False, with the old file
+// kept, when it cannot be opened or no log is open. Safe from any thread.
+bool reopen_log();
 // What TLogMessage's destructor calls; safe from any thread.
 void send_log_record(uint16_t id, const std::vector<std::string>& texts);
 // Appends text to line with the escapes of a log line.

@@ -15,6 +15,7 @@ struct values_t {
   std::string ca_file;           // guarded by lock; empty: the system's
   std::string trusted_keys_dir;  // guarded by lock; empty: the default
   unsigned description_timeout = 300;  // guarded by lock
+  std::string machine_id_file;   // guarded by lock; empty: the default
 };
 
 values_t& values() {
@@ -52,5 +53,11 @@ void server::set_description_timeout(unsigned seconds) { write(&values_t::descri
 
 std::string server::trusted_keys_dir() { return read(&values_t::trusted_keys_dir); }
 void server::set_trusted_keys_dir(const std::string& dir) { write(&values_t::trusted_keys_dir, dir); }
+
+std::string server::machine_id_file() {
+  const std::string path = read(&values_t::machine_id_file);
+  return path.empty() ? "/etc/machine-id" : path;
+}
+void server::set_machine_id_file(const std::string& path) { write(&values_t::machine_id_file, path); }
 
 }  // namespace LPARAMS

@@ -42,6 +42,7 @@ thread_local std::vector<const observer_entry_t*> calling;
 struct sink_t {
   std::mutex file_lock;
   FILE* file = nullptr;  // guarded by file_lock
+  std::string path;      // guarded by file_lock; what reopen_log opens again
   std::mutex observers_lock;
   std::vector<std::shared_ptr<observer_entry_t>> observers;  // guarded by observers_lock
   int next_handle = 1;                                       // guarded by observers_lock
@@ -128,7 +129,20 @@ bool open_log(const std::string& path, const std::string& group_name) {
   std::lock_guard<std::mutex> hold(sink().file_lock);
   if (sink().file) std::fclose(sink().file);
   sink().file = file;
+  sink().path = path;
   return true;
+}
+
+bool reopen_log() {
+  std::string path;
+  {
+    std::lock_guard<std::mutex> hold(sink().file_lock);
+    if (!sink().file) return false;
+    path = sink().path;
+  }
+  // A line sent meanwhile goes whole to the old file, which a rotation has
+  // only renamed: nothing is lost or torn.
+  return open_log(path);
 }
 
 void close_log() {

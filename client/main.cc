@@ -1,7 +1,8 @@
 // corvid-update-client: talks to a serving corvid-update over the command
-// bridge. Starts a manual installation, shows the status while a command
-// runs, prints the status XML, or hands bytes to the host; while connected
-// it answers the module's questions and runs what it is asked to run.
+// bridge. Runs the host's commands by name, starts a manual installation,
+// shows the status while a command runs, prints the status as XML or JSON,
+// or hands bytes to the host; while connected it answers the module's
+// questions and runs what it is asked to run.
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -14,9 +15,12 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "client/named_commands.h"
 #include "client/progress_line.h"
 #include "client/responder.h"
 #include "platform/command_bridge.h"
+#include "client/status_json.h"
+#include "platform/log.h"
 #include "records/bridge_codes.h"
 #include "status/status.h"
 #include "support/byte_layout.h"
@@ -33,16 +37,26 @@ constexpr int poll_milliseconds = 200;
 // same status text; after this long with nothing new it counts as done.
 constexpr int unchanged_limit_polls = 15;
 
-const char* usage_text() {
-  return R"(Usage: corvid-update-client [OPTIONS] COMMAND
+std::string usage_text() {
+  return R"(Usage: corvid-update-client [OPTIONS] COMMAND [ARGUMENT...]
 
 Talks to a serving corvid-update ("corvid-update serve") over its socket.
 
-Commands:
-  install     start a manual installation and follow it to its end
+Commands that run one of the daemon's commands, as corvid-update would run
+it, follow it to its end and print its outcome; without URIs the daemon
+takes those of its sources file:
+)" + named_commands_help() +
+         R"(  unattended POLICY         what the timer runs: POLICY none runs nothing,
+                            check, download or install the command of that
+                            name (install is update above)
+
+Other commands:
+  install     start a manual installation and follow it to its end (it
+              names no source, so it ends in error; see update)
   status      show the status; while a command runs, follow it with a
               progress bar; --once prints one snapshot, --watch stays
-              connected and follows every command until interrupted
+              connected and follows every command until interrupted,
+              --json prints the status as one JSON object
   xml         print the status as XML
   send HEX    hand the bytes (in hex) to the host; corvid-update reads them
               as a command line, e.g. the hex of "check http://host/repo/"
@@ -57,14 +71,18 @@ Options:
                   without --yes or --no the client is not asked)
   --once          status: one snapshot, no following
   --watch         status: follow every command until interrupted
+  --json          status: one snapshot as a JSON object
+  --log FILE      also write the client's own failures (no daemon to
+                  reach, a refusal, an unknown policy) to FILE, the
+                  daemon's log, in its format
   --help          this text
 
-While it follows a command (install, status), a client that can answer
-tells the daemon so, and the latest such client answers the update's install
-question and runs the commands the update hands to the user; with --no it
-runs none of them. Only then: xml, send and status --once never run
-anything. Ctrl-C, the end of input or a closed terminal at the question is a
-no.
+While it follows a command (a named one, install, status), a client that
+can answer tells the daemon so, and the latest such client answers the
+update's install question and runs the commands the update hands to the
+user; with --no it runs none of them. Only then: xml, send and status
+--once or --json never run anything. Ctrl-C, the end of input or a closed
+terminal at the question is a no.
 
 The client talks only to a daemon running as root or as its own user, over a
 socket whose directories, from / down, belong to root or that user and are
@@ -73,17 +91,19 @@ follows it belongs to root or that user); otherwise it names the directory,
 or the server's user, and stops.
 
 Exit status: 0 when the status is a defined state other than error, 1 when it
-is error or undefined or the daemon cannot be reached or is refused, 2 for a
-bad command line.
+is error or undefined, the daemon refused the command or cannot be reached
+or is refused, 2 for a bad command line or an unknown policy.
 )";
 }
 
 struct options_t {
-  std::string command, hex, socket, root;
+  std::string command, hex, socket, root, log;
+  std::vector<std::string> arguments;  // a named command's URIs, or the policy
   answer_t answer = default_answer();
   bool answer_given = false;  // --yes or --no
   bool once = false;
   bool watch = false;
+  bool json = false;
 };
 
 bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
@@ -97,15 +117,17 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
       o.once = true;
     } else if (arg == "--watch") {
       o.watch = true;
+    } else if (arg == "--json") {
+      o.json = true;
     } else if (arg == "--help") {
       o.command = "help";
       return true;
-    } else if (arg == "--socket" || arg == "--root") {
+    } else if (arg == "--socket" || arg == "--root" || arg == "--log") {
       if (i + 1 == argc) {
         error = "option " + arg + " needs a value";
         return false;
       }
-      (arg == "--socket" ? o.socket : o.root) = argv[++i];
+      (arg == "--socket" ? o.socket : arg == "--root" ? o.root : o.log) = argv[++i];
     } else if (arg.rfind("--", 0) == 0) {
       error = "unknown option " + arg;
       return false;
@@ -118,6 +140,12 @@ bool parse_options(int argc, char** argv, options_t& o, std::string& error) {
     return false;
   }
   o.command = words[0];
+  if (find_named_command(o.command) || o.command == "unattended") {
+    o.arguments.assign(words.begin() + 1, words.end());
+    if (o.command != "unattended" || o.arguments.size() == 1) return true;
+    error = "unattended takes one policy";
+    return false;
+  }
   const size_t wanted = o.command == "send" ? 2 : 1;
   if (o.command != "install" && o.command != "status" && o.command != "xml" && o.command != "send") {
     error = "unknown command " + o.command;
@@ -193,6 +221,7 @@ class session_t {
   }
   void stop_answering() { answering_ = false; }
   const std::string& error() const { return error_; }
+  void set_error(const std::string& error) { error_ = error; }
 
   bool call(uint32_t code, const std::string& request, bool& result, std::string& reply) {
     reply.clear();
@@ -279,11 +308,24 @@ class session_t {
   int32_t shown_result_ = -1;
 };
 
+// What a status with that result exits with.
+int exit_for(int32_t result) {
+  return result == update::status_error || result == update::status_undefined ? exit_failed : exit_ok;
+}
+
 int print_snapshot(const snapshot_t& s) {
   std::printf("status: %s\n", update::status_code_text(s.result));
   for (const auto& m : s.messages)
     if (!m.empty()) std::printf("message: %s\n", m.c_str());
-  return s.result == update::status_error || s.result == update::status_undefined ? exit_failed : exit_ok;
+  return exit_for(s.result);
+}
+
+// Tells a failure of the client's own on standard error and, with --log,
+// in the daemon's log.
+int fail(const std::string& text, int code = exit_failed) {
+  std::fprintf(stderr, "corvid-update-client: %s\n", text.c_str());
+  TLogMessage(log_id_failure).append_attr(log_attr_text, "client").append_attr(log_attr_text, text);
+  return code;
 }
 
 bool status_xml(session_t& session, std::string& xml) {
@@ -292,15 +334,29 @@ bool status_xml(session_t& session, std::string& xml) {
 }
 
 // Follows the module until no command runs; with a text of the status
-// before a command was started, first until that text has changed. A
-// watcher prints each new outcome and goes on.
-int follow(session_t& session, const std::string* before, bool watch) {
-  bool started = before == nullptr;
+// before a command was started, first until that text has changed, or with
+// the id of a command, until the status is that command's. A watcher
+// prints each new outcome and goes on.
+int follow(session_t& session, const std::string* before, bool watch, const std::string& cmdid = "") {
+  bool started = before == nullptr && cmdid.empty();
   int unchanged = 0;
   for (;;) {
     snapshot_t s;
     bool changed = false;
     if (!session.poll(s, changed)) break;
+    if (!started && !cmdid.empty()) {
+      std::string xml;
+      if (!status_xml(session, xml)) break;
+      started = xml.find(" cmdid=\"" + cmdid + "\"") != std::string::npos;
+      // Idle without it: a later command took its place while it waited, or
+      // ran after it between two looks, so its outcome is gone.
+      if (!started && !running(s.result) && ++unchanged >= unchanged_limit_polls) {
+        session.set_error("its run is not in the status: a later command took its place");
+        break;
+      }
+      if (!session.pause()) break;
+      continue;
+    }
     if (!started) {
       std::string xml;
       if (!status_xml(session, xml)) break;
@@ -322,8 +378,17 @@ int follow(session_t& session, const std::string* before, bool watch) {
     if (!session.pause()) break;
   }
   session.clear_bar();
-  std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-  return exit_failed;
+  return fail(session.error());
+}
+
+int print_json(session_t& session) {
+  bool result = false;
+  std::string xml;
+  update::status_t status;
+  if (!session.call(update::code_status_xml, "", result, xml)) return fail(session.error());
+  if (!status_from_xml(xml, status)) return fail("the daemon sent a malformed status");
+  std::printf("%s\n", status_json(status).c_str());
+  return exit_for(status.result);
 }
 
 // The socket: the one named, else the daemon's under the root given, else
@@ -338,8 +403,11 @@ std::string socket_path(const options_t& o) {
 }
 
 // Follows a command to its end, answering for it: start sends the command
-// (none: follow whatever runs). The only path on which this client answers.
-int follow_command(session_t& session, const options_t& o, const std::function<bool()>& start) {
+// (none: follow whatever runs), and a command that names its id is followed
+// until the status is that command's. The only path on which this client
+// answers.
+int follow_command(session_t& session, const options_t& o, const std::function<bool()>& start,
+                   const std::string& cmdid = "") {
   // Only a client with somebody, or a standing answer, behind it is asked.
   if (o.answer_given || isatty(STDIN_FILENO) == 1) session.offer_answers();
   int code = exit_failed;
@@ -351,21 +419,45 @@ int follow_command(session_t& session, const options_t& o, const std::function<b
     snapshot_t baseline;
     bool changed = false;
     if (session.poll(baseline, changed) && status_xml(session, before) && start()) {
-      code = follow(session, &before, false);
+      code = follow(session, cmdid.empty() ? &before : nullptr, false, cmdid);
     } else {
-      std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
+      code = fail(session.error());
     }
   }
   session.stop_answering();
   return code;
 }
 
+// Starts the named command through code 8 and follows the run it started.
+int run_named(session_t& session, const options_t& o, const named_command_t& command,
+              const std::vector<std::string>& uris, const std::string& cmdid) {
+  std::string line, error;
+  if (!host_command_line(command, uris, cmdid, line, error)) return fail(error, exit_usage);
+  return follow_command(session, o, [&] {
+    std::string reply;
+    bool accepted = false;
+    if (!session.call(update::code_host, line, accepted, reply)) return false;
+    if (!accepted) session.set_error("the daemon refused " + std::string(command.host_command) + ": " + reply);
+    return accepted;
+  }, cmdid);
+}
+
 int run(const options_t& o) {
-  session_t session(o);
-  if (!session.connect(socket_path(o))) {
-    std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-    return exit_failed;
+  // An unattended run is the named command its policy says, if any.
+  const named_command_t* named = find_named_command(o.command);
+  if (o.command == "unattended") {
+    std::string name;
+    if (!unattended_command(o.arguments[0], name))
+      return fail("unknown unattended policy \"" + o.arguments[0] + "\": none, check, download or install", exit_usage);
+    if (name.empty()) {
+      std::printf("unattended: the policy is none, nothing runs\n");
+      return exit_ok;
+    }
+    named = find_named_command(name);
   }
+  session_t session(o);
+  if (!session.connect(socket_path(o))) return fail(session.error());
+  if (o.command == "status" && o.json) return print_json(session);
   bool result = false;
   std::string reply;
   if (o.command == "xml" || o.command == "send") {
@@ -374,24 +466,23 @@ int run(const options_t& o) {
       std::fprintf(stderr, "corvid-update-client: send takes an even number of hex digits\n");
       return exit_usage;
     }
-    if (!session.call(o.command == "xml" ? update::code_status_xml : update::code_host, request, result, reply)) {
-      std::fprintf(stderr, "corvid-update-client: %s\n", session.error().c_str());
-      return exit_failed;
-    }
+    if (!session.call(o.command == "xml" ? update::code_status_xml : update::code_host, request, result, reply))
+      return fail(session.error());
     if (o.command == "xml") std::printf("%s%s", reply.c_str(), !reply.empty() && reply.back() == '\n' ? "" : "\n");
     if (o.command == "send") std::printf("%s\n", result ? "accepted" : "refused");
     return result ? exit_ok : exit_failed;
   }
   if (o.command == "status" && o.once) {
     snapshot_t s;
-    if (!session.call(update::code_status, "", result, reply) || !parse_status(reply, false, s)) {
-      std::fprintf(stderr, "corvid-update-client: %s\n",
-                   session.error().empty() ? "the daemon sent a malformed status" : session.error().c_str());
-      return exit_failed;
-    }
+    if (!session.call(update::code_status, "", result, reply) || !parse_status(reply, false, s))
+      return fail(session.error().empty() ? "the daemon sent a malformed status" : session.error());
     return print_snapshot(s);
   }
   if (o.command == "status") return follow_command(session, o, nullptr);
+  if (named) {
+    const std::vector<std::string> uris = o.command == "unattended" ? std::vector<std::string>{} : o.arguments;
+    return run_named(session, o, *named, uris, new_command_id(o.command == "unattended" ? "unattended" : "client"));
+  }
   return follow_command(session, o, [&] { return session.call(update::code_install, "", result, reply); });
 }
 
@@ -407,8 +498,10 @@ int main(int argc, char** argv) {
     return client::exit_usage;
   }
   if (options.command == "help") {
-    std::fputs(client::usage_text(), stdout);
+    std::fputs(client::usage_text().c_str(), stdout);
     return client::exit_ok;
   }
+  if (!options.log.empty() && !agent::open_log(options.log))
+    std::fprintf(stderr, "corvid-update-client: cannot open the log file %s\n", options.log.c_str());
   return client::run(options);
 }

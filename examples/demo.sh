@@ -143,14 +143,11 @@ ls -l "$SOCKET"
 step "corvid-update-client --socket $SOCKET status --once"
 "$CLIENT" --socket "$SOCKET" status --once
 echo "(exit status $?)"
-COMMAND="check --cmdid demo-3 $AGENT_SOURCE $SOURCE"
-step "corvid-update-client --socket $SOCKET send HEX  (the hex of \"$COMMAND\")"
-"$CLIENT" --socket "$SOCKET" send "$(printf '%s' "$COMMAND" | od -An -tx1 | tr -d ' \n')"
+step "corvid-update-client --socket $SOCKET check $AGENT_SOURCE $SOURCE"
+"$CLIENT" --socket "$SOCKET" check "$AGENT_SOURCE" "$SOURCE"
 echo "(exit status $?)"
-# The status follows a command once it has begun.
-for _ in $(seq 100); do grep -q "(demo-3)" "$ROOT/log/corvid_update.log" && break; sleep 0.05; done
-step "corvid-update-client --socket $SOCKET status"
-"$CLIENT" --socket "$SOCKET" status
+step "corvid-update-client --socket $SOCKET status --json"
+"$CLIENT" --socket "$SOCKET" status --json
 echo "(exit status $?)"
 step "corvid-update-client --socket $SOCKET xml"
 "$CLIENT" --socket "$SOCKET" xml

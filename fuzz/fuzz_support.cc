@@ -4,6 +4,7 @@
 #include "fuzz/fuzz_support.h"
 
 #include "platform/local_params.h"
+#include "platform/log.h"
 #include "status/status.h"
 
 namespace fuzz {
@@ -21,4 +22,7 @@ void report_error(const char* text) { report(0, text); }
 namespace LPARAMS {
 bool server::verify_downloads() { return fuzz::verify_downloads; }
 std::string server::verify_downloads_name() { return "verify_downloads"; }
+std::string server::machine_id_file() { return "/etc/machine-id"; }
 }  // namespace LPARAMS
+
+TLogMessage::~TLogMessage() {}

@@ -8,6 +8,7 @@
 #   status  the status reader, and the writer and reader together
 #   bridge  the bridge's frames, the client's reply and the module's messages
 #   signature  update.ini.sig and its check, the key files and PEM keys, the serial store
+#   sources the sources file, and the share and place of a staged rollout
 # Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
 # Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
 # to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
@@ -17,7 +18,7 @@ ROOT=$PWD
 RUN_SECONDS=${1:-600}
 shift || true
 TARGETS=("$@")
-[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature)
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature sources)
 OUT=$ROOT/fuzz-out
 FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
@@ -28,7 +29,8 @@ sources_of() {
   case $1 in
     ini) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
               src/support/xml_text.cc src/description/indexed_rules.cc src/description/params.cc src/support/uri_join.cc \
-              src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
+              src/support/file_helpers.cc src/platform/posix/file_ops.cc src/description/rollout.cc \
+              src/platform/hash_file.cc ;;
     loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
     status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \
                  src/status/status_xml.cc src/platform/xml_document.cc src/facts/hash_cache.cc \
@@ -36,6 +38,8 @@ sources_of() {
                  src/support/xml_text.cc src/platform/posix/file_ops.cc ;;
     bridge) echo fuzz/bridge_fuzz.cc agent/bridge_wire.cc agent/agent_paths.cc src/platform/posix/exposure.cc client/responder.cc \
                  src/install/notify.cc src/facts/stop_flag.cc src/platform/posix/process.cc ;;
+    sources) echo fuzz/sources_fuzz.cc src/support/sources_file.cc src/support/xml_text.cc src/description/rollout.cc \
+                  src/platform/hash_file.cc agent/local_params.cc src/support/file_helpers.cc src/platform/posix/file_ops.cc ;;
     signature) echo fuzz/signature_fuzz.cc src/support/signature_file.cc src/support/key_file.cc src/support/pem_key.cc \
                     src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \
                     src/support/message_format.cc src/support/file_helpers.cc src/platform/signature.cc \
@@ -47,8 +51,8 @@ sources_of() {
 libs_of() {
   case $1 in
     loader) echo -Wl,--wrap="$CALC_HASH" -Wl,--wrap="$REMOVE_FILE" -lcurl -lgcrypt -lpugixml -lpthread ;;
+    ini|sources|signature) echo -lgcrypt ;;
     status) echo -lpugixml ;;
-    signature) echo -lgcrypt ;;
   esac
 }
 
@@ -84,6 +88,7 @@ seeds_of() {
     status) cp fuzz/corpus_status/* "$dir/" ;;
     bridge) cp fuzz/bridge_corpus/* "$dir/" ;;
     signature) cp fuzz/corpus_signature/* "$dir/" ;;
+    sources) cp packaging/sources "$dir/"; printf '25%%\nhttp://a/\n# c\n  file:///srv/r/ \r\n' > "$dir/seed" ;;
   esac
   echo "$dir"
 }

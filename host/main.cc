@@ -18,11 +18,13 @@
 #include "agent/agent.h"
 #include "agent/bridge.h"
 #include "client/responder.h"
+#include "client/status_json.h"
 #include "facts/agent_facts.h"
 #include "facts/trust.h"
 #include "frame/listener.h"
 #include "frame/module.h"
 #include "frame/update.h"
+#include "host/bridge_commands.h"
 #include "host/options.h"
 #include "host/progress.h"
 #include "platform/agent_paths.h"
@@ -42,30 +44,6 @@ constexpr int exit_interrupted = 130;
 
 void no_status_push(const std::string&, const std::string&) {}
 bool no_client(size_t, const char*) { return false; }
-
-// Code 8 of a serving host: the client's bytes are a command line, a
-// command and its URIs, which the host submits as its own daemon would.
-bool client_command(size_t length, const char* bytes) {
-  std::vector<std::string> words{"corvid-update"};
-  const std::string text(bytes, length);
-  for (size_t at = 0; at < text.size();) {
-    const size_t end = std::min(text.find(' ', at), text.size());
-    if (end > at) words.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
-  std::vector<const char*> argv;
-  for (const auto& w : words) argv.push_back(w.c_str());
-  options_t options;
-  std::string error;
-  const bool usable = parse_options(static_cast<int>(argv.size()), argv.data(), options, error) &&
-                      options.action == action_t::run_command;
-  {
-    TLogMessage log(usable ? log_id_course : log_id_notice);
-    log.append_attr(log_attr_text, "client command").append_attr(log_attr_text, usable ? text : text + ": " + error);
-  }
-  if (usable) update::process_async(options.command, options.uris, options.cmdid, 0, "", "", TLogIdent{});
-  return usable;
-}
 
 client::answer_t answer_of(const std::string& text) {
   if (text == "yes") return client::answer_t::yes;
@@ -127,6 +105,7 @@ bool configure_agent(const options_t& options) {
   LPARAMS::server::set_trusted_keys_dir(options.trusted_keys);
   if (options.description_timeout != 0) LPARAMS::server::set_description_timeout(options.description_timeout);
   if (!directories_are_private(root)) return false;
+  LPARAMS::server::set_machine_id_file(options.machine_id_file);
   std::vector<update::trusted_key_t> keys;
   std::string error;
   if (!update::load_trusted_keys(keys, error)) {
@@ -176,23 +155,27 @@ std::condition_variable& stop_signalled = *new std::condition_variable;  // serv
 int stop_pipe[2] = {-1, -1};
 
 // A one-shot also takes a closed terminal (SIGHUP) as a stop; the daemon
-// outlives the terminal it was started from and ignores it.
+// outlives the terminal it was started from and takes SIGHUP as the order
+// to reopen its log file, which a rotation has renamed.
 void watch_signals(bool serving) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  if (serving) {
-    std::signal(SIGHUP, SIG_IGN);
-  } else {
-    sigaddset(&signals, SIGHUP);
-  }
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   if (::pipe2(stop_pipe, O_CLOEXEC) != 0) stop_pipe[0] = stop_pipe[1] = -1;
-  std::thread([signals] {
+  std::thread([signals, serving] {
     for (;;) {
       int received = 0;
       if (sigwait(&signals, &received) != 0) continue;
+      if (serving && received == SIGHUP) {
+        const bool reopened = agent::reopen_log();
+        TLogMessage log(reopened ? log_id_course : log_id_failure);
+        log.append_attr(log_attr_text, "serve")
+            .append_attr(log_attr_text, reopened ? "log reopened" : "cannot reopen the log file");
+        continue;
+      }
       if (interrupted) _exit(exit_interrupted);
       {
         std::lock_guard<std::mutex> hold(stop_lock);
@@ -225,10 +208,13 @@ bool result_failed() {
 int serve(const options_t& options) {
   if (!configure_agent(options)) return exit_failed;
   update::callbacks().on_status = no_status_push;
-  update::callbacks().on_client_command = client_command;
+  // Code 8 is the host's own listener's, which can answer with a reason.
+  update::callbacks().on_client_command = no_client;
   agent::start_event_manager();
-  // The listener is registered before the first client can come.
+  // The listeners are registered before the first client can come.
   update::init();
+  host_commands_t commands(sources_path(options));
+  AddCommandListener(&commands);
   const std::string socket = options.socket.empty() ? agent::default_socket_path() : options.socket;
   std::string error;
   // Anyone who may connect may read the status; commands need root.
@@ -241,6 +227,7 @@ int serve(const options_t& options) {
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);
     }
     std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
+    DelCommandListener(&commands);
     stop_module();
     agent::stop_event_manager();
     agent::close_log();
@@ -260,6 +247,7 @@ int serve(const options_t& options) {
   }
   stop_module();
   agent::stop_bridge();
+  DelCommandListener(&commands);
   agent::stop_event_manager();
   {
     TLogMessage log(log_id_course);
@@ -269,8 +257,15 @@ int serve(const options_t& options) {
   return exit_ok;
 }
 
-int run(const options_t& options) {
+int run(options_t options) {
   if (!configure_agent(options)) return exit_failed;
+  std::string error;
+  if (options.action == action_t::run_command && !take_sources(sources_path(options), options, error)) {
+    TLogMessage(log_id_failure).append_attr(log_attr_text, error);
+    std::fprintf(stderr, "corvid-update: %s\n", error.c_str());
+    agent::close_log();
+    return exit_failed;
+  }
   update::callbacks().on_status = no_status_push;
   update::callbacks().on_client_command = no_client;
   agent::start_event_manager();
@@ -304,6 +299,9 @@ int run(const options_t& options) {
     std::string xml;
     update::get_status_xml(xml);
     std::fputs(xml.c_str(), stdout);
+  } else if (options.action == action_t::show_status && options.json) {
+    std::lock_guard<std::recursive_mutex> hold(update::status.lock);
+    std::puts(client::status_json(update::status).c_str());
   } else {
     print_status_lines();
     if (options.action == action_t::run_command && result_failed()) code = exit_failed;

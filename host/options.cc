@@ -62,6 +62,8 @@ constexpr value_option_t value_options[] = {
     {"--socket", &options_t::socket},
     {"--socket-group", &options_t::socket_group},
     {"--answer", &options_t::answer},
+    {"--sources", &options_t::sources},
+    {"--machine-id-file", &options_t::machine_id_file},
     {"--product-version", &options_t::product_version},
     {"--product-build", &options_t::product_build},
     {"--product-target", &options_t::product_target},
@@ -93,8 +95,8 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
       options.no_verify = true;
       continue;
     }
-    if (arg == "--xml") {
-      options.xml = true;
+    if (arg == "--xml" || arg == "--json") {
+      (arg == "--xml" ? options.xml : options.json) = true;
       continue;
     }
     if (arg == "--stats") {
@@ -156,8 +158,8 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
     error = "--answer takes yes, no or ask";
     return false;
   }
-  if (options.xml) {
-    error = "--xml goes with the status command only";
+  if (options.xml || options.json) {
+    error = std::string(options.xml ? "--xml" : "--json") + " goes with the status command only";
     return false;
   }
   if (update::has_xml_forbidden_byte(options.cmdid)) {
@@ -178,11 +180,12 @@ bool parse_options(int argc, const char* const* argv, options_t& options, std::s
 
 const char* usage_text() {
   return R"(Usage: corvid-update [OPTIONS] COMMAND [URI...]
-  or:  corvid-update [OPTIONS] status [--xml]
+  or:  corvid-update [OPTIONS] status [--xml | --json]
 
 Runs one command of the update module against the update sources given as
-URIs, in order, and prints the module's status when the command has ended:
-"update_state=..." and, on error, "update_msg=..." on a line each.
+URIs, in order, or without URIs against those of the sources file, and
+prints the module's status when the command has ended: "update_state=..."
+and, on error, "update_msg=..." on a line each.
 
 Commands:
   check            fetch each source's update.ini and decide what is out of date
@@ -192,7 +195,8 @@ Commands:
   install-manual   as install, without asking the client first
   unknown          submit the unknown command (the module refuses it)
   status           start the module and print the saved status; with --xml
-                   print the status as XML instead
+                   print the status as XML instead, with --json as one JSON
+                   object
   serve            run as the daemon until SIGTERM or SIGINT: clients
                    (corvid-update-client) reach the module over the bridge's
                    socket; the daemon writes only to its log
@@ -228,8 +232,16 @@ Options:
   --stats               at the end, print the number of status saves, of
                         waits for the disk and of files read for a hash on
                         standard error
+  --sources FILE        the sources file: one URI a line, blank lines and
+                        lines beginning with "#" left out; read by every
+                        command given no URI, the daemon's included (default:
+                        the etc directory + "sources")
+  --machine-id-file F   the file whose first line is this machine's identity,
+                        which places it in a description's staged rollouts
+                        (default: /etc/machine-id)
   --log FILE            log file (default: the log directory +
-                        "corvid_update.log")
+                        "corvid_update.log"); the daemon opens it anew on
+                        SIGHUP, after a rotation renamed it
   --cmdid ID            identifier of the command, kept in the status
   --answer A            install: answer the update's install question with
                         yes, no or ask (default: ask when standard input is
@@ -256,7 +268,9 @@ Options:
 
 A client's code 8 bytes reach a serving host as a command line: a command
 and its URIs, e.g. "check http://host/repo/", which it runs when the client
-is root or the daemon's own user.
+is root or the daemon's own user; without URIs it takes the sources file's.
+A command line it refuses, or a sources file it cannot use, is answered with
+the reason and logged, and starts nothing.
 
 One process at a time uses an update directory: another that finds it taken
 says which process holds it and exits with status 1.

@@ -14,6 +14,7 @@ struct options_t {
   update::Command command = update::Command::check;
   std::list<std::string> uris;
   bool xml = false;  // status --xml
+  bool json = false;  // status --json
   std::string update_dir;
   std::string root;  // every agent directory below it; empty: the per-user default
   std::string log_file;  // empty: systemLogDir + "corvid_update.log"
@@ -26,6 +27,8 @@ struct options_t {
   std::string socket;  // serve: the bridge's socket; empty: the default
   std::string socket_group;  // serve: the group that may use the socket; empty: owner-only
   unsigned question_timeout = 0;  // serve: seconds a client may take to answer; 0: the bridge's default
+  std::string sources;  // the sources file; empty: the etc directory + "sources"
+  std::string machine_id_file;  // empty: /etc/machine-id
   std::string answer;  // the install question: "yes", "no", "ask" or empty (ask on a terminal, else yes)
   // Product values; empty ones keep the defaults.
   std::string product_version, product_build, product_target, product_os, product_cpu, product_vendor;

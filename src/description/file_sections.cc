@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "description/loader.h"
+#include "description/rollout.h"
 #include "description/section_reader.h"
 #include "description/section_rules.h"
 #include "facts/versions.h"
@@ -78,8 +79,8 @@ struct section_sets_t {
 
 // The section's conditions, joined by AND in the engine's key order. The
 // first false one is logged and ends the evaluation.
-bool conditions_hold(const CIniFile::group_t& section, const std::string& name, unsigned counter,
-                     section_sets_t& sets) {
+bool conditions_hold(const CIniFile::group_t& section, const std::string& name, const std::string& version,
+                     unsigned counter, section_sets_t& sets) {
   std::list<std::pair<std::string, std::string>> conditions;
   section.params_with_prefix(condition_prefix, conditions);
   std::string checked;  // kept from one condition to the next, for the log
@@ -95,6 +96,8 @@ bool conditions_hold(const CIniFile::group_t& section, const std::string& name, 
     bool holds = false;
     if (key == "apply_if.exec") {
       holds = run_exec(expected, true, 1);
+    } else if (key == "apply_if.rollout") {
+      holds = in_rollout(expected, name, version);
     } else {
       // Only a computed variable can be checked: the hash in the type that
       // the expected text names, or a version against a range.
@@ -214,7 +217,7 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   }
   sets.apply(exec);
 
-  if (!conditions_hold(section, name, counter, sets)) {
+  if (!conditions_hold(section, name, update_version, counter, sets)) {
     rejected.insert(name);
     return;
   }

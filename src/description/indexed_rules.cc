@@ -3,8 +3,10 @@
 #include <unordered_set>
 
 #include "description/loader.h"
+#include "description/rollout.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
+#include "platform/log.h"
 #include "status/status.h"
 #include "support/file_helpers.h"
 #include "support/ini_file.h"
@@ -141,6 +143,14 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
     }
     if (index == 0) rule.is_main = true;
     if (index == 1 && !ini.rules.empty()) ini.rules.clear();  // numbered rules replace the bare one
+    // A numbered rule of a staged rollout is left out where this machine is
+    // not in its share; the series goes on.
+    const std::string share = index == 0 ? "" : value("rollout", index, "");
+    if (!share.empty() && !in_rollout(share, value("file", index, ""), rule.update_version)) {
+      TLogMessage(log_id_course)
+          .append_attr(log_attr_text, format_message("skip rule #%u: not in its rollout of %s", index, share.c_str()));
+      continue;
+    }
 
     rule.file_name = value("file", index, "");
     rule.hash = value("hash", index, "");

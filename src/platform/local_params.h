@@ -32,6 +32,11 @@ class server {
   // exist: a typo must not turn the check off.
   static std::string trusted_keys_dir();
   static void set_trusted_keys_dir(const std::string& dir);
+
+  // The file that holds this machine's identity, which places it in a
+  // staged rollout (the "rollout" condition); empty means /etc/machine-id.
+  static std::string machine_id_file();
+  static void set_machine_id_file(const std::string& path);
 };
 
 }  // namespace LPARAMS

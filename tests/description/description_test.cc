@@ -3,11 +3,16 @@
 // its conditions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
+#include <set>
 #include <sstream>
+#include <tuple>
 
 #include "description/inivars.h"
 #include "description/loader.h"
+#include "description/rollout.h"
 #include "description/section_rules.h"
 #include "facts/hash_cache.h"
 #include "platform/hash_file.h"
@@ -58,7 +63,10 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,x/corvid_update_serials\nhash=1,2\n", "file name is one of the module's own files: corvid_update_serials"},
       {rule + "file=corvid_update.lock\nhash=1\n", "file name is one of the module's own files: corvid_update.lock"},
       {rule + "file=x/..\nhash=1\n", "file name leaves the update directory: .."},
+      {"version.1=1\nexec.1=x\nrollout.1=ten\n", "Parse 'update.ini' error: bad rollout share: ten (a percentage, 0 to 100)"},
+      {"version.1=1\nexec.1=x\nrollout.1=5\n", "Parse 'update.ini' error: cannot read the machine's identity from " + dir_.path("none")},
   };
+  LPARAMS::server::set_machine_id_file(dir_.path("none"));
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(load(text), message.empty()) << text;
     EXPECT_EQ(reported(), message) << text;
@@ -89,7 +97,10 @@ TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
       {first, 1, false, ""},
       {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
+      {first + "rollout.1=0\nversion.2=3\nexec.2=z\n", 0, true, "3 ();"},  // out of its rollout; the series goes on
+      {first + "rollout.1=100%\n" + bare + "rollout=0\n", 0, true, "2 (p/b,c);"},  // the bare rule takes none
   };
+  LPARAMS::server::set_machine_id_file(dir_.write("machine-id", "0123456789abcdef\n"));
   for (const auto& row : rows) {
     EXPECT_EQ(load(row.body, row.mode), row.result) << row.body;
     std::string rules;
@@ -298,8 +309,12 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
       {"apply_if.exec=$(e)\ne=", error + "empty value in condition: apply_if.exec, in section: " + T + ".file=f"},
-      {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},
+      {"apply_if.rollout=100", "f=1/0;"},
+      {"apply_if.rollout=0%", "f=/0;"},
+      {"apply_if.rollout=100.01", error + "bad rollout share: 100.01 (a percentage, 0 to 100)"},
+      {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},  // last: its cache is read below
   };
+  LPARAMS::server::set_machine_id_file(dir_.write("machine-id", "0123456789abcdef\n"));
   for (const auto& [condition, rules] : rows)
     EXPECT_EQ(load("global.tool=" + tool + "\ncan_skip.f=1\n[" + T + ".hash_to_version.tool]\nhash." +
                    digest.substr(19) + "=2.5\n[" + T + ".file=f]\n" + condition +
@@ -337,6 +352,39 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
   EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0"),
             4u);
+}
+
+TEST(Rollout, SharesAreStableGrowByAddingAndDrawAnewForANewVersion) {
+  for (const auto& [text, share] : std::initializer_list<std::pair<const char*, int>>{
+           {"0", 0}, {"100", 10000}, {"25%", 2500}, {"0.5", 50}, {"2.05", 205}, {"99.9", 9990}, {"007", 700},
+           {"100.01", -1}, {"", -1}, {"%", -1}, {"5.", -1}, {".5", -1}, {"1.234", -1}, {"-1", -1}, {"1000", -1},
+           {" 5", -1}}) {
+    unsigned parsed = 0;
+    EXPECT_EQ(parse_rollout_share(text, parsed) ? static_cast<int>(parsed) : -1, share) << text;
+  }
+  // Of 1000 machines, those a share of a file at a version reaches.
+  const auto reached = [](unsigned share, const char* file, const char* version) {
+    std::set<int> machines;
+    for (int m = 0; m < 1000; ++m)
+      if (rollout_place(std::to_string(m * 7919) + "c0ffee", file, version) < share) machines.insert(m);
+    return machines;
+  };
+  std::set<int> before;
+  for (const auto& [share, low, high] : {std::tuple{0u, 0u, 0u}, {1000u, 70u, 130u}, {2500u, 210u, 290u},
+                                         {5000u, 450u, 550u}, {10000u, 1000u, 1000u}}) {
+    const std::set<int> now = reached(share, "tool.exe", "2.0");
+    EXPECT_TRUE(now.size() >= low && now.size() <= high) << share << ": " << now.size();
+    EXPECT_TRUE(std::includes(now.begin(), now.end(), before.begin(), before.end())) << share;
+    before = now;
+  }
+  // Another version or file draws its quarter anew: about a quarter of the last quarter again.
+  const std::set<int> quarter = reached(2500, "tool.exe", "2.0");
+  for (const auto& [file, version] : {std::pair{"tool.exe", "2.1"}, {"other.exe", "2.0"}}) {
+    std::vector<int> again;
+    const std::set<int> next = reached(2500, file, version);
+    std::set_intersection(quarter.begin(), quarter.end(), next.begin(), next.end(), std::back_inserter(again));
+    EXPECT_TRUE(again.size() > 30 && again.size() < 100) << file << " " << version << ": " << again.size();
+  }
 }
 
 }  // namespace

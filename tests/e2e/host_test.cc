@@ -4,13 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
+#include <sstream>
 #include <thread>
 #include <tuple>
+
+#include <nlohmann/json.hpp>
 
 #include "agent/bridge.h"
 #include "fixtures/fault_server.h"
@@ -51,12 +57,14 @@ bool wait_for(const std::string& file, const std::string& text, size_t count = 1
 
 class HostTest : public ::testing::Test {
  protected:
-  // Runs the host, or another program, with its per-user state kept inside the test's directory.
-  outcome_t run(const std::vector<std::string>& args, const std::string& program = "corvid-update") {
+  // Runs the host, or another program, with its per-user state kept inside the test's directory, its
+  // output in outputs' (one each for programs that run at once).
+  outcome_t run(const std::vector<std::string>& args, const std::string& program = "corvid-update",
+                const fixtures::scratch_dir_t* outputs = nullptr) {
     std::vector<std::string> argv{"/usr/bin/env", "XDG_STATE_HOME=" + dir_.path("state"),
                                   program[0] == '/' ? program : CORVID_BIN_DIR "/" + program};
     argv.insert(argv.end(), args.begin(), args.end());
-    return fixtures::run_program(argv, dir_);
+    return fixtures::run_program(argv, outputs ? *outputs : dir_);
   }
   // An empty RUNPATH entry (or a RUNPATH that is empty) searches the current directory for libraries.
   bool has_empty_runpath_entry(const std::string& file) {
@@ -441,6 +449,103 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
     const outcome_t o = run({"--root", root, "--no-verify", "--description-timeout", "1", "check", drip.url("/repo/")});
     EXPECT_NE(o.out.find("Operation timed out after"), std::string::npos) << dripped << ": " << o.out;
   }
+}
+
+// The client's named commands run through the daemon with its sources file,
+// read anew by every command, follow their own run and exit as the one-shot
+// host does. A sources file or a policy gone wrong, or no daemon, fails with
+// its reason on stderr and in the log, and the status stays; both programs
+// tell it as the same JSON. The log rotates under a running install without
+// losing or tearing a line.
+TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
+  serve({"repo", "agent"});
+  const std::string root = dir_.path("agent"), socket = dir_.path("bridge.sock"), log = root + "/log/corvid_update.log";
+  const std::string sources = dir_.write("sources", "# ours\n" + server_.url("/agent/") + "\n " + server_.url("/repo/") + "\n");
+  ASSERT_TRUE(server_.put_file("roll/update.ini", "[corvid.file=f]\napply_if.rollout=50\nupdate_version=1\n"
+                                                  "download_file=$(null)\nexec=x\n") &&
+              server_.put_file("slow/a.txt", "a") &&  // an install that ends when the test lets it
+              server_.put_file("slow/update.ini", "[corvid]\nversion.1=1\nfile.1=a.txt\nexec_wait.1=1\nexec.1=sh -c \"while [ ! -e " +
+                                   dir_.path("go") + " ]; do sleep 0.05; done; echo 1 > $update_path/a.txt.version\"\n"));
+  const pid_t daemon = fixtures::spawn_child({CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket,
+                                              "--sources", sources, "--no-verify", "--machine-id-file", dir_.path("id"),
+                                              "serve"}, -1, dir_.path("serve.log"));
+  for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const auto client = [&](std::vector<std::string> args, const fixtures::scratch_dir_t* outputs = nullptr) {
+    args.insert(args.begin(), {"--socket", socket, "--log", log});
+    return run(args, "corvid-update-client", outputs);
+  };
+  const auto json = [&](const outcome_t& o) { return nlohmann::json::parse(o.out, nullptr, false); };
+  nlohmann::json last;
+  const std::tuple<std::string, std::vector<std::string>, int, std::string> rows[] = {  // sources ("": as they
+      // were), arguments, exit status, what it says
+      {"", {"check"}, 0, "status: outofdate\n"},
+      {"", {"--yes", "update"}, 0, "status: uptodate\n"},
+      {"", {"check", server_.url("/none/")}, 1, "status: error\n"},
+      {"", {"check", server_.url("/roll/")}, 1, "message: Parse 'update.ini' error: cannot read the machine's identity from " + dir_.path("id")},
+      {"", {"--yes", "unattended", "install"}, 0, "status: uptodate\n"},
+      {read_file(sources) + "ftp://x/\n", {"check"}, 1, "refused check: sources file " + sources + ": line 4: not an http"},
+      {"# none\n", {"unattended", "check"}, 1, "refused check: no source in the sources file " + sources},
+      {"", {"unattended", "sometimes"}, 2, "unknown unattended policy \"sometimes\": none, check, download or install"},
+      {"", {"unattended", "none"}, 0, "unattended: the policy is none, nothing runs\n"},
+      {"", {"check", "http://a b/"}, 2, "a URI with a blank or a control character cannot be sent: http://a b/"},
+      {"", {"--log", sources + "/x", "unattended", "none"}, 0, "cannot open the log file " + sources + "/x"},
+      {"", {"status"}, 0, "status: uptodate\n"},  // idle: nothing to follow
+  };
+  for (const auto& [text, args, exit_code, says] : rows) {
+    if (!text.empty()) fixtures::write_file(sources, text);
+    const outcome_t o = client(args), status = client({"status", "--json"});
+    EXPECT_EQ(o.exit_code, exit_code) << args.back() << ": " << o.out << o.err;
+    EXPECT_NE((o.out + o.err).find(says), std::string::npos) << args.back() << ": " << o.out << o.err;
+    if (o.out.rfind("status: ", 0) == 0) last = json(status);  // it ran: its outcome is the status now
+    EXPECT_EQ(json(status), last) << args.back();  // a refusal leaves the status as it was
+  }
+  EXPECT_EQ(last["id"].get<std::string>().rfind("unattended-", 0), 0u) << last;
+  EXPECT_NE(read_file(log).find("\t365\tclient command\t--cmdid client-"), std::string::npos);
+  EXPECT_NE(read_file(log).find("\t365\tclient\tunknown unattended policy"), std::string::npos);
+  EXPECT_NE(run({"--root", dir_.path("one"), "--sources", sources, "check"}).err.find("no source in"), std::string::npos);
+  EXPECT_NE(read_file(dir_.path("one/log/corvid_update.log")).find("\t365\tno source in the sources file"), std::string::npos);
+
+  // Two rotations while an install command runs; meanwhile a check waits its
+  // turn, and a later download takes its place.
+  fixtures::write_file(sources, server_.url("/slow/") + "\n");
+  const auto wait_for = [](const std::string& path, const std::string& text) {
+    for (int i = 0; i < 500 && read_file(path).find(text) == std::string::npos; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  };
+  const auto later = [&](const std::vector<std::string>& args) {  // outputs of its own, as they run at once
+    return std::async(std::launch::async, [&client, args] { const fixtures::scratch_dir_t outputs; return client(args, &outputs); });
+  };
+  EXPECT_EQ(client({"send", "2020696e7374616c6c2020"}).out, "accepted\n");  // "  install  ", not followed
+  wait_for(log, "while [ ! -e");
+  auto replaced = later({"check", server_.url("/slow/?b")});
+  wait_for(log, "/slow/?b\n");
+  auto download = later({"download", server_.url("/slow/?c")});
+  wait_for(log, "/slow/?c\n");
+  for (const char* rotated : {".2", ".1"}) {
+    std::filesystem::rename(log, log + rotated);
+    ::kill(daemon, SIGHUP);
+    wait_for(log, "\tserve\tlog reopened\n");
+  }
+  dir_.write("go", "");
+  EXPECT_NE(replaced.get().err.find("its run is not in the status: a later command took its place"), std::string::npos);
+  EXPECT_EQ(download.get().out, "status: uptodate\n");
+  EXPECT_NE(read_file(log + ".2").find("while [ ! -e"), std::string::npos);
+  EXPECT_NE(read_file(log).find("\tdone\tcommand: install, result: uptodate\n"), std::string::npos);
+  std::istringstream lines(read_file(log + ".2") + read_file(log + ".1") + read_file(log));
+  int reopened = 0;  // each line whole: one time, one id, and its texts
+  for (std::string line; std::getline(lines, line); reopened += line.find("\tserve\tlog reopened") != std::string::npos)
+    EXPECT_TRUE(line.size() > 29 && line[10] == 'T' && line.compare(23, 4, "Z\t36") == 0 && line[28] == '\t' &&
+                line.find("Z\t36", 24) == std::string::npos) << line;
+  EXPECT_EQ(reopened, 2);
+
+  const outcome_t served = client({"status", "--json"});
+  fixtures::stop_child(daemon, 5000);
+  const outcome_t down = client({"unattended", "check"}), host = run({"--root", root, "status", "--json"});
+  EXPECT_EQ(down.exit_code, 1);
+  EXPECT_NE(read_file(log).find("\t365\tclient\tcannot connect to " + socket), std::string::npos);
+  EXPECT_EQ(json(host), json(served));  // the module's record and the one read back from its XML
+  EXPECT_EQ(json(host)["files"][0]["update_version"], "1") << host.out;
+  EXPECT_EQ(json(host)["message"], "") << host.out;
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.

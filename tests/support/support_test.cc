@@ -10,8 +10,10 @@
 #include <memory>
 #include <random>
 #include <sstream>
+#include <tuple>
 
 #include "fixtures/nginx_server.h"
+#include "support/sources_file.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
 #include "support/file_helpers.h"
@@ -62,6 +64,25 @@ TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
       {"[a=b]", ""},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(raised_by([&] { parsed_t{text}; }), expected) << text;
+}
+
+// One URI a line, and the first line that is none stops the reading.
+TEST(SourcesFile, TakesOneUriALineAndNamesTheFirstBadOne) {
+  const std::tuple<std::string, std::string, std::string> rows[] = {  // text, sources read, reason
+      {"# ours\n\n  http://a/x \t\r\nhttps://b/\n\t# indented\nFILE:///srv/r/", "http://a/x https://b/ FILE:///srv/r/ ", ""},
+      {"http://a/\nftp://b/\nhttp://c/\n", "http://a/ ", "line 2: not an http, https or file URI: ftp://b/"},
+      {"https://\n", "", "line 1: not an http, https or file URI: https://"},
+      {"http://a/ # ours\n", "", "line 1: a blank or control character in the URI: http://a/ # ours"},
+      {"file:///a\x01/\n", "", "line 1: a blank or control character in the URI: file:///a\\x01/"},
+  };
+  for (const auto& [text, sources, reason] : rows) {
+    std::list<std::string> read;
+    std::string why, joined;
+    EXPECT_EQ(update::read_sources(text, read, why), reason.empty()) << text;
+    for (const auto& uri : read) joined += uri + " ";
+    EXPECT_EQ(joined, sources) << text;
+    EXPECT_EQ(why, reason) << text;
+  }
 }
 
 TEST(IniFile, KeysValuesAndHeadersAreCutAsWritten) {
