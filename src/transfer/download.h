@@ -36,9 +36,12 @@ struct flush_context_t {
 // body_hash_t::result for when it holds). With most, the file never grows
 // past most bytes: a server that sends more fails the attempt with "the
 // server sent more than MOST bytes". The handle holds no options after the
-// call. Takes the module lock and the status lock, one at a time.
+// call. Takes the module lock and the status lock, one at a time. With
+// failure, a failure is not reported but its text put there, for a caller
+// that has another way to the file.
 bool download_file(CURL* handle, const std::string& url, const std::string& path,
-                   const params_t& params, bool resume, body_hash_t* hash = nullptr, uint64_t most = 0);
+                   const params_t& params, bool resume, body_hash_t* hash = nullptr, uint64_t most = 0,
+                   std::string* failure = nullptr);
 
 // How fetch_text ended. missing: the server has no such file (HTTP 404 or
 // 410, or no local file); failed: any other failure.
