@@ -229,7 +229,8 @@ bool release_file(const std::string& dir, const std::vector<std::string>& previo
       std::fprintf(stderr, "corvid-update-sign: cannot read %s\n", base.c_str());
       return false;
     }
-    if (hash_equal(base_hash, file.hash) || !bases.insert(base_hash).second) continue;
+    // Also from a base with the same bytes: the agent then keeps its copy.
+    if (!bases.insert(base_hash).second) continue;
     const std::string digest = base_hash.substr(base_hash.find(':') + 1, 16), where = file.where + "." + digest + ".patch";
     patch_t patch{base_hash, where, 0, ""};
     if (!make_patch_file(base, path, dir + where, error) || !hash_file(dir + where, type, patch.hash)) {
