@@ -7,6 +7,8 @@
 #   status  the status reader, and the writer and reader together
 #   bridge  the bridge's frames, the client's reply and the module's messages
 #   signature  update.ini.sig and its check, the key files, the serial store
+#   patch   the patch applier on shaped patches, and the maker and the
+#           applier together
 # Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
 # Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
 # to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
@@ -16,7 +18,7 @@ ROOT=$PWD
 RUN_SECONDS=${1:-600}
 shift || true
 TARGETS=("$@")
-[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature)
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature patch)
 OUT=$ROOT/fuzz-out
 FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
@@ -38,6 +40,8 @@ sources_of() {
                     src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \
                     src/support/message_format.cc src/support/file_helpers.cc src/platform/signature.cc \
                     src/platform/hash_file.cc src/platform/posix/file_ops.cc ;;
+    patch) echo fuzz/patch_fuzz.cc src/support/patch_apply.cc sign/patch_make.cc src/support/file_helpers.cc \
+                src/platform/posix/mapped_file.cc src/platform/posix/file_ops.cc ;;
     *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
   esac
 }
@@ -47,6 +51,7 @@ libs_of() {
     loader) echo -Wl,--wrap="$CALC_HASH" -lcurl -lgcrypt -lpugixml -lpthread ;;
     status) echo -lpugixml ;;
     signature) echo -lgcrypt ;;
+    patch) echo -llzma -ldivsufsort ;;
   esac
 }
 
@@ -82,6 +87,7 @@ seeds_of() {
     status) cp fuzz/corpus_status/* "$dir/" ;;
     bridge) cp fuzz/bridge_corpus/* "$dir/" ;;
     signature) cp fuzz/corpus_signature/* "$dir/" ;;
+    patch) cp fuzz/corpus_patch/* "$dir/" ;;
   esac
   echo "$dir"
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <random>
 #include <tuple>
 
 #include "fixtures/nginx_server.h"
@@ -62,6 +63,58 @@ TEST_F(SignTest, SignsAndVerifiesWithBothKindsAndRefusesWhatIsWrong) {
   dir_.write("update.ini", "[corvid]\nupdate_version=2.1\n");
   EXPECT_NE(run("verify --keys keys update.ini").second.find("Signature check failed: digest mismatch"),
             std::string::npos);
+}
+
+// A release made in one command and checked by verify updates an agent that
+// holds the previous version through the patch alone.
+TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
+  fixtures::nginx_server_t nginx;
+  std::string error;
+  ASSERT_TRUE(nginx.start(error)) << error;
+  std::string v1(300000, '\0');
+  for (std::mt19937 random(5); auto& c : v1) c = static_cast<char>(random());
+  std::string v2 = std::string(v1).replace(1000, 64, 64, 'n').insert(200000, "more");
+  const std::string root = nginx.root(), agent = dir_.path("agent");
+  for (const auto& [v, bytes] : {std::pair{"1", v1}, std::pair{"2", v2}})
+    ASSERT_TRUE(nginx.put_file(std::string("v") + v + "/lib/tool.so", bytes) &&
+                nginx.put_file(std::string("v") + v + "/update.ini",
+                               std::string("[corvid]\nversion.1=") + v + "\nfile.1=lib/tool.so\nexec.1=sh -c \"echo " + v +
+                                   " >$update_path/tool.so.version\"\nexec_wait.1=1\n"));
+  ASSERT_EQ(run("keygen --type ed25519 k").first, 0);
+  ASSERT_EQ(run("release --key k.key --serial 1 --expires 3 " + root + "/v1").first, 0);
+  const auto released = run("release --key k.key --serial 2 --expires 3 " + root + "/v2 " + root + "/v1");
+  ASSERT_EQ(released.first, 0) << released.second;
+  std::filesystem::create_directories(dir_.path("keys"));
+  std::filesystem::copy(dir_.path("k.pub"), dir_.path("keys/"));
+  std::string patch;
+  for (const auto& entry : std::filesystem::directory_iterator(root + "/v2/lib"))
+    if (entry.path().extension() == ".patch") patch = entry.path();
+  const std::string file = root + "/v2/lib/tool.so", kept = read_file(file), kept_patch = read_file(patch);
+  // What verify finds when the published directory is not what its description says.
+  const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"", "", "1 files, 1 patches (1 applied to their base), 0 wrong"},
+      {file, kept + "x", "lib/tool.so: size is not 300004"},
+      {patch, std::string(kept_patch).replace(100, 1, 1, '!'), ".patch: hash is #GOST3411_256_2012:"},
+  };
+  for (const auto& [changed, bytes, says] : rows) {
+    if (!changed.empty()) fixtures::write_file(changed, bytes);
+    const auto [status, out] = run("verify --keys keys " + root + "/v2/update.ini " + root + "/v1");
+    EXPECT_EQ(status, changed.empty() ? 0 : 1) << out;
+    EXPECT_NE(out.find(says), std::string::npos) << out;
+    fixtures::write_file(file, kept), fixtures::write_file(patch, kept_patch);
+  }
+  std::filesystem::create_directories(agent + "/etc/update-keys");
+  std::filesystem::copy(dir_.path("k.pub"), agent + "/etc/update-keys/");
+  for (const char* v : {"/v1/", "/v2/"}) {
+    const auto o = fixtures::run_program(
+        {CORVID_BIN_DIR "/corvid-update", "--root", agent, "--answer", "yes", "install", nginx.url(v)}, dir_);
+    EXPECT_EQ(o.out, "update_state=uptodate\n") << o.err;
+  }
+  EXPECT_TRUE(read_file(agent + "/var/update/tool.so") == v2);
+  std::string asked;
+  for (const auto& r : nginx.requests(6)) asked += r.target + " ";
+  EXPECT_EQ(asked, "/v1/update.ini /v1/update.ini.sig /v1/lib/tool.so /v2/update.ini /v2/update.ini.sig /v2/lib/" +
+                       std::filesystem::path(patch).filename().string() + " ");
 }
 
 }  // namespace
