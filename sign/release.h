@@ -12,8 +12,9 @@ namespace update {
 // name), writes its hash (in the type its hash line names, else the
 // default) and size into the description; for each PREVIOUS directory
 // that holds the same path with other bytes, makes a patch beside the file
-// (PATH.DIGEST.patch, DIGEST the first 16 digits of the base's hash) and
-// writes its line, replacing every patch line the file had; a patch not
+// (PATH.DIGEST.patch, DIGEST the first 16 digits of the base's hash, which
+// is a SHA-256: it only picks the patch) and writes its line, replacing
+// every patch line the file had; a patch not
 // smaller than its file is left out. The new description is written to
 // update.ini.new and signed by sign_file (which writes PATH.sig and returns
 // an exit status); only when that succeeds do both take the places of

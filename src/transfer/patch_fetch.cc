@@ -39,19 +39,26 @@ const patch_t* patch_for_base(const file_entry_t& entry, std::string& why) {
     why = "no file to patch: " + entry.local_path;
     return nullptr;
   }
-  std::map<std::string, std::string> hashes;  // by type: the file's hash in it
-  const patch_t* found = nullptr;
-  for (const patch_t& patch : entry.patches) {
-    auto [known, fresh] = hashes.try_emplace(getHashTypeDecorStr(patch.base_hash));
-    if (fresh && !hash_of(entry, entry.local_path, patch.base_hash, known->second)) {
+  std::map<std::string, std::string> hashes;  // the file's hash by type, each made once
+  auto hash_in = [&](const std::string& type) -> const std::string* {
+    auto [known, fresh] = hashes.try_emplace(getHashTypeDecorStr(type));
+    if (fresh && !hash_of(entry, entry.local_path, type, known->second)) {
       why = "cannot hash " + entry.local_path;
       return nullptr;
     }
-    if (size == entry.size && hash_equal(entry.hash, known->second)) return nullptr;
-    if (!found && hash_equal(patch.base_hash, known->second)) found = &patch;
+    return &known->second;
+  };
+  if (size == entry.size) {
+    const std::string* hash = hash_in(entry.hash);
+    if (!hash || hash_equal(entry.hash, *hash)) return nullptr;
   }
-  if (!found) why = "no patch for the file at hand, whose hash is " + hashes.begin()->second;
-  return found;
+  for (const patch_t& patch : entry.patches) {
+    const std::string* hash = hash_in(patch.base_hash);
+    if (!hash) return nullptr;
+    if (hash_equal(patch.base_hash, *hash)) return &patch;
+  }
+  why = "no patch for the file at hand, whose hash is " + hashes.begin()->second;
+  return nullptr;
 }
 
 // The patch at path, whole and with its hash, resumed from what is there.
