@@ -73,8 +73,9 @@ std::string fetch_library(const std::string& cache, const std::string& package, 
   if (fs::exists(unpacked)) return unpacked;
   fs::create_directories(dir);
   const std::string quoted = "'" + package + "=" + version + "'";
-  if (std::system(("cd '" + dir + "' && apt-get download -q " + quoted + " >/dev/null 2>&1 && dpkg-deb -x " +
-                   package + "_*.deb x").c_str()) != 0)
+  if (std::system(("cd '" + dir + "' && apt-get download -q " + quoted + " >/dev/null 2>&1 && dpkg-deb -x " + package +
+                   "_*.deb x")
+                      .c_str()) != 0)
     return "";
   return fs::exists(unpacked) ? unpacked : "";
 }
@@ -99,7 +100,8 @@ pair_t generated_pair(const std::string& dir, size_t size) {
 
 std::vector<pair_t> real_pairs(const std::string& cache) {
   std::vector<pair_t> pairs;
-  const std::pair<const char*, const char*> wanted[] = {{"libssl3", "libcrypto.so.3"}, {"libcurl4", "libcurl.so.4.8.0"}};
+  const std::pair<const char*, const char*> wanted[] = {{"libssl3", "libcrypto.so.3"},
+                                                        {"libcurl4", "libcurl.so.4.8.0"}};
   for (const auto& [package, library] : wanted) {
     const auto versions = newest_versions(package);
     if (versions.size() < 2) continue;
@@ -149,12 +151,12 @@ bool publish(const fixtures::nginx_server_t& nginx, const std::string& work, con
   fs::create_directories(root);
   std::error_code ec;
   fs::copy_file(file, root + "/lib.so", fs::copy_options::overwrite_existing, ec);
-  if (ec || !nginx.put_file(dir + "/update.ini", "[corvid]\nversion.1=" + version +
-                                                     "\nfile.1=lib.so\nhash.1=" + type + "\nexec.1=sh -c \"echo " + version +
+  if (ec || !nginx.put_file(dir + "/update.ini", "[corvid]\nversion.1=" + version + "\nfile.1=lib.so\nhash.1=" + type +
+                                                     "\nexec.1=sh -c \"echo " + version +
                                                      " >$update_path/lib.so.version\"\nexec_wait.1=1\n"))
     return false;
-  std::vector<std::string> argv{sign_binary(), "release", "--key", work + "/k.key", "--serial", version, "--expires",
-                                "2", root};
+  std::vector<std::string> argv{sign_binary(), "release", "--key", work + "/k.key", "--serial", version,
+                                "--expires",   "2",       root};
   if (!previous.empty()) argv.push_back(nginx.root() + "/" + previous);
   return run_child(argv).ok;
 }
@@ -261,7 +263,8 @@ int main(int argc, char** argv) {
     make_patches(pair, work, made);
     ok = ok && made.ok;
     std::printf("\n  %s (%s), %" PRIu64 " bytes\n", pair.name.c_str(), pair.versions.c_str(), size);
-    std::printf("    patch: bsdiff %" PRIu64 " bytes (%.2f s), ours %" PRIu64 " bytes (%.2f s to make), %.3f of bsdiff\n",
+    std::printf("    patch: bsdiff %" PRIu64 " bytes (%.2f s), ours %" PRIu64
+                " bytes (%.2f s to make), %.3f of bsdiff\n",
                 made.bsdiff, made.bsdiff_s, made.ours, made.make_s,
                 static_cast<double>(made.ours) / static_cast<double>(made.bsdiff));
     for (const char* type : {"#GOST3411_256_2012:", "#SHA256:"}) {
@@ -274,12 +277,12 @@ int main(int argc, char** argv) {
       std::printf("    hashes %s\n", type);
       std::printf("      fetched: by patch %" PRIu64 " bytes, whole %" PRIu64 "; %.3f of bsdiff's patch (<= 1.10) %s\n",
                   m.fetched_patch, m.fetched_whole, bytes_ratio, bench::verdict(bytes_ratio <= 1.10));
-      std::printf("      update at 20 MB/s: by patch %.3f s, whole %.3f s (%.3f), nothing to fetch %.3f s\n",
-                  m.patch_s, m.whole_s, time_ratio, m.idle_s);
+      std::printf("      update at 20 MB/s: by patch %.3f s, whole %.3f s (%.3f), nothing to fetch %.3f s\n", m.patch_s,
+                  m.whole_s, time_ratio, m.idle_s);
       std::printf("      net of the run that fetches nothing: %.3f (<= 0.20) %s\n", net_ratio,
                   bench::verdict(net_ratio <= 0.20));
-      std::printf("      peak RSS by patch %.1f MiB (<= %.1f) %s, of a run that fetches nothing %.1f MiB   %s\n",
-                  m.rss, rss_limit, bench::verdict(m.rss <= rss_limit), m.idle_rss, m.ok ? "bytes equal" : "WRONG");
+      std::printf("      peak RSS by patch %.1f MiB (<= %.1f) %s, of a run that fetches nothing %.1f MiB   %s\n", m.rss,
+                  rss_limit, bench::verdict(m.rss <= rss_limit), m.idle_rss, m.ok ? "bytes equal" : "WRONG");
       std::printf("      %s\n", m.runs.c_str());
     }
   }

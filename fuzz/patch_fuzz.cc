@@ -47,8 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   std::string patch;
   check(update::make_patch(base, base_size, rest, rest_size, patch, error), "the maker makes a patch");
-  check(applied(base, base_size, reinterpret_cast<const unsigned char*>(patch.data()), patch.size(), rest_size,
-                result).empty() &&
+  check(applied(base, base_size, reinterpret_cast<const unsigned char*>(patch.data()), patch.size(), rest_size, result)
+                .empty() &&
             result == std::string(reinterpret_cast<const char*>(rest), rest_size),
         "the maker's patch gives the new file back");
   return 0;

@@ -120,8 +120,8 @@ class differ_t {
       size_t forward = best_forward(block, block_base, scan);
       size_t backward = scan < result_size_ ? best_backward(block, scan, match) : 0;
       if (block + forward > scan - backward) {
-        const size_t overlap = block + forward - (scan - backward), cut = best_cut(scan - backward, overlap,
-                                                                                   block, block_base, scan, match);
+        const size_t overlap = block + forward - (scan - backward),
+                     cut = best_cut(scan - backward, overlap, block, block_base, scan, match);
         forward = forward - overlap + cut;
         backward -= cut;
       }
@@ -183,8 +183,7 @@ class differ_t {
 bool compress(const std::string& data, std::string& out, std::string& error) {
   lzma_options_lzma options;
   lzma_lzma_preset(&options, 9 | LZMA_PRESET_EXTREME);
-  options.dict_size = static_cast<uint32_t>(
-      std::clamp<size_t>(data.size(), LZMA_DICT_SIZE_MIN, size_t{64} << 20));
+  options.dict_size = static_cast<uint32_t>(std::clamp<size_t>(data.size(), LZMA_DICT_SIZE_MIN, size_t{64} << 20));
   // The streams are bytes without an alignment; measured on shared
   // libraries, this setting saves about one byte in a hundred.
   options.lc = 2;

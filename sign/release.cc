@@ -139,7 +139,8 @@ bool read_rules(const description_t& d, std::vector<rule_t>& rules, std::string&
     if (product.empty() || name.rfind(product + ".file=", 0) != 0) continue;
     const std::vector<size_t> in{b};
     if (d.last(in, "download_file") == "$(null)") continue;
-    rule_t& rule = rules.emplace_back(rule_t{in, false, "download_hash", "filesize", "download_patch", "update_version"});
+    rule_t& rule =
+        rules.emplace_back(rule_t{in, false, "download_hash", "filesize", "download_patch", "update_version"});
     file_t& file = rule.files.emplace_back();
     file.name = name.substr(product.size() + 6);
     const std::string uri = d.last(in, "download_uri");
@@ -202,8 +203,7 @@ std::string directory_of(const std::string& path) {
 
 // The file's hash type: the one its line names, else the default.
 std::string type_of(const file_t& file) {
-  return !file.hash.empty() && (file.hash[0] == '#' || file.hash[0] == '$') &&
-                 !getHashTypeDecorStr(file.hash).empty()
+  return !file.hash.empty() && (file.hash[0] == '#' || file.hash[0] == '$') && !getHashTypeDecorStr(file.hash).empty()
              ? file.hash.substr(0, file.hash.find(':') + 1)
              : default_type;
 }
@@ -234,7 +234,8 @@ bool release_file(const std::string& dir, const std::vector<std::string>& previo
     }
     // Also from a base with the same bytes: the agent then keeps its copy.
     if (!bases.insert(base_hash).second) continue;
-    const std::string digest = base_hash.substr(base_hash.find(':') + 1, 16), where = file.where + "." + digest + ".patch";
+    const std::string digest = base_hash.substr(base_hash.find(':') + 1, 16),
+                      where = file.where + "." + digest + ".patch";
     patch_t patch{base_hash, where, 0, ""};
     if (!make_patch_file(base, path, dir + where, error) || !hash_file(dir + where, type, patch.hash)) {
       std::fprintf(stderr, "corvid-update-sign: no patch from %s: %s\n", base.c_str(), error.c_str());
@@ -246,7 +247,8 @@ bool release_file(const std::string& dir, const std::vector<std::string>& previo
       platform::remove_file((dir + where).c_str());
       continue;
     }
-    std::printf("  from %s: %s, %llu bytes\n", base.c_str(), where.c_str(), static_cast<unsigned long long>(patch.size));
+    std::printf("  from %s: %s, %llu bytes\n", base.c_str(), where.c_str(),
+                static_cast<unsigned long long>(patch.size));
     file.patches.push_back(patch);
   }
   return true;
@@ -380,8 +382,8 @@ bool verify_release(const std::string& path, const std::vector<std::string>& pre
         }
       }
     }
-  std::printf("%s: %u files, %u patches (%u applied to their base), %u wrong\n", path.c_str(), files, patches,
-              applied, wrong);
+  std::printf("%s: %u files, %u patches (%u applied to their base), %u wrong\n", path.c_str(), files, patches, applied,
+              wrong);
   return wrong == 0;
 }
 

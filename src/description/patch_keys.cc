@@ -42,8 +42,7 @@ bool is_hash(std::string_view text) {
 
 std::string read_patch_value(const std::string& text, patch_t& patch) {
   std::string_view rest = text, base, size, hash;
-  if (!next_field(rest, base) || !next_field(rest, size) || !next_field(rest, hash))
-    return "not four fields: " + text;
+  if (!next_field(rest, base) || !next_field(rest, size) || !next_field(rest, hash)) return "not four fields: " + text;
   const std::string_view where = trimmed(rest);
   if (!is_hash(base)) return "not a hash: " + std::string(base);
   if (!parse_size(patch.size, std::string(size)) || patch.size == 0) return "bad size: " + std::string(size);
@@ -60,8 +59,8 @@ std::string check_patched_entry(const file_entry_t& entry) {
   return "patch offered for file '" + entry.name + "' without its hash and size";
 }
 
-bool read_indexed_patches(const CIniFile::group_list_t& sections, const std::string& key,
-                          const std::string& base_uri, std::list<file_entry_t>& entries) {
+bool read_indexed_patches(const CIniFile::group_list_t& sections, const std::string& key, const std::string& base_uri,
+                          std::list<file_entry_t>& entries) {
   for (const CIniFile::group_t* section : sections) {
     const auto values = section->params.find(key);
     if (values == section->params.end()) continue;

@@ -25,7 +25,7 @@ std::string check_patched_entry(const file_entry_t& entry);
 // of the rule that the value names; where is joined to base_uri as a file's
 // item is. False after a report through report_error when a value does not
 // read, names no file of the rule, or comes for a file without hash or size.
-bool read_indexed_patches(const CIniFile::group_list_t& sections, const std::string& key,
-                          const std::string& base_uri, std::list<file_entry_t>& entries);
+bool read_indexed_patches(const CIniFile::group_list_t& sections, const std::string& key, const std::string& base_uri,
+                          std::list<file_entry_t>& entries);
 
 }  // namespace update

@@ -157,14 +157,14 @@ bool read_patch_header(const unsigned char* patch, uint64_t size, patch_header_t
 
 std::string write_patch_header(const patch_header_t& header) {
   std::string bytes(reinterpret_cast<const char*>(magic), sizeof magic);
-  for (uint64_t value : {header.base_size, header.result_size, header.control_length, header.diff_length,
-                         header.extra_length})
+  for (uint64_t value :
+       {header.base_size, header.result_size, header.control_length, header.diff_length, header.extra_length})
     for (int i = 0; i < 8; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xFF);
   return bytes;
 }
 
-std::string apply_patch(const unsigned char* base, uint64_t base_size, const unsigned char* patch,
-                        uint64_t patch_size, uint64_t result_size, const patch_sink_t& sink) {
+std::string apply_patch(const unsigned char* base, uint64_t base_size, const unsigned char* patch, uint64_t patch_size,
+                        uint64_t result_size, const patch_sink_t& sink) {
   patch_header_t header;
   std::string error;
   if (!read_patch_header(patch, patch_size, header, error)) return error;

@@ -62,7 +62,7 @@ using patch_sink_t = std::function<bool(const unsigned char* bytes, size_t count
 // exactly result_size; nothing is read outside the two buffers, and no more
 // than result_size bytes reach the sink. Memory: the streams' decoders and
 // a few buffers of 64 KiB. Safe from any thread on distinct sinks.
-std::string apply_patch(const unsigned char* base, uint64_t base_size, const unsigned char* patch,
-                        uint64_t patch_size, uint64_t result_size, const patch_sink_t& sink);
+std::string apply_patch(const unsigned char* base, uint64_t base_size, const unsigned char* patch, uint64_t patch_size,
+                        uint64_t result_size, const patch_sink_t& sink);
 
 }  // namespace update

@@ -208,8 +208,8 @@ int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultot
   return xfer_progress_cb(context, truncated(dltotal), truncated(dlnow), truncated(ultotal), truncated(ulnow));
 }
 
-bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume, body_hash_t* hash, uint64_t most, std::string* failure) {
+bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params, bool resume,
+                   body_hash_t* hash, uint64_t most, std::string* failure) {
   auto fail = [failure](const std::string& text) {
     if (failure)
       *failure = text;
@@ -227,8 +227,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
       store_download_offset(offset);
       file_ptr file(fopen_utf8(path.c_str(), offset != 0 ? "ab" : "wb", sizeof "ab"));
       if (!file)
-        return fail(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(),
-                                   path.c_str()));
+        return fail(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(), path.c_str()));
       // The file is ours to write now, and "wb" has emptied it.
       if (hash) hash->begin(path, offset);
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),

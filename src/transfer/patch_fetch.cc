@@ -85,8 +85,8 @@ bool fetch_patch(CURL* handle, const file_entry_t& entry, const patch_t& patch, 
 
 // The patch applied to the file at local_path, into path, which then holds
 // the entry's file by its size and hash.
-bool apply(const file_entry_t& entry, const std::string& patch_path, const std::string& path,
-           std::string& calculated, std::string& why) {
+bool apply(const file_entry_t& entry, const std::string& patch_path, const std::string& path, std::string& calculated,
+           std::string& why) {
   platform::mapped_file_t base, patch;
   for (auto [file, name] : {std::pair{&base, &entry.local_path}, std::pair{&patch, &patch_path}})
     if (!file->map(name->c_str())) {

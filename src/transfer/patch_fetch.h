@@ -1,9 +1,9 @@
 // A file brought through a patch its description offers, when the file the
 // agent holds at the entry's place (its last download) is that patch's base.
 #pragma once
-#include <string>
-
 #include <curl/curl.h>
+
+#include <string>
 
 #include "records/update_ini.h"
 

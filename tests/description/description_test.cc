@@ -58,12 +58,14 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {"version=1\"<\nexec=x\n", "unusable character in version: 1\"<"},  // the status file writes it bare
       {rule + patched + "patch=a," + patch + "\n", ""},
       {rule + patched + "patch=b," + patch + "\n", bad_patch + "no file of the rule named: b," + patch},
-      {rule + "file=a\nhash=1\npatch=a," + patch + "\n", bad_patch + "patch offered for file 'a' without its hash and size"},
+      {rule + "file=a\nhash=1\npatch=a," + patch + "\n",
+       bad_patch + "patch offered for file 'a' without its hash and size"},
       {rule + patched + "patch=a, $sha256:1, 0, $sha256:2, p\n", bad_patch + "bad size: 0"},
       {rule + patched + "patch=a, #MD4:1, 9, $sha256:2, p\n", bad_patch + "not a hash: #MD4:1"},
       {rule + patched + "patch=a, $sha256:1, 9, $sha256:2x, p\n", bad_patch + "not a hash: $sha256:2x"},
       {rule + patched + "patch=a, $sha256:1, 9, $sha256:2\n", bad_patch + "not four fields:  $sha256:1, 9, $sha256:2"},
-      {rule + patched + "patch=a, $sha256:1, 9, $sha256:2, \n", bad_patch + "no place to fetch it from:  $sha256:1, 9, $sha256:2,"},
+      {rule + patched + "patch=a, $sha256:1, 9, $sha256:2, \n",
+       bad_patch + "no place to fetch it from:  $sha256:1, 9, $sha256:2,"},
   };
   for (const auto& [text, message] : rows) {
     EXPECT_EQ(load(text), message.empty()) << text;
@@ -246,7 +248,8 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
                            "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
-                           "exec=$(download_file) /install\ndownload_patch=$sha256:1, 9, $sha256:2, p/$(update_version)\n"
+                           "exec=$(download_file) /install\n"
+                           "download_patch=$sha256:1, 9, $sha256:2, p/$(update_version)\n"
                            "download_patch=$sha256:3, 9, $sha256:4, http://p/\n[" + T + ".file=driver.bin]\n"
                            "apply_if.version_of.tool=2.0-2.9\nupdate_version=$(map_to.driver.for_tool)\n"
                            "download_file=$(null)\nexec=$(agent_bin)/setup.exe\n[" + T + ".hash_to_version.tool]\n"

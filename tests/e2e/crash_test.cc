@@ -203,14 +203,16 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
   HashFileChecker::CalcHash(dir_.write("served/big.bin", big3), "", hash3);
   HashFileChecker::CalcHash(dir_.write("served/big.bin.p", patch), "", patch_hash);
   std::string ini = read_file(served + "update.ini");
-  for (const auto& [from, to] : {std::pair{std::string("2.0"), std::string("3.0")}, {hashes.substr(0, hashes.find(',')), hash3}})
+  const std::pair<std::string, std::string> changes[] = {{"2.0", "3.0"}, {hashes.substr(0, hashes.find(',')), hash3}};
+  for (const auto& [from, to] : changes)
     for (size_t at; (at = ini.find(from)) != std::string::npos;) ini.replace(at, from.size(), to);
   dir_.write("served/update.ini", ini + "patch.1=big.bin," + base_hash + "," + std::to_string(patch.size()) + "," +
                                       patch_hash + ",big.bin.p\n");
   fixtures::fault_server_t patch_server;
   ASSERT_TRUE(patch_server.start(served + "big.bin.p", {}, "trickle&chunk=2048&interval_ms=4", served));
   uri_ = patch_server.url("/");
-  const std::string patch_file = update_ + "big.bin.download.3.0.patch", patched = update_ + "big.bin.download.3.0.patched";
+  const std::string patch_file = update_ + "big.bin.download.3.0.patch",
+                    patched = update_ + "big.bin.download.3.0.patched";
   const int patch_kills_from = kills;
   for (int n = 0; n < 8; ++n) {
     const std::string before = stamp(patch_file) + stamp(patched);

@@ -75,10 +75,10 @@ TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
   for (std::mt19937 random(5); auto& c : v1) c = static_cast<char>(random());
   std::string v2 = std::string(v1).replace(1000, 64, 64, 'n').insert(200000, "more");
   const std::string root = nginx.root(), agent = dir_.path("agent");
-  for (const auto& [v, bytes] : {std::pair{"1", v1}, std::pair{"2", v2}})
-    ASSERT_TRUE(nginx.put_file(std::string("v") + v + "/lib/tool.so", bytes) &&
-                nginx.put_file(std::string("v") + v + "/update.ini",
-                               std::string("[corvid]\nversion.1=") + v + "\nfile.1=lib/tool.so\nexec.1=sh -c \"echo " + v +
+  for (const auto& [v, bytes] : {std::pair{std::string("1"), v1}, std::pair{std::string("2"), v2}})
+    ASSERT_TRUE(nginx.put_file("v" + v + "/lib/tool.so", bytes) &&
+                nginx.put_file("v" + v + "/update.ini",
+                               "[corvid]\nversion.1=" + v + "\nfile.1=lib/tool.so\nexec.1=sh -c \"echo " + v +
                                    " >$update_path/tool.so.version\"\nexec_wait.1=1\n"));
   ASSERT_EQ(run("keygen --type ed25519 k").first, 0);
   ASSERT_EQ(run("release --key k.key --serial 1 --expires 3 " + root + "/v1").first, 0);

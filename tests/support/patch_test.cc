@@ -18,12 +18,12 @@ const unsigned char* bytes_of(const std::string& s) { return reinterpret_cast<co
 std::pair<std::string, std::string> apply(const std::string& base, const std::string& patch, uint64_t size,
                                           size_t room = SIZE_MAX) {
   std::string result;
-  const std::string error =
-      apply_patch(bytes_of(base), base.size(), bytes_of(patch), patch.size(), size, [&](const unsigned char* b, size_t n) {
-        if (result.size() + n > room) return false;
-        result.append(reinterpret_cast<const char*>(b), n);
-        return true;
-      });
+  const std::string error = apply_patch(bytes_of(base), base.size(), bytes_of(patch), patch.size(), size,
+                                        [&](const unsigned char* b, size_t n) {
+                                          if (result.size() + n > room) return false;
+                                          result.append(reinterpret_cast<const char*>(b), n);
+                                          return true;
+                                        });
   EXPECT_LE(result.size(), size);
   return {error, result};
 }
@@ -49,8 +49,8 @@ TEST(Patch, MakerAndApplierAgreeOnEveryShapeOfChange) {
   for (auto& c : file) c = static_cast<char>(random() % 7);
   std::string moved = file.substr(12000) + file.substr(0, 12000);
   std::string edited = std::string(file).replace(300, 5, "EDITS").insert(9000, 700, 'z').erase(15000, 2000);
-  const std::pair<std::string, std::string> rows[] = {
-      {"", ""}, {"", "new"}, {file, ""}, {file, file}, {file, edited}, {file, moved}, {edited, file}};
+  const std::pair<std::string, std::string> rows[] = {{"", ""},       {"", "new"},   {file, ""},    {file, file},
+                                                      {file, edited}, {file, moved}, {edited, file}};
   for (const auto& [base, result] : rows) {
     std::string patch, error;
     ASSERT_TRUE(make_patch(bytes_of(base), base.size(), bytes_of(result), result.size(), patch, error)) << error;
@@ -74,12 +74,13 @@ TEST(Patch, HostilePatchIsRefusedWithItsReason) {
       {good + "!", "1 bytes behind the streams"},
       {shaped(11, 6, std::string("\x04\x03\x03", 3), zeros, "xyz"), "made for a base of 11 bytes, the file has 10"},
       {shaped(10, 7, std::string("\x04\x03\x03", 3), zeros, "xyz"), "makes 7 bytes, not 6"},
-      {shaped(10, 6, std::string("\x16\x00\x06", 3), "", "abcdef"), "a seek leaves the base"},   // to 11
-      {shaped(10, 6, std::string("\x01\x00\x06", 3), "", "abcdef"), "a seek leaves the base"},   // to -1
+      {shaped(10, 6, std::string("\x16\x00\x06", 3), "", "abcdef"), "a seek leaves the base"},  // to 11
+      {shaped(10, 6, std::string("\x01\x00\x06", 3), "", "abcdef"), "a seek leaves the base"},  // to -1
       {shaped(10, 6, std::string("\x10\x03\x03", 3), zeros, "xyz"), "a copy leaves the base"},  // 8 + 3
       {shaped(10, 6, std::string("\x00\x00\x00", 3), "", "abcdef"), "a record that makes nothing"},
       {shaped(10, 6, std::string("\x00\x03\x04", 3), zeros, "wxyz"), "a record runs past the result"},
-      {shaped(10, 6, std::string("\x00\x03\x03", 3), zeros.substr(1), "xyz"), "diff stream: ends before the result is whole"},
+      {shaped(10, 6, std::string("\x00\x03\x03", 3), zeros.substr(1), "xyz"),
+       "diff stream: ends before the result is whole"},
       {shaped(10, 6, std::string("\x00\x03\x03", 3), zeros, "xyza"), "extra stream: data after the result's end"},
       {shaped(10, 6, std::string("\x00\x06\x00\x00", 4), std::string(6, '\0'), ""), "control stream: data after the"},
       {shaped(10, 6, long_number + '\x01', "", ""), "control stream: a number beyond 64 bits"},

@@ -493,7 +493,8 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
     const auto requests = nginx.requests(served + base_there + !row.says.empty());
     std::string asked;
     for (size_t i = served; i < requests.size(); ++i) asked += requests[i].target + " ";
-    EXPECT_EQ(asked, std::string(base_there ? "/f.bin.patch " : "") + (row.says.empty() ? "" : "/f.bin ")) << row.says;
+    EXPECT_EQ(asked, std::string(base_there ? "/f.bin.patch " : "") + (row.says.empty() ? "" : "/f.bin "))
+        << row.says;
     served = requests.size();
     for (const char* left : {"f.bin.download.2.patch", "f.bin.download.2.patched", "f.bin.download.2"})
       EXPECT_FALSE(std::filesystem::exists(dir_.path(left))) << left << " " << row.says;
