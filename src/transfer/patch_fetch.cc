@@ -147,17 +147,18 @@ bool fetch_by_patch(CURL* handle, const file_entry_t& entry, const std::string& 
     done = false;
     why = "cannot rename " + patched + " to " + temporary;
   }
-  // A stop keeps a partial patch for the next run.
-  if (!done && stop_requested()) return false;
-  clean_up();
   if (done) {
+    clean_up();
     report(4, format_message("[%s] patched from %s with %s", entry.name.c_str(), entry.local_path.c_str(),
                              patch->uri.c_str()));
     return true;
   }
+  calculated.clear();
+  // A stop keeps a partial patch for the next run.
+  if (stop_requested()) return false;
+  clean_up();
   if (!why.empty())
     report(1, format_message("[%s] patch not used, fetching the whole file: %s", entry.name.c_str(), why.c_str()));
-  calculated.clear();
   return false;
 }
 
