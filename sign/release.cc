@@ -75,14 +75,19 @@ struct description_t {
   void set(const std::vector<size_t>& in, const std::string& key, const std::vector<std::string>& values,
            const std::vector<std::string>& anchors) {
     auto inside = [&](const line_t& line) { return std::count(in.begin(), in.end(), line.block) != 0; };
+    // The last line of key in the blocks (any key when empty), or none.
+    auto last_line = [&](const std::string& wanted) {
+      size_t found = lines.size();
+      for (size_t i = 0; i < lines.size(); ++i)
+        if (inside(lines[i]) && !lines[i].key.empty() && (wanted.empty() || lines[i].key == wanted)) found = i;
+      return found;
+    };
     size_t at = lines.size();
     for (size_t i = 0; i < lines.size() && at == lines.size(); ++i)
       if (inside(lines[i]) && lines[i].key == key) at = i;
     for (const std::string& anchor : anchors)
-      for (size_t i = 0; i < lines.size() && at == lines.size(); ++i)
-        if (inside(lines[i]) && lines[i].key == anchor) at = i + 1;
-    for (size_t i = 0; i < lines.size() && at == lines.size(); ++i)
-      if (inside(lines[i]) && !lines[i].key.empty()) at = i + 1;
+      if (at == lines.size() && last_line(anchor) != lines.size()) at = last_line(anchor) + 1;
+    if (at == lines.size() && last_line("") != lines.size()) at = last_line("") + 1;
     if (at == lines.size() && !lines.empty() && lines.back().text.back() != '\n') lines.back().text += '\n';
     std::vector<line_t> made;
     for (const std::string& value : values) made.push_back({key + "=" + value + "\n", in.front(), key, value});

@@ -61,6 +61,19 @@ const patch_t* patch_for_base(const file_entry_t& entry, std::string& why) {
   return nullptr;
 }
 
+// Whether the file at path has the expected hash: the one streamed made of
+// it, or else the file read back. why tells a mismatch as WHAT and both.
+bool verified(const file_entry_t& entry, body_hash_t& streamed, const std::string& path, const std::string& expected,
+              const char* what, std::string& calculated, std::string& why) {
+  if (!streamed.result(file_size(path), calculated) && !hash_of(entry, path, expected, calculated)) {
+    why = "cannot hash " + path;
+    return false;
+  }
+  if (hash_equal(expected, calculated)) return true;
+  why = format_message("%s. Calculated: %s, from update server: %s", what, calculated.c_str(), expected.c_str());
+  return false;
+}
+
 // The patch at path, whole and with its hash, resumed from what is there.
 bool fetch_patch(CURL* handle, const file_entry_t& entry, const patch_t& patch, const std::string& path,
                  const params_t& params, std::string& why) {
@@ -73,14 +86,7 @@ bool fetch_patch(CURL* handle, const file_entry_t& entry, const patch_t& patch, 
       !download_file(handle, patch.uri, path, params, true, &streamed, patch.size, &why))
     return false;
   std::string calculated;
-  if (!streamed.result(file_size(path), calculated) && !hash_of(entry, path, patch.hash, calculated)) {
-    why = "cannot hash " + path;
-    return false;
-  }
-  if (hash_equal(patch.hash, calculated)) return true;
-  why = format_message("patch hash mismatch. Calculated: %s, from update server: %s", calculated.c_str(),
-                       patch.hash.c_str());
-  return false;
+  return verified(entry, streamed, path, patch.hash, "patch hash mismatch", calculated, why);
 }
 
 // The patch applied to the file at local_path, into path, which then holds
@@ -112,14 +118,11 @@ bool apply(const file_entry_t& entry, const std::string& patch_path, const std::
     why = "patch does not apply: " + error;
     return false;
   }
-  if (!written || (!hash.result(entry.size, calculated) && !hash_of(entry, path, entry.hash, calculated))) {
+  if (!written) {
     why = "cannot write " + path;
     return false;
   }
-  if (hash_equal(entry.hash, calculated)) return true;
-  why = format_message("patched file does not match. Calculated: %s, from update server: %s", calculated.c_str(),
-                       entry.hash.c_str());
-  return false;
+  return verified(entry, hash, path, entry.hash, "patched file does not match", calculated, why);
 }
 
 }  // namespace
