@@ -58,8 +58,11 @@ class stream_reader_t {
   }
   // True when everything was read and the stream ended there.
   bool finished(std::string& error) {
-    if (at_ != filled_ || refill(error)) return fail("data after the result's end", error);
-    return error.empty();
+    std::string damage;
+    if (at_ != filled_ || refill(damage)) return fail("data after the result's end", error);
+    if (damage.empty()) return true;
+    error = damage;
+    return false;
   }
 
  private:

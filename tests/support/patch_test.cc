@@ -36,6 +36,15 @@ std::string xz(const std::string& data) {
   return out.substr(0, used);
 }
 
+// The stream with its block's header asking for a dictionary of 1 GiB.
+std::string huge_dictionary(std::string stream) {
+  const size_t size = (static_cast<unsigned char>(stream[12]) + 1) * 4, lzma2 = stream.find("\x21\x01", 14);
+  stream[lzma2 + 2] = 36;
+  const uint32_t crc = lzma_crc32(bytes_of(stream) + 12, size - 4, 0);
+  for (size_t i = 0; i < 4; ++i) stream[12 + size - 4 + i] = static_cast<char>(crc >> (8 * i));
+  return stream;
+}
+
 // A patch of the given streams, each compressed unless given as it stands.
 std::string shaped(uint64_t base, uint64_t result, const std::string& control, const std::string& diff,
                    const std::string& extra, bool raw_control = false) {
@@ -86,6 +95,7 @@ TEST(Patch, HostilePatchIsRefusedWithItsReason) {
       {shaped(10, 6, long_number + '\x01', "", ""), "control stream: a number beyond 64 bits"},
       {shaped(10, 6, "not xz", "", "", true), "control stream: damaged"},
       {shaped(10, 6, xz("\x08") + "x", "", "", true), "control stream: data behind its end"},
+      {shaped(10, 6, huge_dictionary(xz("\x04\x03\x03")), zeros, "xyz", true), "control stream: asks for too much"},
   };
   for (const auto& [patch, reason] : rows) EXPECT_EQ(apply(base, patch, 6).first.rfind(reason, 0), 0u) << reason;
   EXPECT_EQ(apply(base, good, 6, 3).first, "the result could not be written");
