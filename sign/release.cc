@@ -357,13 +357,13 @@ bool verify_release(const std::string& path, const std::vector<std::string>& pre
       for (const patch_t& patch : file.patches) {
         ++patches;
         if (!local_path_of(patch.uri)) continue;
-        if (!check(patch.uri, patch.hash, std::to_string(patch.size))) continue;
         platform::mapped_file_t bytes, base;
         patch_header_t header;
-        if (!bytes.map((dir + patch.uri).c_str()) || !read_patch_header(bytes.data(), bytes.size(), header, error)) {
+        if (bytes.map((dir + patch.uri).c_str()) && !read_patch_header(bytes.data(), bytes.size(), header, error)) {
           finding(patch.uri, "not a patch: " + error);
           continue;
         }
+        if (!check(patch.uri, patch.hash, std::to_string(patch.size))) continue;
         if (std::to_string(header.result_size) != file.size) {
           finding(patch.uri, "makes " + std::to_string(header.result_size) + " bytes, not " + file.size);
           continue;

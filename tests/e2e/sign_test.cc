@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <random>
+#include <regex>
 #include <tuple>
 
 #include "fixtures/nginx_server.h"
@@ -65,6 +66,40 @@ TEST_F(SignTest, SignsAndVerifiesWithBothKindsAndRefusesWhatIsWrong) {
             std::string::npos);
 }
 
+// A release writes each file's lines in its own section, behind the lines
+// they belong to, and replaces the patch lines it had; the rest stays.
+TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
+  ASSERT_EQ(run("keygen --type ed25519 k").first, 0);
+  std::string bytes(3000, '\0');
+  for (std::mt19937 random(3); auto& c : bytes) c = static_cast<char>(random());
+  for (const char* name : {"old/a.bin", "old/s/b.bin", "new/a.bin", "new/s/b.bin"}) {
+    bytes[100] ^= 1;
+    std::filesystem::create_directories(std::filesystem::path(dir_.path(name)).parent_path());
+    dir_.write(name, bytes);
+  }
+  const std::pair<std::string, std::string> rows[] = {
+      {"[corvid]\nmessage=m\n[corvid.file=b.bin]\nupdate_version=2\ndownload_uri=s/b.bin\ndownload_hash=#SHA256:0\n"
+       "exec=y\n\n[corvid.file=a.bin]\nexec=x\nupdate_version=2",
+       "[corvid]\nmessage=m\n[corvid.file=b.bin]\nupdate_version=2\ndownload_uri=s/b.bin\ndownload_hash=#SHA256:H\n"
+       "filesize=3000\ndownload_patch=#SHA256:H, N, #SHA256:H, s/b.bin.D.patch\nexec=y\n\n[corvid.file=a.bin]\n"
+       "exec=x\nupdate_version=2\ndownload_hash=#GOST3411_256_2012:H\nfilesize=3000\n"
+       "download_patch=#SHA256:H, N, #GOST3411_256_2012:H, a.bin.D.patch\n"},
+      {"[corvid]\nversion.1=2\nfile.1=s/b.bin,a.bin\npatch.1=a.bin , #SHA256:1, 9, #SHA256:2, gone\nexec.1=x\n",
+       "[corvid]\nversion.1=2\nfile.1=s/b.bin,a.bin\nhash.1=#GOST3411_256_2012:H,#GOST3411_256_2012:H\n"
+       "filesize.1=3000,3000\npatch.1=b.bin, #SHA256:H, N, #GOST3411_256_2012:H, s/b.bin.D.patch\n"
+       "patch.1=a.bin, #SHA256:H, N, #GOST3411_256_2012:H, a.bin.D.patch\nexec.1=x\n"},
+  };
+  for (const auto& [before, after] : rows) {
+    dir_.write("new/update.ini", before);
+    const auto [status, out] = run("release --key k.key --serial 1 --expires 3 new old");
+    EXPECT_EQ(status, 0) << out;
+    const std::regex digest("[0-9a-f]{64}"), named("[0-9a-f]{16}[.]patch"), size(", [0-9]+, ");
+    std::string text = std::regex_replace(read_file(dir_.path("new/update.ini")), digest, "H");
+    text = std::regex_replace(std::regex_replace(text, named, "D.patch"), size, ", N, ");
+    EXPECT_EQ(text, after);
+  }
+}
+
 // A release made in one command and checked by verify updates an agent that
 // holds the previous version through the patch alone.
 TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
@@ -95,6 +130,7 @@ TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
       {"", "", "1 files, 1 patches (1 applied to their base), 0 wrong"},
       {file, kept + "x", "lib/tool.so: size is not 300004"},
       {patch, std::string(kept_patch).replace(100, 1, 1, '!'), ".patch: hash is #GOST3411_256_2012:"},
+      {patch, "not a patch at all", ".patch: not a patch: "},
   };
   for (const auto& [changed, bytes, says] : rows) {
     if (!changed.empty()) fixtures::write_file(changed, bytes);
