@@ -15,6 +15,7 @@
 #include <curl/curl.h>
 
 #include "fixtures/fault_server.h"
+#include "facts/stop_flag.h"
 #include "frame/update.h"
 #include "planning/plan_rule.h"
 #include "platform/hash_file.h"
@@ -464,22 +465,26 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
       {&old, patch(old + "y", source), patch(old + "y", source), 0, "patch does not apply: made for a base"},
       {&old, patch(old, other), patch(old, other), 0, "patched file does not match. Calculated: "},
   };
-  size_t served = 0;
-  for (const auto& row : rows) {
+  // The rule of f.bin with one patch line, what it holds and what is served.
+  auto prepare = [&](const std::string* held, const std::string& served, const std::string& described,
+                     uint64_t less) -> file_rule_t& {
     SetUp();
     ini.rules.clear();
     std::filesystem::remove(dir_.path("f.bin"));
-    if (row.held) write_file(dir_.path("f.bin"), *row.held);
+    if (held) write_file(dir_.path("f.bin"), *held);
     std::filesystem::remove(nginx.root() + "/f.bin.patch");
-    if (!row.served.empty()) {
-      ASSERT_TRUE(nginx.put_file("f.bin.patch", row.served));
-    }
+    EXPECT_TRUE(served.empty() || nginx.put_file("f.bin.patch", served));
     file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
     patch_t& offered = rule.entries.front().patches.emplace_back();
     HashFileChecker::CalcHash(dir_.write("base", old), "", offered.base_hash);
-    HashFileChecker::CalcHash(dir_.write("described", row.described), "", offered.hash);
+    HashFileChecker::CalcHash(dir_.write("described", described), "", offered.hash);
     offered.uri = nginx.url("/f.bin.patch");
-    offered.size = row.described.size() - row.less;
+    offered.size = described.size() - less;
+    return rule;
+  };
+  size_t served = 0;
+  for (const auto& row : rows) {
+    file_rule_t& rule = prepare(row.held, row.served, row.described, row.less);
     const std::string line = row.says.empty() ? "[f.bin] patched from " : row.says;
     const size_t lines = logged("patch not used, fetching the whole file: "), said = logged(line);
     run(rule);
@@ -499,6 +504,18 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
     for (const char* left : {"f.bin.download.2.patch", "f.bin.download.2.patched", "f.bin.download.2"})
       EXPECT_FALSE(std::filesystem::exists(dir_.path(left))) << left << " " << row.says;
   }
+  // A stop is no reason to give up the patch: what came of it stays, without a notice, for the next run.
+  file_rule_t& rule = prepare(&old, good, good, 0);
+  request_stop();
+  run(rule);
+  clear_stop_request();
+  EXPECT_EQ(entry("f.bin").state, file_download);
+  EXPECT_EQ(entry("f.bin").error, "Download error: " + nginx.url("/f.bin") + " -> Callback aborted");
+  EXPECT_TRUE(std::filesystem::exists(dir_.path("f.bin.download.2.patch")));
+  run(rule);
+  EXPECT_EQ(entry("f.bin").state, file_downloaded);
+  EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
+  EXPECT_EQ(logged("patch not used"), std::size(rows) - 1);
 }
 
 }  // namespace
