@@ -98,6 +98,11 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
     text = std::regex_replace(std::regex_replace(text, named, "D.patch"), size, ", N, ");
     EXPECT_EQ(text, after);
   }
+  // A previous version that cannot be read fails the release, which leaves the description as it was.
+  std::filesystem::create_directories(dir_.path("unreadable/a.bin"));
+  const std::string kept = read_file(dir_.path("new/update.ini"));
+  EXPECT_EQ(run("release --key k.key --serial 2 --expires 3 new unreadable").first, 1);
+  EXPECT_EQ(read_file(dir_.path("new/update.ini")), kept);
 }
 
 // A release made in one command and checked by verify updates an agent that
