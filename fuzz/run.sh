@@ -9,6 +9,8 @@
 #   bridge  the bridge's frames, the client's reply and the module's messages
 #   signature  update.ini.sig and its check, the key files and PEM keys, the serial store
 #   sources the sources file, and the share and place of a staged rollout
+#   patch   the patch applier on shaped patches, and the maker and the
+#           applier together
 # Usage: fuzz/run.sh [seconds [target...]]   (default 600 s, every target)
 # Each target keeps new inputs in fuzz-out/TARGET/corpus and writes findings
 # to fuzz-out/TARGET/ as crash-*, leak-*, oom-* or timeout-* files.
@@ -18,7 +20,7 @@ ROOT=$PWD
 RUN_SECONDS=${1:-600}
 shift || true
 TARGETS=("$@")
-[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature sources)
+[ ${#TARGETS[@]} -gt 0 ] || TARGETS=(ini loader status bridge signature sources patch)
 OUT=$ROOT/fuzz-out
 FLAGS=(-std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
        -fno-sanitize-recover=undefined -I"$ROOT/src" -I"$ROOT")
@@ -44,15 +46,18 @@ sources_of() {
                     src/support/serial_store.cc src/support/text_fields.cc src/support/time_text.cc \
                     src/support/message_format.cc src/support/file_helpers.cc src/platform/signature.cc \
                     src/platform/hash_file.cc src/platform/posix/file_ops.cc ;;
+    patch) echo fuzz/patch_fuzz.cc src/support/patch_apply.cc sign/patch_make.cc src/support/file_helpers.cc \
+                src/platform/posix/mapped_file.cc src/platform/posix/file_ops.cc ;;
     *) echo "fuzz: unknown target $1" >&2; exit 2 ;;
   esac
 }
 
 libs_of() {
   case $1 in
-    loader) echo -Wl,--wrap="$CALC_HASH" -Wl,--wrap="$REMOVE_FILE" -lcurl -lgcrypt -lpugixml -lpthread ;;
+    loader) echo -Wl,--wrap="$CALC_HASH" -Wl,--wrap="$REMOVE_FILE" -lcurl -lgcrypt -lpugixml -llzma -lpthread ;;
     ini|sources|signature) echo -lgcrypt ;;
     status) echo -lpugixml ;;
+    patch) echo -llzma -ldivsufsort ;;
   esac
 }
 
@@ -89,6 +94,7 @@ seeds_of() {
     bridge) cp fuzz/bridge_corpus/* "$dir/" ;;
     signature) cp fuzz/corpus_signature/* "$dir/" ;;
     sources) cp packaging/sources "$dir/"; printf '25%%\nhttp://a/\n# c\n  file:///srv/r/ \r\n' > "$dir/seed" ;;
+    patch) cp fuzz/corpus_patch/* "$dir/" ;;
   esac
   echo "$dir"
 }

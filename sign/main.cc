@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "sign/release.h"
 #include "support/file_helpers.h"
 #include "support/key_file.h"
 #include "support/pem_key.h"
@@ -44,8 +45,14 @@ constexpr const char* usage_text =
     "  sign --key NAME.key --serial N --expires DAYS FILE\n"
     "      write FILE.sig beside FILE (update.ini.sig for update.ini), valid for\n"
     "      DAYS days from now; raise N with every new description\n"
-    "  verify --keys DIR FILE\n"
-    "      check FILE.sig against FILE and the public keys DIR/*.pub\n"
+    "  verify --keys DIR FILE [PREVIOUS...]\n"
+    "      check FILE.sig against FILE and the public keys DIR/*.pub, then every\n"
+    "      file and patch FILE names beside it; a patch whose base one of the\n"
+    "      PREVIOUS directories holds is applied and its result checked\n"
+    "  release --key NAME.key --serial N --expires DAYS DIR [PREVIOUS...]\n"
+    "      write the hash and size of every file DIR/update.ini names, make a\n"
+    "      patch from each PREVIOUS directory's version of it, write their\n"
+    "      lines, and sign, as sign does\n"
     "  --help\n"
     "      show this text\n"
     "\n"
@@ -187,14 +194,24 @@ int verify(const command_line_t& line) {
   }
   std::printf("%s: good signature by %s, serial %llu, expires %s\n", path.c_str(), check.key_name.c_str(),
               static_cast<unsigned long long>(check.serial), update::expiry_text(check.expires).c_str());
-  return exit_ok;
+  const std::vector<std::string> previous(line.arguments.begin() + 1, line.arguments.end());
+  return update::verify_release(path, previous) ? exit_ok : exit_failed;
+}
+
+// The files' lines and patches (sign/release.cc), then the signature.
+int release(const command_line_t& line) {
+  return update::run_release(line.arguments, [&line](const std::string& path) {
+    command_line_t signing = line;
+    signing.arguments = {path};
+    return sign(signing);
+  });
 }
 
 struct command_t {
   const char* name;
   std::vector<std::string> options;  // each required once
   int (*run)(const command_line_t&);
-  const char* argument = "FILE";  // what the one argument names
+  const char* argument = "FILE";  // what the first argument names
 };
 
 const command_t commands[] = {
@@ -203,6 +220,7 @@ const command_t commands[] = {
     {"export", {"--pem"}, export_pem},
     {"sign", {"--key", "--serial", "--expires"}, sign},
     {"verify", {"--keys"}, verify},
+    {"release", {"--key", "--serial", "--expires"}, release, "DIR"},
 };
 
 }  // namespace
@@ -234,7 +252,8 @@ int main(int argc, char** argv) {
   }
   for (const auto& o : command->options)
     if (!line.options.count(o)) return fail(exit_usage, std::string(command->name) + ": " + o + " is missing");
-  if (line.arguments.size() != 1)
+  const bool more = command->run == verify || command->run == release;
+  if (line.arguments.empty() || (line.arguments.size() > 1 && !more))
     return fail(exit_usage, std::string(command->name) + ": expects one " + command->argument + " after its options");
   return command->run(line);
 }

@@ -10,6 +10,7 @@
 
 #include "description/loader.h"
 #include "description/rollout.h"
+#include "description/patch_keys.h"
 #include "description/section_reader.h"
 #include "description/section_rules.h"
 #include "facts/versions.h"
@@ -132,6 +133,20 @@ bool conditions_hold(const CIniFile::group_t& section, const std::string& name, 
   return true;
 }
 
+// The file's patches; each is fetched from where download_uri would be.
+void read_patches(const string_list_t& values, const std::string& source_uri, file_entry_t& entry) {
+  for (const std::string& value : values) {
+    patch_t& patch = entry.patches.emplace_back();
+    std::string error = read_patch_value(value, patch);
+    if (patch.uri.rfind("http://", 0) != 0) {
+      std::string joined = source_uri;
+      patch.uri = uri_join(joined, patch.uri);
+    }
+    if (error.empty()) error = check_patched_entry(entry);
+    if (!error.empty()) throw "bad 'download_patch' for file '" + entry.name + "': " + error;
+  }
+}
+
 // Reads one file section. Appends its rule when its conditions hold, else
 // puts the file into rejected. Everything malformed throws, whatever the
 // conditions would have said.
@@ -155,8 +170,9 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   std::string download_uri = section.take_value("download_uri", "");
   std::string download_file = section.take_value("download_file", "");
   std::string download_hash = section.take_value("download_hash", "");
-  string_list_t exec_before_download;
+  string_list_t exec_before_download, download_patch;
   section.take_values("exec_before_download", exec_before_download);
+  section.take_values("download_patch", download_patch);
 
   // Decided on the raw text: a "$(null)" reached by substitution is a path.
   const bool no_download = download_file == "$(null)";
@@ -164,7 +180,8 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
     const std::pair<const char*, bool> unused[] = {{"download_uri", download_uri.empty()},
                                                    {"download_hash", download_hash.empty()},
                                                    {"filesize", filesize.empty()},
-                                                   {"exec_before_download", exec_before_download.empty()}};
+                                                   {"exec_before_download", exec_before_download.empty()},
+                                                   {"download_patch", download_patch.empty()}};
     for (const auto& [key, empty] : unused)
       if (!empty) throw std::string("'") + key + "' value no sense when download_file=$(null)";
   }
@@ -214,8 +231,11 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
     }
     sets.locals.add("download_uri", download_uri);
     sets.apply(exec_before_download);
+    sets.apply(download_patch);
   }
   sets.apply(exec);
+  file_entry_t entry{name, download_file, download_uri, download_hash, size, false};
+  read_patches(download_patch, reader.ini.uri, entry);
 
   if (!conditions_hold(section, name, update_version, counter, sets)) {
     rejected.insert(name);
@@ -228,8 +248,7 @@ void read_file_section(const section_reader_t& reader, CIniFile::group_t& sectio
   rule.exec_list = std::move(exec);
   rule.exec_before_download = std::move(exec_before_download);
   rule.current_version = current_version;
-  if (!no_download)
-    rule.entries.push_back({name, download_file, download_uri, download_hash, size, false});
+  if (!no_download) rule.entries.push_back(std::move(entry));
   rule.display_name = rule.update_version + " (" + rule.file_name + ")";
   rule.owner = &reader.ini;
 }

@@ -4,6 +4,7 @@
 
 #include "description/loader.h"
 #include "description/rollout.h"
+#include "description/patch_keys.h"
 #include "platform/file_ops.h"
 #include "platform/local_params.h"
 #include "platform/log.h"
@@ -163,7 +164,8 @@ bool read_indexed_rules(CIniFile& ini_file, const std::string& section_name, upd
     rule.filesize = value("filesize", index, "");
     rule.download_path = value("download_path", index, dir.c_str());
     normalise_download_path(rule.download_path);
-    if (!read_file_list(rule.file_name, rule.hash, rule.filesize, rule.download_path, ini.uri, rule.entries))
+    if (!read_file_list(rule.file_name, rule.hash, rule.filesize, rule.download_path, ini.uri, rule.entries) ||
+        !read_indexed_patches(sections, indexed_key("patch", index), ini.uri, rule.entries))
       return false;
 
     rule.exec_sys = value("exec_sys", index, "");

@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <vector>
+
+#include "records/patch.h"
 
 class CIniFile;  // the ini engine keeps its own global name
 
@@ -31,6 +34,9 @@ struct file_entry_t {
   std::string hash;        // expected hash, decorated
   uint64_t size = 0;       // 0 when the description gives none
   bool ready = false;
+  // Offered with a hash and a size only: the result is checked by them.
+  // Braced, so that a record made field by field may leave it out.
+  std::vector<patch_t> patches{};
 };
 
 struct update_ini_t;

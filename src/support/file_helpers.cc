@@ -66,12 +66,25 @@ bool move_file(const std::string& source, const std::string& target) {
 }
 
 void remove_download(const std::string& path, const std::string& version) {
-  platform::remove_file(download_name(path, version).c_str());
+  remove_partial_download(path, version);
   platform::remove_file(path.c_str());
+}
+
+void remove_partial_download(const std::string& path, const std::string& version) {
+  for (const std::string& name : {download_name(path, version), patch_name(path, version), patched_name(path, version)})
+    platform::remove_file(name.c_str());
 }
 
 std::string download_name(const std::string& path, const std::string& version) {
   return path + ".download." + version;
+}
+
+std::string patch_name(const std::string& path, const std::string& version) {
+  return download_name(path, version) + ".patch";
+}
+
+std::string patched_name(const std::string& path, const std::string& version) {
+  return download_name(path, version) + ".patched";
 }
 
 std::string without_trailing_separators(std::string_view text, size_t most) {

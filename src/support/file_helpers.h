@@ -52,12 +52,19 @@ uint64_t file_size(const std::string& path);
 // platform::replace_file for when the new name lasts).
 bool move_file(const std::string& source, const std::string& target);
 
-// Deletes path + ".download." + version, then path itself. Missing files are
-// no failure, and nothing is reported.
+// Deletes what remove_partial_download does, then path itself. Missing
+// files are no failure, and nothing is reported.
 void remove_download(const std::string& path, const std::string& version);
+// Deletes download_name, patch_name and patched_name of path and version;
+// path stays, as the file a patch of the next version may apply to.
+void remove_partial_download(const std::string& path, const std::string& version);
 
 // The name of a partial download: path + ".download." + version.
 std::string download_name(const std::string& path, const std::string& version);
+// Where a patch toward that download is fetched to (download_name +
+// ".patch"), and where the file it makes is written (+ ".patched").
+std::string patch_name(const std::string& path, const std::string& version);
+std::string patched_name(const std::string& path, const std::string& version);
 
 // text without up to `most` trailing separators ("\\" or "/"). A text made
 // only of separators stays as it is, so that a root keeps its name.

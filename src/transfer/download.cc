@@ -229,7 +229,14 @@ int legacy_progress_cb(void* context, double dltotal, double dlnow, double ultot
 }
 
 bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume, body_hash_t* hash, const transfer_limits_t& limits) {
+                   bool resume, body_hash_t* hash, const transfer_limits_t& limits, std::string* failure) {
+  auto fail = [failure](const std::string& text) {
+    if (failure)
+      *failure = text;
+    else
+      report_error(text);
+    return false;
+  };
   char error_buffer[CURL_ERROR_SIZE] = {};
   int32_t retry = 0;
   bool rolled_back = false;
@@ -239,11 +246,8 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
     for (;;) {
       store_download_offset(offset);
       file_ptr file(fopen_utf8(path.c_str(), offset != 0 ? "ab" : "wb", sizeof "ab"));
-      if (!file) {
-        report_error(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(),
-                                    path.c_str()));
-        return false;
-      }
+      if (!file)
+        return fail(format_message("Download error: %s -> can't open file for writing: %s", url.c_str(), path.c_str()));
       // The file is ours to write now, and "wb" has emptied it.
       if (hash) hash->begin(path, offset);
       report(4, format_message("Download begin: %s -> %s, offset: %llu, retry: %d/%d", url.c_str(), path.c_str(),
@@ -279,8 +283,7 @@ bool download_file(CURL* handle, const std::string& url, const std::string& path
     ++retry;
   }
   const char* reason = error_buffer[0] != 0 ? error_buffer : curl_easy_strerror(result);
-  report_error(format_message("Download error: %s -> %s", url.c_str(), reason));
-  return false;
+  return fail(format_message("Download error: %s -> %s", url.c_str(), reason));
 }
 
 text_fetch_t fetch_text(CURL* handle, const std::string& url, const params_t& params, size_t limit,

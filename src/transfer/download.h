@@ -50,11 +50,13 @@ transfer_limits_t file_limits(const params_t& params, uint64_t size);
 // grows past most bytes: a server that sends more fails the attempt with
 // "the server sent more than MOST bytes"; an attempt that takes longer than
 // limits.time_ms, or libcurl's longest limit (about 24 days), fails with
-// libcurl's "Operation timed out". The handle
-// holds no options after the call. Takes the module lock and the status
-// lock, one at a time.
+// libcurl's "Operation timed out". The handle holds no options after the
+// call. Takes the module lock and the status lock, one at a time. With
+// failure, a failure is not reported but its text put there, for a caller
+// that has another way to the file.
 bool download_file(CURL* handle, const std::string& url, const std::string& path, const params_t& params,
-                   bool resume, body_hash_t* hash = nullptr, const transfer_limits_t& limits = {});
+                   bool resume, body_hash_t* hash = nullptr, const transfer_limits_t& limits = {},
+                   std::string* failure = nullptr);
 
 // How fetch_text ended. missing: the server has no such file (HTTP 404 or
 // 410, or no local file); failed: any other failure.

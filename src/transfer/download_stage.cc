@@ -9,6 +9,7 @@
 #include "support/message_format.h"
 #include "transfer/body_hash.h"
 #include "transfer/download.h"
+#include "transfer/patch_fetch.h"
 
 namespace update {
 
@@ -109,7 +110,9 @@ void download_rule(file_rule_t& rule, CURL* handle) {
     const std::string temporary = download_name(entry.local_path, rule.update_version);
     body_hash_t streamed(entry.hash, entry.name);
     std::string calculated;
-    if (!fetch(handle, entry, temporary, params, streamed, calculated)) return;
+    if (!fetch_by_patch(handle, entry, rule.update_version, params, calculated) &&
+        !fetch(handle, entry, temporary, params, streamed, calculated))
+      return;
     // Hashed under its temporary name, so that a process that dies while a
     // large file is read back leaves a whole temporary file for the next run
     // to take without a request. The status may say "downloaded" only once

@@ -40,7 +40,9 @@ class LoadUpdateIni : public StatusTest {
 TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
   const std::string not_found = "Parse 'update.ini' error: parameter not found: ";
   const std::string section = ", in section: [" + product_section_name() + "]";
-  const std::string rule = "version=1\nexec=x\n";
+  const std::string rule = "version=1\nexec=x\n", patched = "file=a\nhash=1\nfilesize=5\n",
+                    patch = " #GOST3411_256_2012:ab, 7, $sha256:cd, p/a.patch",
+                    bad_patch = "Parse 'update.ini' error: bad 'patch': ";
   const std::pair<std::string, std::string> rows[] = {  // "": it loads
       {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
       {"message=hello\n", not_found + "'version'" + section},
@@ -65,6 +67,16 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=x/..\nhash=1\n", "file name leaves the update directory: .."},
       {"version.1=1\nexec.1=x\nrollout.1=ten\n", "Parse 'update.ini' error: bad rollout share: ten (a percentage, 0 to 100)"},
       {"version.1=1\nexec.1=x\nrollout.1=5\n", "Parse 'update.ini' error: cannot read the machine's identity from " + dir_.path("none")},
+      {rule + patched + "patch=a," + patch + "\n", ""},
+      {rule + patched + "patch=b," + patch + "\n", bad_patch + "no file of the rule named: b," + patch},
+      {rule + "file=a\nhash=1\npatch=a," + patch + "\n",
+       bad_patch + "patch offered for file 'a' without its hash and size"},
+      {rule + patched + "patch=a, $sha256:1, 0, $sha256:2, p\n", bad_patch + "bad size: 0"},
+      {rule + patched + "patch=a, #MD4:1, 9, $sha256:2, p\n", bad_patch + "not a hash: #MD4:1"},
+      {rule + patched + "patch=a, $sha256:1, 9, $sha256:2x, p\n", bad_patch + "not a hash: $sha256:2x"},
+      {rule + patched + "patch=a, $sha256:1, 9, $sha256:2\n", bad_patch + "not four fields:  $sha256:1, 9, $sha256:2"},
+      {rule + patched + "patch=a, $sha256:1, 9, $sha256:2, \n",
+       bad_patch + "no place to fetch it from:  $sha256:1, 9, $sha256:2,"},
   };
   LPARAMS::server::set_machine_id_file(dir_.path("none"));
   for (const auto& [text, message] : rows) {
@@ -251,7 +263,9 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
                            "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
-                           "exec=$(download_file) /install\n[" + T + ".file=driver.bin]\n"
+                           "exec=$(download_file) /install\n"
+                           "download_patch=$sha256:1, 9, $sha256:2, p/$(update_version)\n"
+                           "download_patch=$sha256:3, 9, $sha256:4, http://p/\n[" + T + ".file=driver.bin]\n"
                            "apply_if.version_of.tool=2.0-2.9\nupdate_version=$(map_to.driver.for_tool)\n"
                            "download_file=$(null)\nexec=$(agent_bin)/setup.exe\n[" + T + ".hash_to_version.tool]\n"
                            "hash." + v21.substr(19) + "=2.1\nhash." + v15 + "=1.5\n[" + T + ".map_to.driver]\n"
@@ -273,6 +287,9 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const auto& tool = ini_.rules.front();
   EXPECT_EQ(tool.exec_list.front(), dir_.path("tool.exe /install"));
   EXPECT_EQ(tool.entries.front().uri, "http://h/r/tool.exe?id=5");
+  // Where a patch comes from is worked out as download_uri is.
+  EXPECT_EQ(tool.entries.front().patches.front().uri, "http://h/r/p/2.1?id=5");
+  EXPECT_EQ(tool.entries.front().patches.back().uri, "http://p/");
 }
 
 // The hash type of a hash_to_version section counts for version_of. by the
@@ -347,6 +364,11 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {"[" + T + ".map_to.t]\nk=d/corvid_update_status.xml.bak/x/..\n[" + T + ".file=f]\nupdate_version=1\nexec=x\n"
        "download_hash=#SHA256:00\ndownload_file=$(map_to.t.k)\n",
        error + "download file is one of the module's own files: d/corvid_update_status.xml.bak/x/.."},
+      {f + "update_version=1\nexec=x\ndownload_patch=p\n", error + "'download_patch' value no sense when "
+                                                                  "download_file=$(null)"},
+      {"[" + T + ".file=g]\nupdate_version=1\nexec=x\ndownload_hash=$sha256:1\ndownload_patch=$sha256:1, 9, "
+       "$sha256:2, p\n", error + "bad 'download_patch' for file 'g': patch offered for file 'g' without its hash "
+                                  "and size"},
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);

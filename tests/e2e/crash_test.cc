@@ -1,7 +1,8 @@
 // The built corvid-update killed at random moments of an install and started
 // again: the status file stays whole, the first start after a cut-off run
 // says so, and the update ends installed without fetching again what had
-// arrived. CORVID_CRASH_SEED repeats a run's moments.
+// arrived; then the same for the next version, which comes as a patch and
+// never as the whole file. CORVID_CRASH_SEED repeats a run's moments.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -22,6 +23,7 @@
 #include "fixtures/scratch_dir.h"
 #include "platform/hash_file.h"
 #include "platform/xml_document.h"
+#include "sign/patch_make.h"
 
 namespace {
 
@@ -189,6 +191,40 @@ TEST_F(CrashTest, KilledHostFindsItsStatusAndFinishesWithoutFetchingAgain) {
   EXPECT_GT(cut_off, 0);
   EXPECT_LE(big_served, bound);
   EXPECT_GE(big_served, big_size);
+
+  // Version 3.0 changes 64 KiB of big.bin and offers a patch from 2.0, which
+  // trickles, so that kills land in its transfer, its application and after.
+  std::string big3 = big, patch, error;
+  for (size_t i = 1 << 20; i < (1 << 20) + (64 << 10); ++i) big3[i] = static_cast<char>(random());
+  ASSERT_TRUE(update::make_patch(reinterpret_cast<const unsigned char*>(big.data()), big.size(),
+                         reinterpret_cast<const unsigned char*>(big3.data()), big3.size(), patch, error));
+  std::string base_hash, hash3, patch_hash;
+  HashFileChecker::CalcHash(served + "big.bin", "", base_hash);
+  HashFileChecker::CalcHash(dir_.write("served/big.bin", big3), "", hash3);
+  HashFileChecker::CalcHash(dir_.write("served/big.bin.p", patch), "", patch_hash);
+  std::string ini = read_file(served + "update.ini");
+  const std::pair<std::string, std::string> changes[] = {{"2.0", "3.0"}, {hashes.substr(0, hashes.find(',')), hash3}};
+  for (const auto& [from, to] : changes)
+    for (size_t at; (at = ini.find(from)) != std::string::npos;) ini.replace(at, from.size(), to);
+  dir_.write("served/update.ini", ini + "patch.1=big.bin," + base_hash + "," + std::to_string(patch.size()) + "," +
+                                      patch_hash + ",big.bin.p\n");
+  fixtures::fault_server_t patch_server;
+  ASSERT_TRUE(patch_server.start(served + "big.bin.p", {}, "trickle&chunk=2048&interval_ms=4", served));
+  uri_ = patch_server.url("/");
+  const std::string patch_file = update_ + "big.bin.download.3.0.patch",
+                    patched = update_ + "big.bin.download.3.0.patched";
+  const int patch_kills_from = kills;
+  for (int n = 0; n < 8; ++n) {
+    const std::string before = stamp(patch_file) + stamp(patched);
+    const pid_t pid = start_install();
+    wait_for(pid, [&] { return stamp(patch_file) + stamp(patched) != before; });
+    std::this_thread::sleep_for(between(0, 150));
+    restart_check(kill_host(pid));
+  }
+  EXPECT_EQ(run({"--answer", "yes", "install", uri_}), "update_state=uptodate\n") << read_file(status_);
+  EXPECT_TRUE(read_file(root_ + "/bin/big.bin") == big3);
+  EXPECT_GT(kills, patch_kills_from);
+  for (const auto& answer : patch_server.requests()) EXPECT_NE(answer.target, "/big.bin");
 }
 
 }  // namespace

@@ -15,9 +15,11 @@
 #include <curl/curl.h>
 
 #include "fixtures/fault_server.h"
+#include "facts/stop_flag.h"
 #include "frame/update.h"
 #include "planning/plan_rule.h"
 #include "platform/hash_file.h"
+#include "sign/patch_make.h"
 #include "status/status_fixture.h"
 #include "support/uri_join.h"
 #include "transfer/body_hash.h"
@@ -456,6 +458,88 @@ TEST_F(DownloadStage, CommandsGoFirstAndAnOversizedTemporaryFileIsRefetched) {
   run(failing);
   EXPECT_EQ(entry("f.bin").state, file_download);
   EXPECT_EQ(entry("f.bin").error, "exec() exit: false, status: 1");
+}
+
+// A patch serves only when every step holds; in any other case the whole file
+// comes, with one line that says why, and nothing of the patch is left.
+TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
+  ASSERT_TRUE(start_nginx());
+  std::string old = source, changed = source, other = source;
+  old.insert(old.begin() + 2000, 40, 'x');
+  changed[10] ^= 1, other[2999] ^= 1;
+  auto patch = [](const std::string& from, const std::string& to) {
+    std::string bytes, error;
+    EXPECT_TRUE(make_patch(reinterpret_cast<const unsigned char*>(from.data()), from.size(),
+                           reinterpret_cast<const unsigned char*>(to.data()), to.size(), bytes, error));
+    return bytes;
+  };
+  const std::string good = patch(old, source), corrupt = std::string(good).replace(60, 1, 1, good[60] ^ 1);
+  const struct {
+    const std::string* held;           // the file at the entry's place, or none
+    std::string served, described;    // the patch on the server (none when empty), and the one the line gives
+    uint64_t less = 0;                 // bytes the line's size keeps below the described patch's
+    std::string says;                  // the fallback's reason; empty: the patch serves
+  } rows[] = {
+      {&old, good, good, 0, ""},
+      {nullptr, good, good, 0, "no file to patch: " + dir_.path("f.bin")},
+      {&changed, good, good, 0, "no patch for the file at hand, whose hash is "},
+      {&old, corrupt, good, 0, "patch hash mismatch. Calculated: "},
+      {&old, "", good, 0, "The requested URL returned error: 404"},
+      {&old, good, good, 10, "the server sent more than " + std::to_string(good.size() - 10) + " bytes"},
+      {&old, patch(old + "y", source), patch(old + "y", source), 0, "patch does not apply: made for a base"},
+      {&old, patch(old, other), patch(old, other), 0, "patched file does not match. Calculated: "},
+  };
+  // The rule of f.bin with one patch line, what it holds and what is served.
+  auto prepare = [&](const std::string* held, const std::string& served, const std::string& described,
+                     uint64_t less) -> file_rule_t& {
+    SetUp();
+    ini.rules.clear();
+    std::filesystem::remove(dir_.path("f.bin"));
+    if (held) write_file(dir_.path("f.bin"), *held);
+    std::filesystem::remove(nginx.root() + "/f.bin.patch");
+    EXPECT_TRUE(served.empty() || nginx.put_file("f.bin.patch", served));
+    file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
+    patch_t& offered = rule.entries.front().patches.emplace_back();
+    HashFileChecker::CalcHash(dir_.write("base", old), "", offered.base_hash);
+    HashFileChecker::CalcHash(dir_.write("described", described), "", offered.hash);
+    offered.uri = nginx.url("/f.bin.patch");
+    offered.size = described.size() - less;
+    return rule;
+  };
+  size_t served = 0;
+  for (const auto& row : rows) {
+    file_rule_t& rule = prepare(row.held, row.served, row.described, row.less);
+    const std::string line = row.says.empty() ? "[f.bin] patched from " : row.says;
+    const size_t lines = logged("patch not used, fetching the whole file: "), said = logged(line);
+    run(rule);
+    EXPECT_EQ(entry("f.bin").state, file_downloaded) << row.says;
+    EXPECT_EQ(entry("f.bin").error, "") << row.says;
+    EXPECT_TRUE(read_file(dir_.path("f.bin")) == source) << row.says;
+    EXPECT_EQ(logged("patch not used, fetching the whole file: ") - lines, row.says.empty() ? 0u : 1u) << row.says;
+    EXPECT_EQ(logged(line) - said, 1u) << row.says;
+    // The patch is asked for only when its base is there; the whole file only when the patch does not serve.
+    const bool base_there = row.held == &old;
+    const auto requests = nginx.requests(served + base_there + !row.says.empty());
+    std::string asked;
+    for (size_t i = served; i < requests.size(); ++i) asked += requests[i].target + " ";
+    EXPECT_EQ(asked, std::string(base_there ? "/f.bin.patch " : "") + (row.says.empty() ? "" : "/f.bin "))
+        << row.says;
+    served = requests.size();
+    for (const char* left : {"f.bin.download.2.patch", "f.bin.download.2.patched", "f.bin.download.2"})
+      EXPECT_FALSE(std::filesystem::exists(dir_.path(left))) << left << " " << row.says;
+  }
+  // A stop is no reason to give up the patch: what came of it stays, without a notice, for the next run.
+  file_rule_t& rule = prepare(&old, good, good, 0);
+  request_stop();
+  run(rule);
+  clear_stop_request();
+  EXPECT_EQ(entry("f.bin").state, file_download);
+  EXPECT_EQ(entry("f.bin").error, "Download error: " + nginx.url("/f.bin") + " -> Callback aborted");
+  EXPECT_TRUE(std::filesystem::exists(dir_.path("f.bin.download.2.patch")));
+  run(rule);
+  EXPECT_EQ(entry("f.bin").state, file_downloaded);
+  EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
+  EXPECT_EQ(logged("patch not used"), std::size(rows) - 1);
 }
 
 }  // namespace
