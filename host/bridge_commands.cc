@@ -6,6 +6,7 @@
 
 #include "frame/update.h"
 #include "platform/agent_paths.h"
+#include "platform/exposure.h"
 #include "platform/log.h"
 #include "records/bridge_codes.h"
 #include "support/file_helpers.h"
@@ -19,6 +20,16 @@ std::string sources_path(const options_t& options) {
 
 bool take_sources(const std::string& path, options_t& options, std::string& error) {
   if (!options.uris.empty() || options.command == update::Command::unknown) return true;
+  // Whoever could change the file would choose what root fetches and runs.
+  using namespace update::platform;
+  const size_t slash = path.rfind('/');
+  exposure_report_t report = directory_exposure(slash == std::string::npos ? "." : path.substr(0, slash + 1).c_str());
+  if (report.kind == exposure_t::none) report = file_exposure(path.c_str());
+  // One that is not there is told below, as a file that cannot be read.
+  if (report.kind == exposure_t::foreign_owner || report.kind == exposure_t::others_write) {
+    error = "refusing the sources file " + path + ": " + exposure_text(report);
+    return false;
+  }
   std::string text, reason;
   if (!update::read_whole_file(path, text)) {
     error = "cannot read the sources file " + path;

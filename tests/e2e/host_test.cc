@@ -109,7 +109,8 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
 
 // Root's state goes only where no one else can change it: a directory another user owns or may write is
 // refused by name before anything is written, links planted at the module's files are not written through,
-// and a directory the process cannot write (here nobody's) is locked and used, its saves failing aloud.
+// and a directory the process cannot write (here nobody's) is locked and used, its saves failing aloud. The
+// sources file is judged as the keys are.
 TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
   std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
   const std::string target = dir_.write("target", "theirs");
@@ -167,6 +168,13 @@ TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
     EXPECT_EQ((o.err.find("Failed to save") == std::string::npos), !row.as_nobody) << says;  // a link is replaced
   }
   EXPECT_EQ(read_file(target), "theirs");
+  // A sources file another user could change would choose what root fetches: refused, naming it.
+  const std::string sources = dir_.write("sources", "http://127.0.0.1:1/\n");
+  ASSERT_EQ(::chown(sources.c_str(), 65534, 65534), 0);
+  const outcome_t theirs = run({"--root", dir_.path("s/agent"), "--sources", sources, "check"});
+  EXPECT_EQ(theirs.exit_code, 1);
+  EXPECT_NE(theirs.err.find("refusing the sources file " + sources + ": " + sources + " belongs to user 65534"),
+            std::string::npos) << theirs.err;
 }
 
 TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
