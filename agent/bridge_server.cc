@@ -191,13 +191,15 @@ void offer_answers(const std::shared_ptr<connection_t>& connection, const frame_
                (b.group.empty() ? std::string() : " or the group " + b.group) + " answer the update's questions");
     return;
   }
+  // The reply goes first: a question sent the moment the offer counts must
+  // not reach a client still waiting for that reply, which would decline it.
   {
-    std::lock_guard<std::mutex> hold(b.lock);
-    connection->answering = b.next_offer++;
-    b.changed.notify_all();
+    std::lock_guard<std::mutex> hold(connection->write_lock);
+    if (!write_frame(connection->fd, {frame_command_reply, frame.serial, 1, {}})) return;
   }
-  std::lock_guard<std::mutex> hold(connection->write_lock);
-  write_frame(connection->fd, {frame_command_reply, frame.serial, 1, {}});
+  std::lock_guard<std::mutex> hold(b.lock);
+  connection->answering = b.next_offer++;
+  b.changed.notify_all();
 }
 
 bool may_send(const connection_t& connection, uint32_t code) {
