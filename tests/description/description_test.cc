@@ -196,6 +196,17 @@ TEST(Inivars, RefusesToGrowPast64KiB) {
   inivars_t set;
   set.add("a", "$(a)$(a)$(a)$(a)$(a)$(a)$(a)$(a)");
   EXPECT_THROW(set.apply_to_values(set, variable_delimiters), std::string);
+  for (const size_t size : {size_t{65535}, size_t{65536}, size_t{65537}}) {
+    inivars_t one;
+    one.add("x", std::string(size - 2, 'v'));
+    std::string text = "<$(x)>";
+    bool grown = false;
+    try {
+      grown = one.apply(text, variable_delimiters) && text == "<" + one.vars.front().value + ">";
+    } catch (const std::string&) {
+    }
+    EXPECT_EQ(grown, size <= 65536) << size;
+  }
 }
 
 class SectionRules : public StatusTest {
@@ -258,7 +269,10 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   ASSERT_EQ(load(text), rows[0].rules);
   const auto& tool = ini_.rules.front();
   EXPECT_EQ(tool.exec_list.front(), dir_.path("tool.exe /install"));
-  EXPECT_EQ(tool.entries.front().uri, "http://h/r/tool.exe?id=5");
+  const auto& entry = tool.entries.front();  // nothing of it is fetched yet
+  EXPECT_EQ(entry.uri + "|" + entry.local_path + "|" + entry.hash + "|" + std::to_string(entry.size) +
+                (entry.ready ? "|ready" : ""),
+            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c|1048576");
 }
 
 // The hash type of a hash_to_version section counts for version_of. by the
@@ -326,6 +340,8 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
+  EXPECT_EQ(logged("apply file section #2") + logged("apply file section"), 2u);  // the first row's alone
+  EXPECT_EQ(logged("current version"), 0u);  // a missing record is planning's to tell
   EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0"),
             4u);
 }
