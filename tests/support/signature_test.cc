@@ -72,6 +72,8 @@ TEST(SignatureCheck, RefusesEachFaultWithItsOwnReasonForBothKindsOfKey) {
       {"malformed update.ini.sig: line 7 has no line end", [](source_t& s) { s.signature->pop_back(); }},
       {"malformed update.ini.sig: line 1 is missing", [](source_t& s) { s.signature = ""; }},
       {"malformed update.ini.sig: larger than 4096 bytes", [](source_t& s) { s.signature->resize(4097, '\n'); }},
+      // Exactly the limit is read, and refused for what it holds.
+      {"malformed update.ini.sig: text after line 7", [](source_t& s) { s.signature->resize(4096, '\n'); }},
       {"malformed update.ini.sig: serial is not a decimal number below 2^64",
        [](source_t& s) { replace(*s.signature, "serial: 7", "serial: 18446744073709551616"); }},
       {"malformed update.ini.sig: expires is not a UTC time YYYY-MM-DDTHH:MM:SSZ",
@@ -204,6 +206,7 @@ TEST(SerialStore, CarriesAnyUriAndRefusesADamagedFile) {
       {"corvid-update-serials 1\nhttp://a/\n", "line 2 does not begin with a serial and a space"},
       {"corvid-update-serials 1\n5 http://a/\\x41\n", "line 2 holds a control byte or an unknown escape"},
       {"corvid-update-serials 1\n5 http://a/\t\n", "line 2 holds a control byte or an unknown escape"},
+      {"corvid-update-serials 1\n5 http://a/\\xG1\n", "line 2 holds a control byte or an unknown escape"},
       {"corvid-update-serials 1\n5 http://a/\n6 http://a/\n", "line 3 names a source again"},
   };
   for (const auto& [bad, why] : damaged) {
