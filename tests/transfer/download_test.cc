@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <random>
 #include <thread>
+#include <tuple>
 
 #include <curl/curl.h>
 
@@ -176,6 +177,38 @@ TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
     EXPECT_EQ(entry.error, error);
   }
   EXPECT_EQ(logged("can't open file for writing"), 1u);  // no further attempt
+}
+
+// A text past its limit is cut one byte beyond it, for the caller to see.
+TEST_F(Download, TextFetchKeepsAtMostOneByteBeyondTheLimit) {
+  ASSERT_TRUE(start_nginx());
+  const std::tuple<const char*, size_t, text_fetch_t, size_t> rows[] = {  // path, limit, outcome, bytes kept
+      {"/f.bin", 2999, text_fetch_t::fetched, 3000}, {"/f.bin", 3000, text_fetch_t::fetched, 3000},
+      {"/f.bin", 3001, text_fetch_t::fetched, 3000}, {"/f.bin", 0, text_fetch_t::fetched, 1},
+      {"/missing", 3000, text_fetch_t::missing, 0}};
+  for (const auto& [path, limit, outcome, kept] : rows) {
+    std::string text = "stale", reason;
+    EXPECT_EQ(fetch_text(handle, nginx.url(path), quick_params(), limit, 0, text, reason), outcome) << limit;
+    EXPECT_TRUE(text == source.substr(0, kept)) << limit << ": " << text.size();
+  }
+}
+
+// Pieces that pass the end of the hash's 4 MiB ring, fill it exactly or
+// outgrow it hash as the bytes on disk do.
+TEST(BodyHash, PiecesAcrossTheRingsEndHashAsTheFileDoes) {
+  fixtures::scratch_dir_t dir;
+  std::string bytes((size_t{9} << 20) + 17, '\0');
+  for (std::mt19937 engine(3); auto& b : bytes) b = static_cast<char>(engine());
+  const std::string path = dir.write("f", bytes);
+  std::string on_disk;
+  ASSERT_TRUE(HashFileChecker::CalcHash(path, "", on_disk));
+  for (const size_t piece : {size_t{1000003}, size_t{4} << 20, (size_t{4} << 20) + 1}) {
+    body_hash_t hash("", "f");
+    hash.begin(path, 0);
+    for (size_t at = 0; at < bytes.size(); at += piece) hash.add(bytes.data() + at, std::min(piece, bytes.size() - at));
+    std::string streamed;
+    EXPECT_TRUE(hash.result(bytes.size(), streamed) && streamed == on_disk) << piece;
+  }
 }
 
 // The progress callback sees the stop; no further attempt follows although
