@@ -305,6 +305,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.version_of.agent=1.0", "f=/0;"},  // no range: text equality
       {"f=x\napply_if.version_of.f=4.0-4.5", "f=1/0;"},  // the file's own version record
       {"apply_if.hash_of.tool=" + hash_of(tool, "#SHA256:"), "f=1/0;"},  // computed in the type it names
+      {"d=$(tool)\nt=$(d)\napply_if.hash_of.t=" + digest, "f=1/0;"},  // a local's value takes locals, then globals
       {"apply_if.exec=false", "f=/0;"},
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
