@@ -79,6 +79,7 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
   start_module();
   std::atomic<bool> done{false};
   int downloading = 0;
+  std::string saved;  // while bytes arrive: what a crash would leave
   std::thread watcher([&] {
     for (uint64_t last = 0; !done;) {
       std::string state, message, xml, reply;
@@ -92,12 +93,14 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
       std::memcpy(sizes, reply.data() + 4, sizeof sizes);
       EXPECT_TRUE(last <= sizes[0] && sizes[0] <= sizes[1]) << last << " " << sizes[0] << " " << sizes[1];
       last = sizes[0];
+      if (sizes[0] > 0 && saved.empty()) saved = read_file(update_dir_ + "/corvid_update_status.xml");
     }
   });
   run_and_wait(Command::download, {server.url("/r/"), server.url("/r/"), server.url("/r/"), server.url("/r/")});
   done = true;
   watcher.join();
   EXPECT_GT(downloading, 0);
+  EXPECT_NE(saved.find("<file name=\"f.bin\" state=\"download"), std::string::npos) << saved;
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   EXPECT_EQ(status.file_entry("f.bin").state, file_downloaded);
 }
