@@ -331,6 +331,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {no + f + "update_version=$(empty)\nempty=\nexec=x\n", error + "empty value of 'update_version' in section: " +
                                                                   T + ".file=f"},
       {"can_skip.f=YES\n" + no, "f=/0;"},
+      {"version=1\nexec=y\n" + f + "update_version=2\nexec=x\n", "f=2/0;"},  // the other format's rule is not read
       {"can_skip.f=2\n" + no, error + "all sections has false conditions for file: f"},
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
       {"[" + T + ".file=a" + std::string(1, '\0') + "b]\n", error + "control character in file name: a\\x00b"},
@@ -341,7 +342,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
-  EXPECT_EQ(logged("apply file section #2") + logged("apply file section"), 2u);  // the first row's alone
+  EXPECT_EQ(logged("apply file section #2") + logged("apply file section #1"), 2u);  // the two rows that load
   EXPECT_EQ(logged("current version"), 0u);  // a missing record is planning's to tell
   EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0"),
             4u);
