@@ -279,6 +279,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
 // variable's name, and for hash_of. by the file's path.
 TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
   const std::string tool = dir_.write("tool", "t"), f = "[" + T + ".file=f]\nt=" + tool;
+  dir_.write("f.version", "4.2\n");
   const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
                     by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
@@ -286,7 +287,8 @@ TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
       {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
       {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
       {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
-      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "f=http://h/r/|id=5|f/0;"},
+      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)|$(current_version)",
+       "f=http://h/r/|id=5|f|4.2/0;"},
       {by_path + "SHA256\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool, "#SHA256:") + "/0;"},
       {by_name + "MD4\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool) + "/0;"},
       {by_path + "MD4\n" + f + "\nupdate_version=$(hash_of.t)",
