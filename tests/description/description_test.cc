@@ -45,6 +45,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
                                       "' to disable downloaded files verification"},
       {rule + "file=a,b\nhash=1\n", "files count greater than hashes count: a,b > 1"},
       {rule + "file=a\nhash=1,2\n", "files count less than hashes count: a < 1,2"},
+      {rule + "file=a\nhash=1\nfilesize=1,2\n", "files count less than sizes count: a < 1,2"},
       {rule + "file=a,b\nhash=1,2\nfilesize=10\n", "files count greater than sizes count: a,b > 10"},
       {rule + "file=a,b\nhash=1,2\nfilesize=10,-1\n", "bad filesize value: -1"},
       {rule + "file=x/a,y\\a\nhash=1,2\n", "duplicated file name: y\\a"},
@@ -246,6 +247,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   std::filesystem::create_directory(dir_.path("bin"));
   const std::string v21 = hash_of(dir_.write("v21", "tool 2.1")), v15 = hash_of(dir_.write("v15", "tool 1.5"));
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
+                           "exec_before_update=$(tool) --check\nstatus_hash_of=$(tool)\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
                            "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
                            "exec=$(download_file) /install\n[" + T + ".file=driver.bin]\n"
@@ -267,6 +269,8 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   }
   dir_.write("bin/tool.exe", "tool 2.1");
   ASSERT_EQ(load(text), rows[0].rules);
+  EXPECT_EQ(ini_.exec_before_update, string_list_t{dir_.path("bin/tool.exe --check")});
+  EXPECT_EQ(ini_.status_hash_of, string_list_t{dir_.path("bin/tool.exe")});
   const auto& tool = ini_.rules.front();
   EXPECT_EQ(tool.exec_list.front(), dir_.path("tool.exe /install"));
   const auto& entry = tool.entries.front();  // nothing of it is fetched yet
