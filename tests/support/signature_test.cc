@@ -204,6 +204,7 @@ TEST(SerialStore, CarriesAnyUriAndRefusesADamagedFile) {
       {"corvid-update-serials 1\n5 http://a/", "line 2 has no line end"},
       {"corvid-update-serials 1\n05 http://a/\n", "line 2 does not begin with a serial and a space"},
       {"corvid-update-serials 1\nhttp://a/\n", "line 2 does not begin with a serial and a space"},
+      {"corvid-update-serials 1\n http://a/\n", "line 2 does not begin with a serial and a space"},
       {"corvid-update-serials 1\n5 http://a/\\x41\n", "line 2 holds a control byte or an unknown escape"},
       {"corvid-update-serials 1\n5 http://a/\t\n", "line 2 holds a control byte or an unknown escape"},
       {"corvid-update-serials 1\n5 http://a/\\xG1\n", "line 2 holds a control byte or an unknown escape"},
