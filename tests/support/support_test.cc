@@ -226,21 +226,10 @@ TEST(FileHelpers, HexTextPutsTheSeparatorOnlyBetweenBytes) {
 // A counted text is read only when all of it is there; a refused read moves
 // nothing, and a length near 2^32 does not wrap the position.
 TEST(ByteReader, ReadsCountedTextsNoFurtherThanTheEnd) {
-  const auto counted = [](const std::string& text) {
-    std::string bytes;
-    append_counted(bytes, text);
-    return bytes;
-  };
+  const auto counted = [](const std::string& text) { std::string bytes; append_counted(bytes, text); return bytes; };
   const std::pair<std::string, std::string> rows[] = {  // the bytes; texts read, then a "+" per byte left
-      {"", ""},
-      {"abc", "+++"},
-      {counted(""), "[]"},
-      {counted("abc"), "[abc]"},
-      {counted("abc").substr(0, 6), "++++++"},
-      {counted("abc") + "x", "[abc]+"},
-      {counted("a") + counted("bc"), "[a][bc]"},
-      {std::string(4, '\xff') + "ab", "++++++"},
-  };
+      {"", ""}, {"abc", "+++"}, {counted(""), "[]"}, {counted("abc"), "[abc]"}, {counted("abc").substr(0, 6), "++++++"},
+      {counted("abc") + "x", "[abc]+"}, {counted("a") + counted("bc"), "[a][bc]"}, {std::string(4, '\xff') + "ab", "++++++"}};
   for (const auto& [bytes, expected] : rows) {
     byte_reader_t reader(bytes);
     std::string read, text;
