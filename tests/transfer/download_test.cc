@@ -194,7 +194,8 @@ TEST_F(Download, TextFetchKeepsAtMostOneByteBeyondTheLimit) {
 }
 
 // Pieces that pass the end of the hash's 4 MiB ring, fill it exactly or
-// outgrow it hash as the bytes on disk do.
+// outgrow it hash as the bytes on disk do, whether the ring is empty or full
+// when they come: a second attempt goes on where the first left the ring.
 TEST(BodyHash, PiecesAcrossTheRingsEndHashAsTheFileDoes) {
   fixtures::scratch_dir_t dir;
   std::string bytes((size_t{9} << 20) + 17, '\0');
@@ -202,10 +203,14 @@ TEST(BodyHash, PiecesAcrossTheRingsEndHashAsTheFileDoes) {
   const std::string path = dir.write("f", bytes);
   std::string on_disk;
   ASSERT_TRUE(HashFileChecker::CalcHash(path, "", on_disk));
-  for (const size_t piece : {size_t{1000003}, size_t{4} << 20, (size_t{4} << 20) + 1}) {
+  const size_t ring = size_t{4} << 20;
+  for (const auto& [first, piece] : {std::pair{ring - 10, size_t{1000003}}, {ring, ring}, {size_t{1}, ring + 1}}) {
     body_hash_t hash("", "f");
     hash.begin(path, 0);
-    for (size_t at = 0; at < bytes.size(); at += piece) hash.add(bytes.data() + at, std::min(piece, bytes.size() - at));
+    hash.add(bytes.data(), first);
+    hash.end();
+    hash.begin(path, first);
+    for (size_t at = first; at < bytes.size(); at += piece) hash.add(bytes.data() + at, std::min(piece, bytes.size() - at));
     std::string streamed;
     EXPECT_TRUE(hash.result(bytes.size(), streamed) && streamed == on_disk) << piece;
   }
