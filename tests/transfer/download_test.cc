@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -218,10 +219,13 @@ TEST(BodyHash, PiecesAcrossTheRingsEndHashAsTheFileDoes) {
 
 // The progress callback sees the stop; no further attempt follows although
 // attempts are left, and the partial file stays, with a hash of what it holds.
+// Meanwhile the connection probes a silent server: its timer in
+// /proc/net/tcp is the keepalive one (2).
 TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
   ASSERT_TRUE(serve({"trickle&chunk=10&interval_ms=50"}));
   file_status_t& entry = make_current_file("f.bin");
   std::atomic<bool> done{false};
+  std::string timer;
   std::thread stopper([&] {
     for (auto end = clock_type::now() + std::chrono::seconds(20); !done && clock_type::now() < end;) {
       {
@@ -230,6 +234,12 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    std::istringstream tcp(read_file("/proc/net/tcp"));
+    const unsigned long port = std::stoul(server.url("").substr(server.url("").rfind(':') + 1));
+    for (std::string line, sl, local, remote, state, queues, times; std::getline(tcp, line);)
+      if (std::istringstream(line) >> sl >> local >> remote >> state >> queues >> times && state == "01" &&
+          std::stoul(remote.substr(remote.find(':') + 1), nullptr, 16) == port)
+        timer = times.substr(0, 2);
     fini();
   });
   auto start = clock_type::now();
@@ -240,6 +250,7 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
   EXPECT_LT(clock_type::now() - start, std::chrono::seconds(10));
   EXPECT_EQ(logged("Download begin"), 1u);
   EXPECT_EQ(reported(), "Download error: " + server.url() + " -> Callback aborted");
+  EXPECT_EQ(timer, "02");
   EXPECT_GE(disk_size(target), 20);
   std::string streamed, on_disk;
   EXPECT_TRUE(hash.result(disk_size(target), streamed) && HashFileChecker::CalcHash(target, "", on_disk));
