@@ -50,6 +50,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=a,b\nhash=1,2\nfilesize=10,-1\n", "bad filesize value: -1"},
       {rule + "file=x/a,y\\a\nhash=1,2\n", "duplicated file name: y\\a"},
       {rule + "file=a,,b\nhash=1,2,3\n", "empty file name specified in file list(#2): a,,b"},
+      {"version.1=1\nexec.1=x\nversion.2=2\nexec.2=x\nfile.2=a,\nhash.2=1,2\n", "files count less than hashes count: a, < 1,2"},
       {rule + "file=a,A\nhash=1,2\n", ""},             // names compare with regard to case
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
