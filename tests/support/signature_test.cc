@@ -160,6 +160,7 @@ TEST(KeyFiles, ReadBackWhatTheyWroteAndRefuseWhatIsNoKey) {
         {'M', "-----BEGIN PUBLIC KEY-----\n", "line 2 is missing"}, {'M', begin + end + "\n", "text after line 2"},
         {'M', pem_public_key(key.public_key).replace(30, 1, "*"), "its base64 is damaged"},
         {'M', pem_public_key({type, std::string(public_key_size(type), '\xff')}), "key is not a point on the curve"},
+        {'M', pem_public_key({type, key.public_key.bytes + '\x01'}), not_ours},  // a byte too many
         {'M', pem_secret_key({{key_type_t::gost2012_256, ""}, std::string(32, '\0')}), "the secret key makes no public key"},
         {'M', begin + "MC4CAQAwBQYDK2VuBCIEIPBfeLc8Bw2o61C1lS+3wBOecctPvvt/bvmdQxQxaVJL\n" + end, not_ours},  // X25519
         {'M', begin + "MEYCAQAwHwYIKoUDBwEBAQEwEwYHKoUDAgIjAQYIKoUDBwEBAgIEIL6s5wcONmjV\n8bKek1APiKjeBhrqaQfFXbmvhmYTkV/1\n" + end,
