@@ -325,6 +325,7 @@ TEST(CalcHash, FailsWithoutTouchingTheResultAndNamesTypesInEveryForm) {
   const std::pair<std::string, std::string> rows[] = {
       {"gost3411_512_2012", "#GOST3411_512_2012:"},
       {std::string(128, 'F'), "#GOST3411_512_2012:"},  // a bare digest by its length
+      {std::string(62, '0') + "9f", "#GOST3411_256_2012:"},
       {std::string(63, 'a') + "g", ""},
       {"SHA256 ", ""},
   };
