@@ -78,6 +78,8 @@ TEST(SignatureCheck, RefusesEachFaultWithItsOwnReasonForBothKindsOfKey) {
        [](source_t& s) { replace(*s.signature, "serial: 7", "serial: 18446744073709551616"); }},
       {"malformed update.ini.sig: expires is not a UTC time YYYY-MM-DDTHH:MM:SSZ",
        [](source_t& s) { replace(*s.signature, "2030-01-01", "2029-02-29"); }},
+      {"malformed update.ini.sig: expires is not a UTC time YYYY-MM-DDTHH:MM:SSZ",
+       [](source_t& s) { replace(*s.signature, "2030-01-01", "2030-13-01"); }},
       {"unknown key OTHER",
        [](source_t& s) { sign_description(s.other, s.ini, 7, at("2030-01-01T00:00:00Z"), *s.signature); }},
       {"key ID is KIND, not OTHERKIND", [](source_t& s) {
