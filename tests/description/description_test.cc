@@ -326,6 +326,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
               rules)
         << condition;
   EXPECT_EQ(hashes_.entries[tool], string_list_t{digest});  // the run's cache hashed it once for both
+  EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.exec"), 1u);
 }
 
 TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) {
