@@ -175,6 +175,7 @@ TEST(Inivars, ApplySubstitutesByTheTable) {
     bool replaced;
   } rows[] = {
       {{}, "$(x)", "$(x)", false},
+      {{{"x", "1"}}, "x", "x", false},
       {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
       {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
       // List order decides how far a chain gets within one pass.
