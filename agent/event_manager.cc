@@ -137,7 +137,10 @@ void work() {
     if (earliest == m.timers.end()) {
       m.wake.wait(hold);
     } else {
-      m.wake.wait_until(hold, earliest->second.due);
+      // A copy: the wait reads it again after the lock was let go, when the
+      // timer may have been deleted.
+      const steady::time_point due = earliest->second.due;
+      m.wake.wait_until(hold, due);
     }
   }
 }

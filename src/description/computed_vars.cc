@@ -37,20 +37,18 @@ std::string base_value(const inivars_t& base, const inivar_t& var, size_t prefix
 
 }  // namespace
 
-bool hash_type_from_ini_t::get(std::string_view name, std::string& out) {
+void hash_type_from_ini_t::get(std::string_view name, std::string& out) {
   const CIniFile::group_t* section = section_for(hash_sections, name_offset, name);
-  if (!section) return true;
+  if (!section) return;
   const std::string type = section->value_of("hash_type", "");
-  if (type.empty()) return true;
+  if (type.empty()) return;
   out = getHashTypeDecorStr(type);
   if (out.empty()) throw "Unknown hash type: " + type + ", section: " + section->name;
-  return true;
 }
 
-bool hash_type_from_str_t::get(std::string_view, std::string& out) {
+void hash_type_from_str_t::get(std::string_view, std::string& out) {
   out = getHashTypeDecorStr(text);
   if (out.empty()) throw "Unknown hash type: " + text;
-  return true;
 }
 
 hash_of_inivars_t::hash_of_inivars_t(inivars_t& base, hash_cache_t& hashes) : base(base), hashes(hashes) {

@@ -63,7 +63,7 @@ class hash_type_src_t {
   virtual ~hash_type_src_t() = default;
   // Writes a decoration into out, or leaves it; throws a text for a type
   // that the hash library does not know.
-  virtual bool get(std::string_view name, std::string& out) = 0;
+  virtual void get(std::string_view name, std::string& out) = 0;
 };
 
 // The hash_type of the first "T.hash_to_version.NAME" section whose NAME
@@ -72,7 +72,7 @@ class hash_type_from_ini_t : public hash_type_src_t {
  public:
   hash_type_from_ini_t(const CIniFile::group_list_t& hash_sections, size_t name_offset)
       : hash_sections(hash_sections), name_offset(name_offset) {}
-  bool get(std::string_view name, std::string& out) override;
+  void get(std::string_view name, std::string& out) override;
 
   const CIniFile::group_list_t& hash_sections;  // not owned
   size_t name_offset;                           // where NAME begins in a section's name
@@ -83,7 +83,7 @@ class hash_type_from_ini_t : public hash_type_src_t {
 class hash_type_from_str_t : public hash_type_src_t {
  public:
   explicit hash_type_from_str_t(const std::string& text) : text(text) {}
-  bool get(std::string_view name, std::string& out) override;
+  void get(std::string_view name, std::string& out) override;
 
   const std::string& text;  // not owned
 };

@@ -1,5 +1,5 @@
 // The agent's services to the module: the event manager (one worker, calls
-// in order, every queued call handed back cancelled at stop), the log (one
+// in order, timers when due, every queued call handed back cancelled at stop), the log (one
 // line per record, whatever its attributes hold), and the bridge with its
 // clients over a real socket and the module's listener.
 #include <gtest/gtest.h>
@@ -108,6 +108,29 @@ TEST_F(EventManagerTest, StopHandsQueuedCallsBackCancelled) {
   EXPECT_NE(EM_AsyncCall(record, tag(4)), 0);
   EXPECT_EQ(calls.back(), std::make_pair(4, int32_t{1}));
   EXPECT_EQ(threads.back(), std::this_thread::get_id());
+}
+
+// A timer's call; the first one holds the worker until the test lets it go.
+void tick(em_call_t* call) {
+  static const std::shared_future<void> released = release.get_future().share();
+  record(call);
+  released.wait();
+}
+
+// A periodic timer fires again when due with nothing else to wake the worker,
+// and while its call runs the manager is not drained.
+TEST_F(EventManagerTest, TimersFireWhenDueAndCountAsWork) {
+  ASSERT_EQ(EM_SetTimer(0, 1, tick, tag(5)), 0);
+  auto ticks = [] { std::lock_guard<std::mutex> hold(journal_lock); return calls.size(); };
+  while (ticks() == 0) std::this_thread::yield();
+  EXPECT_FALSE(agent::drain_event_manager_for(50));
+  release.set_value();
+  for (auto end = std::chrono::steady_clock::now() + 10s; ticks() < 2 && std::chrono::steady_clock::now() < end;)
+    std::this_thread::sleep_for(10ms);
+  EM_DelTimer(tick);
+  std::lock_guard<std::mutex> hold(journal_lock);
+  EXPECT_EQ(call_list_t(calls.begin(), calls.begin() + std::min<size_t>(calls.size(), 2)),
+            (call_list_t{{5, 0}, {5, 0}}));
 }
 
 TEST(Log, EveryRecordStaysOneLineWithItsFieldsEscaped) {

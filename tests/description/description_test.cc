@@ -52,10 +52,12 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
                                       "' to disable downloaded files verification"},
       {rule + "file=a,b\nhash=1\n", "files count greater than hashes count: a,b > 1"},
       {rule + "file=a\nhash=1,2\n", "files count less than hashes count: a < 1,2"},
+      {rule + "file=a\nhash=1\nfilesize=1,2\n", "files count less than sizes count: a < 1,2"},
       {rule + "file=a,b\nhash=1,2\nfilesize=10\n", "files count greater than sizes count: a,b > 10"},
       {rule + "file=a,b\nhash=1,2\nfilesize=10,-1\n", "bad filesize value: -1"},
       {rule + "file=x/a,y\\a\nhash=1,2\n", "duplicated file name: y\\a"},
       {rule + "file=a,,b\nhash=1,2,3\n", "empty file name specified in file list(#2): a,,b"},
+      {"version.1=1\nexec.1=x\nversion.2=2\nexec.2=x\nfile.2=a,\nhash.2=1,2\n", "files count less than hashes count: a, < 1,2"},
       {rule + "file=a,A\nhash=1,2\n", ""},             // names compare with regard to case
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
@@ -199,6 +201,7 @@ TEST(Inivars, ApplySubstitutesByTheTable) {
     bool replaced;
   } rows[] = {
       {{}, "$(x)", "$(x)", false},
+      {{{"x", "1"}}, "x", "x", false},
       {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
       {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
       // List order decides how far a chain gets within one pass.
@@ -222,6 +225,17 @@ TEST(Inivars, RefusesToGrowPast64KiB) {
   inivars_t set;
   set.add("a", "$(a)$(a)$(a)$(a)$(a)$(a)$(a)$(a)");
   EXPECT_THROW(set.apply_to_values(set, variable_delimiters), std::string);
+  for (const size_t size : {size_t{65535}, size_t{65536}, size_t{65537}}) {
+    inivars_t one;
+    one.add("x", std::string(size - 2, 'v'));
+    std::string text = "<$(x)>";
+    bool grown = false;
+    try {
+      grown = one.apply(text, variable_delimiters) && text == "<" + one.vars.front().value + ">";
+    } catch (const std::string&) {
+    }
+    EXPECT_EQ(grown, size <= 65536) << size;
+  }
 }
 
 class SectionRules : public StatusTest {
@@ -261,6 +275,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   std::filesystem::create_directory(dir_.path("bin"));
   const std::string v21 = hash_of(dir_.write("v21", "tool 2.1")), v15 = hash_of(dir_.write("v15", "tool 1.5"));
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
+                           "exec_before_update=$(tool) --check\nstatus_hash_of=$(tool)\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
                            "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
                            "exec=$(download_file) /install\n"
@@ -284,18 +299,24 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   }
   dir_.write("bin/tool.exe", "tool 2.1");
   ASSERT_EQ(load(text), rows[0].rules);
+  EXPECT_EQ(ini_.exec_before_update, string_list_t{dir_.path("bin/tool.exe --check")});
+  EXPECT_EQ(ini_.status_hash_of, string_list_t{dir_.path("bin/tool.exe")});
   const auto& tool = ini_.rules.front();
   EXPECT_EQ(tool.exec_list.front(), dir_.path("tool.exe /install"));
-  EXPECT_EQ(tool.entries.front().uri, "http://h/r/tool.exe?id=5");
+  const auto& entry = tool.entries.front();  // nothing of it is fetched yet
+  EXPECT_EQ(entry.uri + "|" + entry.local_path + "|" + entry.hash + "|" + std::to_string(entry.size) +
+                (entry.ready ? "|ready" : ""),
+            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c|1048576");
   // Where a patch comes from is worked out as download_uri is.
-  EXPECT_EQ(tool.entries.front().patches.front().uri, "http://h/r/p/2.1?id=5");
-  EXPECT_EQ(tool.entries.front().patches.back().uri, "http://p/");
+  EXPECT_EQ(entry.patches.front().uri, "http://h/r/p/2.1?id=5");
+  EXPECT_EQ(entry.patches.back().uri, "http://p/");
 }
 
 // The hash type of a hash_to_version section counts for version_of. by the
 // variable's name, and for hash_of. by the file's path.
 TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
   const std::string tool = dir_.write("tool", "t"), f = "[" + T + ".file=f]\nt=" + tool;
+  dir_.write("f.version", "4.2\n");
   const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
                     by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
@@ -303,7 +324,8 @@ TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
       {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
       {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
       {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
-      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)", "f=http://h/r/|id=5|f/0;"},
+      {"[" + T + ".file=f]\nupdate_version=$(update_uri)|$(update_uri_params)|$(file_name)|$(current_version)",
+       "f=http://h/r/|id=5|f|4.2/0;"},
       {by_path + "SHA256\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool, "#SHA256:") + "/0;"},
       {by_name + "MD4\n" + f + "\nupdate_version=$(hash_of.t)", "f=" + hash_of(tool) + "/0;"},
       {by_path + "MD4\n" + f + "\nupdate_version=$(hash_of.t)",
@@ -322,6 +344,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.version_of.agent=1.0", "f=/0;"},  // no range: text equality
       {"f=x\napply_if.version_of.f=4.0-4.5", "f=1/0;"},  // the file's own version record
       {"apply_if.hash_of.tool=" + hash_of(tool, "#SHA256:"), "f=1/0;"},  // computed in the type it names
+      {"d=$(tool)\nt=$(d)\napply_if.hash_of.t=" + digest, "f=1/0;"},  // a local's value takes locals, then globals
       {"apply_if.exec=false", "f=/0;"},
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
@@ -339,6 +362,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
               rules)
         << condition;
   EXPECT_EQ(hashes_.entries[tool], string_list_t{digest});  // the run's cache hashed it once for both
+  EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.exec"), 1u);
 }
 
 TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) {
@@ -351,6 +375,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
       {no + f + "update_version=$(empty)\nempty=\nexec=x\n", error + "empty value of 'update_version' in section: " +
                                                                   T + ".file=f"},
       {"can_skip.f=YES\n" + no, "f=/0;"},
+      {"version=1\nexec=y\n" + f + "update_version=2\nexec=x\n", "f=2/0;"},  // the other format's rule is not read
       {"can_skip.f=2\n" + no, error + "all sections has false conditions for file: f"},
       {f + "update_version=1\nexec=x\nfilesize=1\n", error + "'filesize' value no sense when download_file=$(null)"},
       {"[" + T + ".file=a" + std::string(1, '\0') + "b]\n", error + "control character in file name: a\\x00b"},
@@ -372,6 +397,8 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
   };
   for (const auto& [text, rules] : rows) EXPECT_EQ(load(text), rules) << text;
   EXPECT_EQ(logged("skip file section #3: other section was chosen"), 1u);
+  EXPECT_EQ(logged("apply file section #2") + logged("apply file section #1"), 2u);  // the two rows that load
+  EXPECT_EQ(logged("current version"), 0u);  // a missing record is planning's to tell
   EXPECT_EQ(logged("skip file section #1: false condition #1: apply_if.version_of.agent = 9, checked value: 1.0.0"),
             4u);
 }

@@ -94,6 +94,8 @@ TEST_F(HostTest, CommandLineDecidesWhatReachesTheModule) {
             std::string::npos);
   EXPECT_EQ(run({"--xml", "check"}).exit_code, 2);
   EXPECT_EQ(run({"--cmdid", "a\x01", "check"}).exit_code, 2);  // XML cannot carry it
+  EXPECT_EQ(run({"--bogus", "check"}).err, "corvid-update: unknown option --bogus\nTry 'corvid-update --help'.\n");
+  EXPECT_EQ(run({"check", "--cmdid"}).err, "corvid-update: option --cmdid needs a value\nTry 'corvid-update --help'.\n");
   const std::pair<const char*, int> timeouts[] = {{"0", 2}, {"1x", 2}, {"86401", 2}, {"86400", 1}};  // 1: no URI
   for (const auto& [seconds, code] : timeouts) EXPECT_EQ(run({"--description-timeout", seconds, "check"}).exit_code, code);
   EXPECT_EQ(run({"serve", "--question-timeout"}).exit_code, 2);

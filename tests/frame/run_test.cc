@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "fixtures/fault_server.h"
 #include "frame/frame_fixture.h"
@@ -32,17 +33,34 @@ TEST_F(RunTest, CurlInitFailureEndsTheRunInItsFirstMessage) {
   EXPECT_EQ(curl_inits, 1);
 }
 
-// The update directory written differently is still the one locked at start; another one is refused.
+// The agent's directories lose one trailing separator, the update directory all of them; the update
+// directory written differently is still the one locked at start, and another one is refused.
 TEST_F(RunTest, SourceUriIsExpandedWithThePredefinedVariables) {
+  using agent::paths_t;
+  const std::string specs = "corvid.linux.x86_64.corvid";
+  const std::tuple<std::string, std::string paths_t::*, std::string> vars[] = {  // a directory's comes with one "/" more
+      {"agent_version", nullptr, "1.0.0"},       {"agent_specs", nullptr, specs},
+      {"current_product_specs", nullptr, specs}, {"update_path", nullptr, update_dir_},
+      {"update_ini_format", nullptr, "1.0"},     {"agent_tmp", &paths_t::agent_tmp, "/t/"},
+      {"agent_bin", &paths_t::agent_bin, "/b/"}, {"agent_lib", &paths_t::agent_lib, "/l/"},
+      {"agent_etc", &paths_t::agent_etc, "/e/"}, {"system_etc", &paths_t::system_etc, "/se/"},
+      {"system_log", &paths_t::system_log, "/sl/"}, {"system_var", &paths_t::system_var, "/sv/"},
+      {"system_var_etc", &paths_t::system_var_etc, "/sve/"}, {"system_tmp", &paths_t::system_tmp, "/st/"},
+      {"x", nullptr, "$(x)"}};
+  paths_t paths = agent::paths_under(root_);
+  std::string uri = "http://127.0.0.1:1/?", expanded = uri;
+  for (const auto& [name, field, value] : vars) {
+    if (field) paths.*field = value + "/";
+    uri += name + "=$(" + name + ")&", expanded += name + "=" + value + "&";
+  }
+  agent::configure_paths(paths);
   start_module();
-  const std::string uri = "http://127.0.0.1:1/$(agent_version)/$(agent_specs)/?u=$(update_path)&t=$(agent_tmp)&x=$(x)";
   LPARAMS::server::set_update_dir(update_dir_ + "//");
   run_and_wait(Command::check, {uri});
   {
     std::lock_guard<std::recursive_mutex> hold(status.lock);
     ASSERT_EQ(status.messages.size(), 2u);
-    EXPECT_EQ(status.messages.back().uri, "http://127.0.0.1:1/1.0.0/corvid.linux.x86_64.corvid/?u=" + update_dir_ +
-                                              "&t=" + root_ + "/tmp&x=$(x)");
+    EXPECT_EQ(status.messages.back().uri, expanded);
     EXPECT_TRUE(status.messages.front().text.empty() && !status.messages.back().text.empty());  // its own message
   }
   LPARAMS::server::set_update_dir(root_ + "/moved");
@@ -72,6 +90,7 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
   start_module();
   std::atomic<bool> done{false};
   int downloading = 0;
+  std::string saved;  // while bytes arrive: what a crash would leave
   std::thread watcher([&] {
     for (uint64_t last = 0; !done;) {
       std::string state, message, xml, reply;
@@ -85,12 +104,14 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
       std::memcpy(sizes, reply.data() + 4, sizeof sizes);
       EXPECT_TRUE(last <= sizes[0] && sizes[0] <= sizes[1]) << last << " " << sizes[0] << " " << sizes[1];
       last = sizes[0];
+      if (sizes[0] > 0 && saved.empty()) saved = read_file(update_dir_ + "/corvid_update_status.xml");
     }
   });
   run_and_wait(Command::download, {server.url("/r/"), server.url("/r/"), server.url("/r/"), server.url("/r/")});
   done = true;
   watcher.join();
   EXPECT_GT(downloading, 0);
+  EXPECT_NE(saved.find("<file name=\"f.bin\" state=\"download"), std::string::npos) << saved;
   std::lock_guard<std::recursive_mutex> hold(status.lock);
   EXPECT_EQ(status.file_entry("f.bin").state, file_downloaded);
 }

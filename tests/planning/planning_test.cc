@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "fixtures/log_records.h"
 #include "fixtures/scratch_dir.h"
 #include "status/status_fixture.h"
@@ -14,7 +16,7 @@
 namespace update {
 namespace {
 
-enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone };
+enum change_t { nothing, version_raised, hash_changed, hash_case_only, size_changed, file_gone, record_changed, no_entries };
 
 struct row_t {
   file_state_t from;
@@ -44,6 +46,15 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
       {file_install, nothing, false, file_uptodate, false, "update not finished"},
       {file_installed, nothing, false, file_uptodate, true, ""},
       {file_installed, version_raised, false, file_uptodate, false, "[f] update version changed"},
+      // Somebody else wrote the version record; an install is expected to.
+      {file_downloaded, record_changed, true, file_downloaded, true, "[f] current version changed: 1, was: 0.9"},
+      {file_installed, record_changed, false, file_uptodate, true, ""},
+      // A rule that installs without a download: only the versions count, nothing fetched goes. Its
+      // record changed too.
+      {file_undecided, no_entries, true, file_outofdate, true, "[f] current version changed: 1, was: 0.9"},
+      {file_installed, no_entries, true, file_installed, true, ""},
+      {file_outofdate, no_entries, false, file_uptodate, true, "[f] current version changed: 2, was: 0.9"},
+      {file_uptodate, no_entries, false, file_uptodate, true, "[f] current version changed: 2, was: 0.9"},
   };
   for (const auto& row : rows) {
     reset_module_for_tests();
@@ -56,11 +67,13 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
 
     file_rule_t rule;
     rule.update_version = "2";
-    file_entry_t& entry = rule.entries.emplace_back();
+    rule.file_name = "f";
+    file_entry_t entry;
     entry.name = "f";
     entry.local_path = dir.path("f");
     entry.hash = row.change == hash_changed ? "#T:bb" : row.change == hash_case_only ? "AA" : "#T:aa";
     entry.size = row.change == size_changed ? 20 : 10;
+    if (row.change != no_entries) rule.entries.push_back(entry);
     {
       std::lock_guard<std::recursive_mutex> hold(status.lock);
       status.save_enabled = false;
@@ -71,6 +84,8 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
       f.total_size = 10;
       f.uptodate_time = "then";
       f.error = "old error";
+      f.current_version = row.change == record_changed || row.change == no_entries ? "0.9" : row.needed ? "1" : "2";
+      f.skip_downloading = row.change == no_entries;  // as reconcile marks it
     }
     plan_rule(rule, dir.path());
 
@@ -94,6 +109,8 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
     if (*row.logged) {
       EXPECT_EQ(log.all(row.logged).size(), 1u) << what << ": " << row.logged;
     }
+    EXPECT_EQ(log.all("current version changed").size(), std::strstr(row.logged, "current version changed") ? 1u : 0u)
+        << what;
   }
 }
 

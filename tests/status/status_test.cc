@@ -240,6 +240,21 @@ TEST_F(StatusWrapup, VerifyVersionsMovesStatesByTheVersionOnDisk) {
   }
 }
 
+// The run's last word on each file: a notice for one passed over, a failure for one in error.
+TEST_F(StatusWrapup, LogFilesWeighsEachFilesSummary) {
+  add_file("a", 6, "2").installed_time = "t";
+  add_file("b", 2, "2").skipped = true;
+  add_file("c", 2, "2").available = false;
+  file_status_t& d = add_file("d", 3, "2");
+  d.current_version = "1", d.error = "e";
+  status.log_files();
+  EXPECT_EQ(log_text(), "367 a state: installed, update version: 2, installed_time: t;"
+                        "366 [b] state: skipped, because of conditions specified in update.ini, was state: outofdate, "
+                        "update version: 2;366 [c] state: skipped, because corresponding update.ini is unavailable, "
+                        "was state: outofdate, update version: 2;365 [d] state: download, current version: 1, update "
+                        "version: 2, error: e;");
+}
+
 TEST_F(StatusWrapup, RehashRecalculatesKeptHashesInPlace) {
   const std::string path = dir_.write("kept.bin", "contents"), missing = dir_.path("missing.bin");
   std::string gost, sha;

@@ -12,10 +12,13 @@
 #include <sstream>
 #include <tuple>
 
+#include <gcrypt.h>
+
 #include "fixtures/nginx_server.h"
 #include "support/sources_file.h"
 #include "platform/file_ops.h"
 #include "platform/hash_file.h"
+#include "support/byte_layout.h"
 #include "support/file_helpers.h"
 #include "support/ini_file.h"
 #include "support/message_format.h"
@@ -62,6 +65,9 @@ TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
       {"[x", "format Bad syntax at line 1"},
       {"\xEF\xBB\xBF[a]\nk=v\n", "format Bad syntax at line 1"},  // a byte order mark is not removed
       {"[a=b]", ""},
+      {"[", "format Bad syntax at line 1"},   // a header needs both brackets
+      {"k=v\n=", "format Bad syntax at line 2"},  // and a parameter its name
+      {"[]\n \t\r\n#\nk=", ""},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(raised_by([&] { parsed_t{text}; }), expected) << text;
 }
@@ -135,7 +141,8 @@ TEST(IniFile, TakingEmptiesTheStoreAndPrefixesWalkKeysInByteOrder) {
 }
 
 // The status keeps its times in the one form below; the other forms of the
-// time library have no caller in the module.
+// time library are read in a zone three hours east of UTC, so that a local
+// text shows where it came from.
 TEST(TimeText, IsoTextOfAPackedTimeOrItsPlaceholderAndNow) {
   const std::pair<packed_time_t, const char*> rows[] = {
       {0x7E80205070809, "2024-03-05T07:08:09"},  // by weight: year, month from 0, day, hours, minutes, seconds
@@ -156,11 +163,51 @@ TEST(TimeText, IsoTextOfAPackedTimeOrItsPlaceholderAndNow) {
   };
   const std::string before = clock_text(), now = now_text(), after = clock_text();
   EXPECT_TRUE(now == before || now == after) << now << " between " << before << " and " << after;
+
+  setenv("TZ", "XYZ-3", 1);
+  tzset();
+  const std::string bad = "0000-00-00T00:00:00|0000.00.00 00:00:00|Error time|Error time|-1";
+  const std::pair<const char*, std::string> scanned[] = {  // parse_time's text: ISO, GMT, GMT by day, local, seconds
+      {"2024.03.05 07:08:09", "2024-03-05T07:08:09|2024.03.05 07:08:09 GMT|05.03.2024 07:08:09 GMT|05.03.2024 10:08:09|"
+                              "1709622489"},
+      {" +2024.3.5\n7:8:9 and more", "2024-03-05T07:08:09|2024.03.05 07:08:09 GMT|05.03.2024 07:08:09 GMT|"
+                                     "05.03.2024 10:08:09|1709622489"},
+      {"1900.1.1 0:0:0", "1900-01-01T00:00:00|1900.01.01 00:00:00 GMT|01.01.1900 00:00:00 GMT|"
+                         "01.01.1900 00:00:00 GMT|-1"},  // before 1970: no seconds count
+      {"3000.12.31 23:59:59", "3000-12-31T23:59:59|3000.12.31 23:59:59 GMT|31.12.3000 23:59:59 GMT|"
+                              "01.01.3001 02:59:59|32535215999"},
+      {"3001.1.1 0:0:0", "3001-01-01T00:00:00|3001.01.01 00:00:00 GMT|01.01.3001 00:00:00 GMT|"
+                         "01.01.3001 00:00:00 GMT|-1"},
+      {"2024.13.5 99:0:0", "2024-13-05T99:00:00|2024.13.05 99:00:00 GMT|05.13.2024 99:00:00 GMT|"
+                           "09.01.2025 06:00:00|1736391600"},  // packed as it stands, counted on
+      {"2024.00.05 07:08:09", bad}, {"2024.03.05", bad}, {"1899.12.31 0:0:0", bad}, {"2024.03.05 07:08", bad},
+  };
+  for (const auto& [text, expected] : scanned) {
+    const packed_time_t t = parse_time(text);
+    std::string iso, gmt, dmy, local;
+    time_text_iso(t, iso), time_text_gmt(t, gmt), time_text_dmy_gmt(t, dmy), time_text_local(t, local);
+    EXPECT_EQ(iso + "|" + gmt + "|" + dmy + "|" + local + "|" + std::to_string(packed_to_time(t)), expected) << text;
+  }
+  const std::pair<int64_t, std::string> counted[] = {  // seconds: packed back as ISO, local, ctime
+      {0, "1970-01-01T00:00:00|1970.01.01 03:00:00|Thu Jan  1 03:00:00 1970"},
+      {32535215999, "3000-12-31T23:59:59|3001.01.01 02:59:59|Thu Jan  1 02:59:59 3001"},
+      {32535216000, "0000-00-00T00:00:00|0000.00.00 00:00:00|Bad time"},
+      {-1, "0000-00-00T00:00:00|0000.00.00 00:00:00|Bad time"},
+  };
+  for (const auto& [seconds, expected] : counted) {
+    std::string iso, ctime;
+    char buffer[32];
+    time_text_iso(packed_from_time(seconds), iso);
+    time_ctime_text(seconds, ctime);
+    EXPECT_EQ(iso + "|" + time_local_text(seconds, buffer) + "|" + ctime, expected) << seconds;
+  }
 }
 
 TEST(MessageFormat, CutsAtTheBufferEnd) {
-  const std::string text = format_message("%sDownload error: %s", "", std::string(5000, 'x').c_str());
-  EXPECT_EQ(text.size(), message_buffer_size - 1);
+  for (const size_t size : {message_buffer_size - 2, message_buffer_size - 1, message_buffer_size, size_t{5000}}) {
+    const std::string text = std::string(size - 1, 'x') + "y";
+    EXPECT_EQ(format_message("%s", text.c_str()), text.substr(0, message_buffer_size - 1)) << size;
+  }
 }
 
 TEST(FileHelpers, DurableWriteReplacesOnlyWithAWholeFile) {
@@ -176,6 +223,40 @@ TEST(FileHelpers, DurableWriteReplacesOnlyWithAWholeFile) {
   // The longer companion left behind is cut by the next write.
   EXPECT_EQ(write_file_atomically(p, {"third"}), atomic_write_t::done);
   EXPECT_EQ(read_file(p), "third");
+  // Files around the read buffer's 64 KiB come back whole.
+  for (const size_t size : {size_t{65535}, size_t{65536}, size_t{65537}, size_t{3} << 16}) {
+    std::string text(size - 1, 'a'), back = "stale";
+    text += 'z';
+    EXPECT_TRUE(write_file_atomically(p, {text}) == atomic_write_t::done && read_whole_file(p, back) && back == text)
+        << size;
+  }
+}
+
+TEST(FileHelpers, HexTextPutsTheSeparatorOnlyBetweenBytes) {
+  const unsigned char bytes[] = {0xAB, 0x01, 0x0F};
+  const std::tuple<size_t, char, const char*> rows[] = {
+      {3, ':', "=AB:01:0F"}, {3, 0, "=AB010F"}, {1, ':', "=AB"}, {0, ':', "="}};
+  for (const auto& [count, separator, expected] : rows) {
+    std::string text = "=";
+    hex_text(bytes, count, text, separator);
+    EXPECT_EQ(text, expected) << count;
+  }
+}
+
+// A counted text is read only when all of it is there; a refused read moves
+// nothing, and a length near 2^32 does not wrap the position.
+TEST(ByteReader, ReadsCountedTextsNoFurtherThanTheEnd) {
+  const auto counted = [](const std::string& text) { std::string bytes; append_counted(bytes, text); return bytes; };
+  const std::pair<std::string, std::string> rows[] = {  // the bytes; texts read, then a "+" per byte left
+      {"", ""}, {"abc", "+++"}, {counted(""), "[]"}, {counted("abc"), "[abc]"}, {counted("abc").substr(0, 6), "++++++"},
+      {counted("abc") + "x", "[abc]+"}, {counted("a") + counted("bc"), "[a][bc]"}, {std::string(4, '\xff') + "ab", "++++++"}};
+  for (const auto& [bytes, expected] : rows) {
+    byte_reader_t reader(bytes);
+    std::string read, text;
+    while (reader.counted(text)) read += "[" + text + "]";
+    for (uint8_t byte; reader.number(byte);) read += "+";
+    EXPECT_EQ(read, expected);
+  }
 }
 
 }  // namespace
@@ -203,6 +284,7 @@ TEST_F(FileOps, WriterWithDenyWriteKeepsOtherWritersOutButNotReaders) {
   // A second writer is refused at once, and its "w" does not truncate.
   EXPECT_EQ(open_file(p.c_str(), "wb", true), nullptr);
   EXPECT_EQ(open_file(p.c_str(), "r+b", true), nullptr);
+  EXPECT_EQ(fopen_utf8(p.c_str(), "wb", sizeof "wb"), nullptr);  // the module's own opens ask alike
   EXPECT_EQ(read_file(p), "partial");
   EXPECT_TRUE(file_t(open_file(p.c_str(), "rb", true)));
   holder.reset();
@@ -220,6 +302,8 @@ TEST_F(FileOps, WritersGoNeitherThroughALinkNorToASecondName) {
 
 // The digits example of GOST R 34.11-2012, in each type and decoration form.
 TEST(CalcHash, HashesTheStandardExampleInEveryTypeAndDecoration) {
+  // The agent may have set the library up before the module.
+  gcry_check_version(nullptr), gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
   fixtures::scratch_dir_t dir;
   const std::string path = dir.write("m1", "012345678901234567890123456789012345678901234567890123456789012");
   const std::string gost256 = "9d151eefd8590b89daa6ba6cb74af9275dd051026bb149a452fd84e5e57b5500";
@@ -270,10 +354,15 @@ TEST(CalcHash, FailsWithoutTouchingTheResultAndNamesTypesInEveryForm) {
   const std::pair<std::string, std::string> rows[] = {
       {"gost3411_512_2012", "#GOST3411_512_2012:"},
       {std::string(128, 'F'), "#GOST3411_512_2012:"},  // a bare digest by its length
+      {std::string(62, '0') + "9f", "#GOST3411_256_2012:"},
       {std::string(63, 'a') + "g", ""},
       {"SHA256 ", ""},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(getHashTypeDecorStr(text), expected) << "'" << text << "'";
+  // Set up by the module as its manual asks, so that another user in the process leaves it be.
+  std::string result;
+  EXPECT_TRUE(HashFileChecker::CalcHash(dir.write("f", "x"), "", result) &&
+              gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P));
 }
 
 }  // namespace

@@ -10,7 +10,9 @@
 #include <chrono>
 #include <filesystem>
 #include <random>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 #include <curl/curl.h>
 
@@ -180,12 +182,54 @@ TEST_F(Download, FailuresUseEveryAttemptButATargetThatCannotBeOpened) {
   EXPECT_EQ(logged("can't open file for writing"), 1u);  // no further attempt
 }
 
+// A text past its limit is cut one byte beyond it, for the caller to see.
+TEST_F(Download, TextFetchKeepsAtMostOneByteBeyondTheLimit) {
+  ASSERT_TRUE(start_nginx());
+  const std::tuple<const char*, size_t, text_fetch_t, size_t> rows[] = {  // path, limit, outcome, bytes kept
+      {"/f.bin", 2999, text_fetch_t::fetched, 3000}, {"/f.bin", 3000, text_fetch_t::fetched, 3000},
+      {"/f.bin", 3001, text_fetch_t::fetched, 3000}, {"/f.bin", 0, text_fetch_t::fetched, 1},
+      {"/missing", 3000, text_fetch_t::missing, 0}};
+  for (const auto& [path, limit, outcome, kept] : rows) {
+    std::string text = "stale", reason;
+    EXPECT_EQ(fetch_text(handle, nginx.url(path), quick_params(), limit, 0, text, reason), outcome) << limit;
+    EXPECT_TRUE(text == source.substr(0, kept)) << limit << ": " << text.size();
+  }
+}
+
+// Pieces that pass the end of the hash's 4 MiB ring, fill it exactly or
+// outgrow it hash as the bytes on disk do, whether the ring is empty or full
+// when they come: a second attempt goes on where the first left the ring.
+TEST(BodyHash, PiecesAcrossTheRingsEndHashAsTheFileDoes) {
+  fixtures::scratch_dir_t dir;
+  std::string bytes((size_t{9} << 20) + 17, '\0');
+  for (std::mt19937 engine(3); auto& b : bytes) b = static_cast<char>(engine());
+  const std::string path = dir.write("f", bytes);
+  std::string on_disk;
+  ASSERT_TRUE(HashFileChecker::CalcHash(path, "", on_disk));
+  const size_t ring = size_t{4} << 20;
+  for (const auto& [first, piece] : {std::pair{ring - 10, size_t{1000003}}, {ring, ring}, {size_t{1}, ring + 1}}) {
+    body_hash_t hash("", "f");
+    hash.begin(path, 0);
+    hash.add(bytes.data(), first);
+    hash.end();
+    hash.begin(path, first);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the hash waits for bytes, as behind a slow server
+    for (size_t at = first; at < bytes.size(); at += piece) hash.add(bytes.data() + at, std::min(piece, bytes.size() - at));
+    std::string streamed;
+    EXPECT_TRUE(hash.result(bytes.size(), streamed) && streamed == on_disk && !hash.result(bytes.size(), streamed))
+        << piece;  // and the state is spent
+  }
+}
+
 // The progress callback sees the stop; no further attempt follows although
 // attempts are left, and the partial file stays, with a hash of what it holds.
+// Meanwhile the connection probes a silent server: its timer in
+// /proc/net/tcp is the keepalive one (2).
 TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
   ASSERT_TRUE(serve({"trickle&chunk=10&interval_ms=50"}));
   file_status_t& entry = make_current_file("f.bin");
   std::atomic<bool> done{false};
+  std::string timer;
   std::thread stopper([&] {
     for (auto end = clock_type::now() + std::chrono::seconds(20); !done && clock_type::now() < end;) {
       {
@@ -194,6 +238,12 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    std::istringstream tcp(read_file("/proc/net/tcp"));
+    const unsigned long port = std::stoul(server.url("").substr(server.url("").rfind(':') + 1));
+    for (std::string line, sl, local, remote, state, queues, times; std::getline(tcp, line);)
+      if (std::istringstream(line) >> sl >> local >> remote >> state >> queues >> times && state == "01" &&
+          std::stoul(remote.substr(remote.find(':') + 1), nullptr, 16) == port)
+        timer = times.substr(0, 2);
     fini();
   });
   auto start = clock_type::now();
@@ -204,6 +254,7 @@ TEST_F(Download, StopDuringTransferAbortsWithoutFurtherAttempt) {
   EXPECT_LT(clock_type::now() - start, std::chrono::seconds(10));
   EXPECT_EQ(logged("Download begin"), 1u);
   EXPECT_EQ(reported(), "Download error: " + server.url() + " -> Callback aborted");
+  EXPECT_EQ(timer, "02");
   EXPECT_GE(disk_size(target), 20);
   std::string streamed, on_disk;
   EXPECT_TRUE(hash.result(disk_size(target), streamed) && HashFileChecker::CalcHash(target, "", on_disk));
@@ -224,7 +275,8 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
     double dlnow;
     bool legacy, flushed;
   } rows[] = {{999, false, false},  {1000, false, true}, {1999, false, false},  {2000, false, true},
-              {2600, false, false}, {3500, false, true}, {4499.9, true, false}, {4500, true, true}};
+              {2600, false, false}, {3500, false, true}, {4499.9, true, false}, {4500, true, true},
+              {9223372036854775808.0, true, true}};  // 2^63 counts as the largest size, not a negative one
   int64_t written = 0;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.dlnow);
@@ -237,7 +289,7 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
     EXPECT_EQ(disk_size(path), row.flushed ? written : before);
   }
   std::fclose(file);
-  EXPECT_TRUE(entry.download_size == 4500 && entry.total_size == 7) << entry.download_size << " " << entry.total_size;
+  EXPECT_TRUE(entry.download_size == INT64_MAX && entry.total_size == 7) << entry.download_size << " " << entry.total_size;
 }
 
 TEST(UriJoin, KeepsTheQueryAtTheEnd) {
@@ -414,14 +466,17 @@ TEST_F(DownloadStage, VerifiesInTheTypeTheDescriptionNames) {
   }
 }
 
-// A server that sends too little for the file's size is cut at the time the size gives, with the
-// low-speed limit off.
-TEST_F(DownloadStage, DripIsCutAtTheTimeTheSizeGives) {
-  ASSERT_TRUE(serve({"trickle&chunk=10&interval_ms=50"}));
-  file_rule_t& rule = rule_of(server.url("/"), {"f.bin"});
-  ini.connect_timeout = 1, ini.download_lowtime = 0, ini.download_lowspeed = 6000;  // 1 s + 2 x 3000 / 6000 s
-  run(rule);
-  EXPECT_NE(entry("f.bin").error.find("Operation timed out after"), std::string::npos) << entry("f.bin").error;
+// A server that sends too little is cut by the low-speed limit, or with that limit off at the time
+// the file's size gives: 1 s + 2 x 3000 / 6000 s.
+TEST_F(DownloadStage, DripIsCutByTheLowSpeedLimitOrAtTheTimeTheSizeGives) {
+  ASSERT_TRUE(serve({"trickle&chunk=10&interval_ms=50", "trickle&chunk=10&interval_ms=50"}));
+  for (const auto& [lowtime, cut] : {std::pair{0, "Operation timed out after"}, {1, "Operation too slow"}}) {
+    SetUp();
+    file_rule_t& rule = rule_of(server.url("/"), {"f.bin"});
+    ini.connect_timeout = 1, ini.download_lowtime = lowtime, ini.download_lowspeed = 6000;
+    run(rule);
+    EXPECT_NE(entry("f.bin").error.find(cut), std::string::npos) << entry("f.bin").error;
+  }
 }
 
 TEST(FileLimits, CountLibcurlsOwnConnectLimitAtLeastOneByteASecondAndNeverWrap) {
