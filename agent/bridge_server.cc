@@ -46,7 +46,7 @@ struct connection_t {
   const int fd;
   const uint64_t number;
   const peer_t peer;
-  std::mutex write_lock;  // one frame at a time on the socket
+  std::mutex write_lock;  // one frame at a time on the socket; taken before bridge_t::lock, never inside it
   std::thread reader;     // joined by the acceptor or by stop_bridge
   bool gone = false;      // guarded by bridge_t::lock
   uint64_t answering = 0;  // guarded by bridge_t::lock; when it offered answers, 0 never
@@ -191,15 +191,17 @@ void offer_answers(const std::shared_ptr<connection_t>& connection, const frame_
                (b.group.empty() ? std::string() : " or the group " + b.group) + " answer the update's questions");
     return;
   }
-  // The reply goes first: a question sent the moment the offer counts must
-  // not reach a client still waiting for that reply, which would decline it.
+  // The offer counts and its reply goes out under the connection's write
+  // lock: a question for this client is written only behind the reply (a
+  // client still waiting for it would decline the question), and one sent
+  // once the client has the reply goes to it.
+  std::lock_guard<std::mutex> write(connection->write_lock);
   {
-    std::lock_guard<std::mutex> hold(connection->write_lock);
-    if (!write_frame(connection->fd, {frame_command_reply, frame.serial, 1, {}})) return;
+    std::lock_guard<std::mutex> hold(b.lock);
+    connection->answering = b.next_offer++;
+    b.changed.notify_all();
   }
-  std::lock_guard<std::mutex> hold(b.lock);
-  connection->answering = b.next_offer++;
-  b.changed.notify_all();
+  write_frame(connection->fd, {frame_command_reply, frame.serial, 1, {}});
 }
 
 bool may_send(const connection_t& connection, uint32_t code) {
@@ -330,25 +332,31 @@ void accept_clients() {
     const timeval send_limit{send_time_limit_s, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
     const peer_t peer = peer_of(fd);
-    std::lock_guard<std::mutex> hold(b.lock);
-    auto connection = std::make_shared<connection_t>(fd, b.next_number++, peer);
-    const std::string refusal = over_limit(b, peer);
-    if (!refusal.empty()) {
-      // A flood of refused peers gets one line a second, not one each.
-      const auto now = std::chrono::steady_clock::now();
-      if (now - last_refusal_logged >= std::chrono::seconds(1)) {
-        log_notice(client_name(*connection) + " refused: " + refusal +
-                   (unlogged_refusals ? " (and " + std::to_string(unlogged_refusals) + " more before)" : ""));
-        last_refusal_logged = now;
-        unlogged_refusals = 0;
-      } else {
-        ++unlogged_refusals;
+    std::shared_ptr<connection_t> connection;
+    std::string refusal;
+    {
+      std::lock_guard<std::mutex> hold(b.lock);
+      connection = std::make_shared<connection_t>(fd, b.next_number++, peer);
+      refusal = over_limit(b, peer);
+      if (refusal.empty()) {
+        connection->reader = std::thread(serve_client, connection);
+        b.connections.push_back(connection);
+        continue;
       }
-      refuse(*connection, 0, refusal);
-      continue;
     }
-    connection->reader = std::thread(serve_client, connection);
-    b.connections.push_back(std::move(connection));
+    // A flood of refused peers gets one line a second, not one each. The
+    // refusal is written outside the bridge's lock: that lock may be taken
+    // inside a connection's write lock, never the other way round.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last_refusal_logged >= std::chrono::seconds(1)) {
+      log_notice(client_name(*connection) + " refused: " + refusal +
+                 (unlogged_refusals ? " (and " + std::to_string(unlogged_refusals) + " more before)" : ""));
+      last_refusal_logged = now;
+      unlogged_refusals = 0;
+    } else {
+      ++unlogged_refusals;
+    }
+    refuse(*connection, 0, refusal);
   }
 }
 
