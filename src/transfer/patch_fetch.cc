@@ -123,7 +123,11 @@ bool apply(const file_entry_t& entry, const std::string& patch_path, const std::
                                           hash.add(reinterpret_cast<const char*>(bytes), count);
                                           return true;
                                         });
-  const bool written = std::fflush(out.get()) == 0 && std::fclose(out.release()) == 0;
+  bool written = std::fflush(out.get()) == 0;
+  // The disk takes the result while the hash catches up, so that the sync
+  // after finds little to do.
+  if (written) platform::start_writeback(out.get());
+  written = std::fclose(out.release()) == 0 && written;
   hash.end();
   if (!error.empty()) {
     why = "patch does not apply: " + error;
