@@ -8,7 +8,9 @@
 // type (GOST R 34.11-2012) and in SHA-256. Prints bytes fetched, the times of
 // the update (the module's run from its log, process start and exit left
 // out; medians of alternating runs, and net of a run that fetches nothing),
-// the time to make the patch and the agent's peak RSS. Goals: bytes at most 1.1
+// the time to make the patch and the agent's peak RSS, with the floor of the
+// patched update's time (one pass of the file's hash, which checks the
+// result) and the machine's load around the runs. Goals: bytes at most 1.1
 // times bsdiff's patch, the update in at most 0.2 of the whole file's time,
 // peak RSS at most the file's size plus 32 MiB. Exits 1 only when an update
 // ends with the wrong bytes.
@@ -22,6 +24,7 @@
 
 #include "bench/bench_support.h"
 #include "fixtures/nginx_server.h"
+#include "platform/hash_file.h"
 #include "sign/patch_make.h"
 
 namespace {
@@ -163,10 +166,31 @@ bool publish(const fixtures::nginx_server_t& nginx, const std::string& work, con
 
 struct measured_t {
   uint64_t bsdiff = 0, ours = 0, fetched_patch = 0, fetched_whole = 0;
-  double bsdiff_s = 0, make_s = 0, patch_s = 0, whole_s = 0, idle_s = 0, rss = 0, idle_rss = 0;
+  double bsdiff_s = 0, make_s = 0, patch_s = 0, whole_s = 0, idle_s = 0, rss = 0, idle_rss = 0, hash_s = 0;
   bool ok = true;
   std::string runs;  // every run's seconds
+  std::string load;  // the load average before and after the runs
 };
+
+// The system's load average over the last minute, as uptime shows it.
+std::string load_average() {
+  std::string text = fixtures::read_file("/proc/loadavg");
+  return text.substr(0, text.find(' '));
+}
+
+// One pass of the file's hash of type over bytes already in memory: the
+// patched update checks its result with it, so no update by patch is faster.
+double hash_seconds(const std::string& bytes, const std::string& type, int runs) {
+  std::vector<double> times;
+  for (int i = 0; i < runs; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    update::platform::running_hash_t hash(type);
+    hash.add(bytes.data(), bytes.size());
+    hash.result();
+    times.push_back(seconds_since(start));
+  }
+  return median(times);
+}
 
 // The anchor's patch and ours, their sizes and the time to make them.
 void make_patches(const pair_t& pair, const std::string& work, measured_t& m) {
@@ -202,6 +226,7 @@ void update_agents(const pair_t& pair, const std::string& work, int runs, const 
   m.ok = run_child({host, "--root", base, "--answer", "yes", "install", nginx.url("/v1/")}, work + "/host.err").ok;
   size_t seen = 0;
   bytes_since(nginx, seen);
+  const std::string load = load_average();
   // A fresh copy of that agent runs one download; the time is its module's run.
   auto update_from = [&](const char* dir, uint64_t& fetched) {
     fs::remove_all(agent);
@@ -226,6 +251,7 @@ void update_agents(const pair_t& pair, const std::string& work, int runs, const 
       side.rss = std::max(side.rss, run.rss_mib);
       if (&side != &sides[2]) m.ok = m.ok && run.ok && bench::same_files(agent + "/var/update/lib.so", pair.new_path);
     }
+  m.load = load + " before, " + load_average() + " after";
   m.fetched_patch = sides[0].fetched, m.fetched_whole = sides[1].fetched;
   m.patch_s = median(sides[0].times), m.whole_s = median(sides[1].times), m.idle_s = median(sides[2].times);
   m.rss = sides[0].rss, m.idle_rss = sides[2].rss;
@@ -263,6 +289,7 @@ int main(int argc, char** argv) {
     make_patches(pair, work, made);
     ok = ok && made.ok;
     std::printf("\n  %s (%s), %" PRIu64 " bytes\n", pair.name.c_str(), pair.versions.c_str(), size);
+    const std::string new_bytes = fixtures::read_file(pair.new_path);
     std::printf("    patch: bsdiff %" PRIu64 " bytes (%.2f s), ours %" PRIu64
                 " bytes (%.2f s to make), %.3f of bsdiff\n",
                 made.bsdiff, made.bsdiff_s, made.ours, made.make_s,
@@ -270,6 +297,7 @@ int main(int argc, char** argv) {
     for (const char* type : {"#GOST3411_256_2012:", "#SHA256:"}) {
       measured_t m = made;
       update_agents(pair, work, runs, type, m);
+      m.hash_s = hash_seconds(new_bytes, type, runs);
       ok = ok && m.ok;
       const double bytes_ratio = static_cast<double>(m.fetched_patch) / static_cast<double>(m.bsdiff);
       const double time_ratio = m.patch_s / m.whole_s, net_ratio = (m.patch_s - m.idle_s) / (m.whole_s - m.idle_s);
@@ -281,6 +309,9 @@ int main(int argc, char** argv) {
                   m.whole_s, time_ratio, m.idle_s);
       std::printf("      net of the run that fetches nothing: %.3f (<= 0.20) %s\n", net_ratio,
                   bench::verdict(net_ratio <= 0.20));
+      std::printf("      floor: the file's hash alone %.3f s (%.3f of the whole file's time), the patch's transfer %.3f s;"
+                  " load average %s\n",
+                  m.hash_s, m.hash_s / m.whole_s, static_cast<double>(m.fetched_patch) / link_rate, m.load.c_str());
       std::printf("      peak RSS by patch %.1f MiB (<= %.1f) %s, of a run that fetches nothing %.1f MiB   %s\n", m.rss,
                   rss_limit, bench::verdict(m.rss <= rss_limit), m.idle_rss, m.ok ? "bytes equal" : "WRONG");
       std::printf("      %s\n", m.runs.c_str());

@@ -40,7 +40,8 @@ void check_invariants(const update::status_t& status) {
   for (const auto& f : status.files) {
     check(f.state >= 0 && f.state <= 6, "a file state is in range");
     check(f.type == 0 || f.type == 1, "a type is 0 or 1");
-    check((f.download_size >> 63) == 0 && (f.total_size >> 63) == 0, "a size fits the size rule");
+    check((f.download_size >> 63) == 0 && (f.total_size >> 63) == 0 && (f.base_size >> 63) == 0,
+          "a size fits the size rule");
   }
   for (const auto& [file, list] : status.hashes.entries) {
     check(!file.empty(), "a hash belongs to a file");
@@ -75,6 +76,7 @@ void make_record(update::status_t& status, FuzzedDataProvider& in) {
     f.current_version = text(in), f.update_version = text(in), f.download_hash = text(in);
     f.download_size = in.ConsumeIntegral<uint64_t>(), f.total_size = in.ConsumeIntegral<uint64_t>();
     f.uri = text(in), f.error = text(in);
+    f.base_hash = text(in), f.base_size = in.ConsumeIntegral<uint64_t>();
     f.installed_time = text(in), f.uptodate_time = text(in);
   }
   for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n) status.hashes.store(text(in), text(in));
@@ -97,10 +99,13 @@ void check_written_and_read(const update::status_t& made, const update::status_t
   for (const auto& r : read.files) {
     check(r.name == f->name && r.current_version == f->current_version && r.update_version == f->update_version &&
               r.download_hash == f->download_hash && r.uri == f->uri && r.error == f->error &&
+              r.base_hash == f->base_hash &&
               r.installed_time == f->installed_time && r.uptodate_time == f->uptodate_time,
           "file texts");
     check(r.type == (f->type == 1) && r.state == (f->state >= 1 && f->state <= 6 ? f->state : 0), "type and state");
-    check(r.download_size == kept_size(f->download_size) && r.total_size == kept_size(f->total_size), "sizes");
+    check(r.download_size == kept_size(f->download_size) && r.total_size == kept_size(f->total_size) &&
+              r.base_size == kept_size(f->base_size),
+          "sizes");
     ++f;
   }
   check(read.hashes.entries == made.hashes.entries, "hashes");

@@ -22,9 +22,6 @@ namespace {
 
 constexpr int exit_ok = 0, exit_failed = 1;
 constexpr const char* default_type = "#GOST3411_256_2012:";
-// A base's hash only picks the patch, whose result the file's own hash
-// checks; the fastest type the agents know spares them most of a pass.
-constexpr const char* base_type = "#SHA256:";
 
 // The description as lines, so that what the release does not change (order,
 // comments, other keys) stays as the publisher wrote it.
@@ -233,7 +230,9 @@ bool release_file(const std::string& dir, const std::vector<std::string>& previo
     const std::string base = old_dir + "/" + file.where;
     std::string base_hash, error;
     if (!platform::path_exists(base.c_str())) continue;
-    if (!hash_file(base, base_type, base_hash)) {
+    // In the file's own type, the one an agent recorded when it downloaded
+    // the base: then it picks the patch without reading the base.
+    if (!hash_file(base, type, base_hash)) {
       std::fprintf(stderr, "corvid-update-sign: cannot read %s\n", base.c_str());
       return false;
     }

@@ -28,28 +28,39 @@ void log_update_version_changed(const std::string& name, const std::string& now,
 }
 
 // What was fetched for an update that no longer stands goes. With
-// keep_base, the last whole download stays for a patch to apply to.
-void drop_download(file_status_t& f, const file_entry_t& entry, bool keep_base = false) {
-  if (keep_base)
-    remove_partial_download(entry.local_path, f.update_version);
-  else
+// keep_base, the last whole download stays for a patch to apply to, and
+// when the status describes it (placed: it was downloaded whole, so it is
+// the file at the entry's place), the status remembers it as the base.
+void drop_download(file_status_t& f, const file_entry_t& entry, bool keep_base = false, bool placed = false) {
+  if (!keep_base) {
     remove_download(entry.local_path, f.update_version);
+    f.base_hash.clear();
+    f.base_size = 0;
+  } else {
+    remove_partial_download(entry.local_path, f.update_version);
+    if (placed && !f.download_hash.empty() && f.download_size != 0) {
+      f.base_hash = f.download_hash;
+      f.base_size = f.download_size;
+    }
+  }
   forget_download(f);
 }
 
 // The update is still needed. REQUIRES: status lock held.
 void plan_needed(file_status_t& f, const file_entry_t& entry, const file_rule_t& rule) {
+  const bool placed = f.state == file_uptodate || f.state == file_downloaded || f.state == file_install ||
+                      f.state == file_installed;
   if (f.state == file_uptodate) f.state = file_outofdate;
   if (!f.update_version.empty() && f.update_version != rule.update_version) {
     log_update_version_changed(entry.name, rule.update_version, f);
-    drop_download(f, entry, !entry.patches.empty());
+    drop_download(f, entry, !entry.patches.empty(), placed);
     f.state = file_undecided;
   } else if (!f.download_hash.empty() && !entry.hash.empty() && !hash_equal(entry.hash, f.download_hash)) {
     notice(format_message("[%s] hash of downloaded file changed: %s, was: %s, state: %s, current version: %s, "
                           "update version: %s",
                           entry.name.c_str(), entry.hash.c_str(), f.download_hash.c_str(), state_of(f),
                           f.current_version.c_str(), f.update_version.c_str()));
-    drop_download(f, entry, !entry.patches.empty());
+    drop_download(f, entry, !entry.patches.empty(), placed);
     f.state = file_undecided;
   }
   f.update_version = rule.update_version;

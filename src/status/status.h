@@ -62,6 +62,11 @@ struct file_status_t {
   uint64_t download_size = 0;
   uint64_t total_size = 0;
   std::string uri;
+  // The last whole download, which stays at the entry's place for a patch
+  // once planning has forgotten it: its hash and size, so that the patch's
+  // base needs no reading.
+  std::string base_hash;
+  uint64_t base_size = 0;
   std::string error;
   std::string installed_time;
   std::string uptodate_time;

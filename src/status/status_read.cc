@@ -67,6 +67,8 @@ file_status_t read_file_entry(const XMLDeclaration& element) {
   file.download_size = read_size(element, "download_size");
   file.total_size = read_size(element, "total_size");
   read_text(element, "uri", file.uri);
+  read_text(element, "base_hash", file.base_hash);
+  file.base_size = read_size(element, "base_size");
   const char* type = element.FindAttribute("type");
   file.type = type && std::strcmp(type, agent_type_text) == 0 ? 1 : 0;
   read_text(element, "installed_time", file.installed_time);

@@ -95,6 +95,8 @@ void render_file(std::string& out, const file_status_t& f) {
   append_size_file_attr(out, "download_size", f.download_size);
   append_size_file_attr(out, "total_size", f.total_size);
   append_file_attr(out, "uri", f.uri);
+  append_file_attr(out, "base_hash", f.base_hash);
+  append_size_file_attr(out, "base_size", f.base_size);
   if (f.type == 1) {
     open_file_attr(out, "type");
     out += agent_type_text;

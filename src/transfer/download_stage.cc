@@ -153,6 +153,8 @@ void download_rule(file_rule_t& rule, CURL* handle) {
       f.download_size = size;
       f.total_size = size;
       f.download_hash = calculated;
+      f.base_hash.clear();
+      f.base_size = 0;
       status.save_change();
     }
     entry.ready = true;

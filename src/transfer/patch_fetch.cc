@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "facts/stop_flag.h"
@@ -40,6 +41,16 @@ const patch_t* patch_for_base(const file_entry_t& entry, std::string& why) {
     return nullptr;
   }
   std::map<std::string, std::string> hashes;  // the file's hash by type, each made once
+  {
+    // The status vouches for the last whole download while the file has its
+    // size, so that it is not read; a base changed behind its back makes a
+    // result that fails its check. A file of the promised size may be the
+    // promised file itself, placed by a run that died before it said so.
+    std::lock_guard<std::recursive_mutex> hold(status.lock);
+    const file_status_t& f = status.file_entry(entry.name);
+    if (!f.base_hash.empty() && f.base_size == size && size != entry.size)
+      hashes.emplace(getHashTypeDecorStr(f.base_hash), f.base_hash);
+  }
   auto hash_in = [&](const std::string& type) -> const std::string* {
     auto [known, fresh] = hashes.try_emplace(getHashTypeDecorStr(type));
     if (fresh && !hash_of(entry, entry.local_path, type, known->second)) {
@@ -112,7 +123,11 @@ bool apply(const file_entry_t& entry, const std::string& patch_path, const std::
                                           hash.add(reinterpret_cast<const char*>(bytes), count);
                                           return true;
                                         });
-  const bool written = std::fflush(out.get()) == 0 && std::fclose(out.release()) == 0;
+  bool written = std::fflush(out.get()) == 0;
+  // The disk takes the result while the hash catches up, so that the sync
+  // after finds little to do.
+  if (written) platform::start_writeback(out.get());
+  written = std::fclose(out.release()) == 0 && written;
   hash.end();
   if (!error.empty()) {
     why = "patch does not apply: " + error;

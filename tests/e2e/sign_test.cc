@@ -137,11 +137,11 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
        "[corvid]\nmessage=m\n[corvid.file=b.bin]\nupdate_version=2\ndownload_uri=s/b.bin\ndownload_hash=#SHA256:H\n"
        "filesize=3000\ndownload_patch=#SHA256:H, N, #SHA256:H, s/b.bin.D.patch\nexec=y\n\n[corvid.file=a.bin]\n"
        "exec=x\nupdate_version=2\ndownload_hash=#GOST3411_256_2012:H\nfilesize=3000\n"
-       "download_patch=#SHA256:H, N, #GOST3411_256_2012:H, a.bin.D.patch\n"},
+       "download_patch=#GOST3411_256_2012:H, N, #GOST3411_256_2012:H, a.bin.D.patch\n"},
       {"[corvid]\nversion.1=2\nfile.1=s/b.bin,a.bin\npatch.1=a.bin , #SHA256:1, 9, #SHA256:2, gone\nexec.1=x\n",
        "[corvid]\nversion.1=2\nfile.1=s/b.bin,a.bin\nhash.1=#GOST3411_256_2012:H,#GOST3411_256_2012:H\n"
-       "filesize.1=3000,3000\npatch.1=b.bin, #SHA256:H, N, #GOST3411_256_2012:H, s/b.bin.D.patch\n"
-       "patch.1=a.bin, #SHA256:H, N, #GOST3411_256_2012:H, a.bin.D.patch\nexec.1=x\n"},
+       "filesize.1=3000,3000\npatch.1=b.bin, #GOST3411_256_2012:H, N, #GOST3411_256_2012:H, s/b.bin.D.patch\n"
+       "patch.1=a.bin, #GOST3411_256_2012:H, N, #GOST3411_256_2012:H, a.bin.D.patch\nexec.1=x\n"},
   };
   for (const auto& [before, after] : rows) {
     dir_.write("new/update.ini", before);

@@ -25,6 +25,8 @@ struct row_t {
   file_state_t to;
   bool download_kept;  // the partial and the finished file are still there
   const char* logged;  // a text the decision logs, or ""
+  bool patched = false;        // the rule offers a patch: the finished file stays as its base
+  const char* base = nullptr;  // then the base the status records (it recorded "#T:0" before)
 };
 
 TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
@@ -55,6 +57,10 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
       {file_installed, no_entries, true, file_installed, true, ""},
       {file_outofdate, no_entries, false, file_uptodate, true, "[f] current version changed: 2, was: 0.9"},
       {file_uptodate, no_entries, false, file_uptodate, true, "[f] current version changed: 2, was: 0.9"},
+      {file_uptodate, version_raised, true, file_outofdate, false, "[f] update version changed", true, "#T:aa"},
+      {file_installed, version_raised, true, file_outofdate, false, "[f] update version changed", true, "#T:aa"},
+      {file_downloaded, hash_changed, true, file_outofdate, false, "hash of downloaded file changed", true, "#T:aa"},
+      {file_download, version_raised, true, file_outofdate, false, "[f] update version changed", true, "#T:0"},
   };
   for (const auto& row : rows) {
     reset_module_for_tests();
@@ -73,6 +79,7 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
     entry.local_path = dir.path("f");
     entry.hash = row.change == hash_changed ? "#T:bb" : row.change == hash_case_only ? "AA" : "#T:aa";
     entry.size = row.change == size_changed ? 20 : 10;
+    if (row.patched) entry.patches.emplace_back();
     if (row.change != no_entries) rule.entries.push_back(entry);
     {
       std::lock_guard<std::recursive_mutex> hold(status.lock);
@@ -81,7 +88,8 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
       f.state = row.from;
       f.update_version = old_version;
       f.download_hash = "#T:aa";
-      f.total_size = 10;
+      f.download_size = f.total_size = 10;
+      f.base_hash = "#T:0";
       f.uptodate_time = "then";
       f.error = "old error";
       f.current_version = row.change == record_changed || row.change == no_entries ? "0.9" : row.needed ? "1" : "2";
@@ -99,8 +107,9 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
     EXPECT_EQ(f.error, "") << what;
     EXPECT_EQ(access(partial.c_str(), F_OK) == 0, row.download_kept) << what;
     if (row.change != file_gone) {
-      EXPECT_EQ(access(dir.path("f").c_str(), F_OK) == 0, row.download_kept) << what;
+      EXPECT_EQ(access(dir.path("f").c_str(), F_OK) == 0, row.download_kept || row.patched) << what;
     }
+    EXPECT_EQ(f.base_hash, row.patched ? row.base : row.download_kept ? "#T:0" : "") << what;
     EXPECT_EQ(f.download_hash.empty(), !row.download_kept) << what;
     // A needed file always learns the rule's size.
     EXPECT_EQ(f.total_size, row.needed ? entry.size : row.download_kept ? 10u : 0u) << what;

@@ -20,7 +20,8 @@ void fill_all() {
   status.start_time = "2026-01-02T03:04:05";
   status.messages = {{"", "", 0}, {"u\"<&>", "t\"<&>\xd0\xb6", status_install}, {"x", "bad", 42}};
   status.files.push_back({"n\"a<m>e&\r\t\n", 1, file_install, "1.0\r\x01", "2.0\"<&>", "#H:\"<&>", 0,
-                          18446744073709551ull, 7, "x/a?b=1&c=2", "e\"<&>\r\n\t\x1f", "2024-01-01T00:00:00", "2024-01-02T00:00:00", true});
+                          18446744073709551ull, 7, "x/a?b=1&c=2", "#B:<", 9, "e\"<&>\r\n\t\x1f", "2024-01-01T00:00:00",
+                          "2024-01-02T00:00:00", true});
   status.file_entry("undecided");  // state 0, not available: written all the same
   status.file_entry("installed").state = file_installed;
   status.hashes.entries["k\"&"] = {"#T:", "#T:h<\">"};
@@ -34,7 +35,8 @@ const char all_text[] =
     "<file name=\"n&quot;a&lt;m&gt;e&amp;&#13;&#9;&#10;\" state=\"install\"\n"
     "\tcurrent_version=\"1.0&#13;\xEF\xBF\xBD\"\n\tupdate_version=\"2.0&quot;&lt;&amp;&gt;\"\n"
     "\tdownload_hash=\"#H:&quot;&lt;&amp;&gt;\"\n"
-    "\tdownload_size=\"18446744073709551\"\n\ttotal_size=\"7\"\n\turi=\"x/a?b=1&amp;c=2\"\n\ttype=\"agent\"\n"
+    "\tdownload_size=\"18446744073709551\"\n\ttotal_size=\"7\"\n\turi=\"x/a?b=1&amp;c=2\"\n"
+    "\tbase_hash=\"#B:&lt;\"\n\tbase_size=\"9\"\n\ttype=\"agent\"\n"
     "\tinstalled_time=\"2024-01-01T00:00:00\"\n\tuptodate_time=\"2024-01-02T00:00:00\"\n"
     ">e\"&lt;&amp;&gt;&#13;\n\t\xEF\xBF\xBD</file>\n"
     "<file name=\"undecided\" state=\"\"\n/>\n"

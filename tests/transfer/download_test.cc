@@ -516,12 +516,14 @@ TEST_F(DownloadStage, CommandsGoFirstAndAnOversizedTemporaryFileIsRefetched) {
 }
 
 // A patch serves only when every step holds; in any other case the whole file
-// comes, with one line that says why, and nothing of the patch is left.
+// comes, with one line that says why, and nothing of the patch is left. A
+// base the status recorded as installed is not read to pick the patch.
 TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
   ASSERT_TRUE(start_nginx());
   std::string old = source, changed = source, other = source;
   old.insert(old.begin() + 2000, 40, 'x');
   changed[10] ^= 1, other[2999] ^= 1;
+  const std::string tampered = std::string(old).replace(5, 1, 1, '!');
   auto patch = [](const std::string& from, const std::string& to) {
     std::string bytes, error;
     EXPECT_TRUE(make_patch(reinterpret_cast<const unsigned char*>(from.data()), from.size(),
@@ -534,8 +536,11 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
     std::string served, described;    // the patch on the server (none when empty), and the one the line gives
     uint64_t less = 0;                 // bytes the line's size keeps below the described patch's
     std::string says;                  // the fallback's reason; empty: the patch serves
+    bool installed = false;            // the status records old as downloaded whole, then installed
   } rows[] = {
       {&old, good, good, 0, ""},
+      {&old, good, good, 0, "", true},
+      {&tampered, good, good, 0, "patched file does not match. Calculated: ", true},
       {nullptr, good, good, 0, "no file to patch: " + dir_.path("f.bin")},
       {&changed, good, good, 0, "no patch for the file at hand, whose hash is "},
       {&old, corrupt, good, 0, "patch hash mismatch. Calculated: "},
@@ -546,16 +551,22 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
   };
   // The rule of f.bin with one patch line, what it holds and what is served.
   auto prepare = [&](const std::string* held, const std::string& served, const std::string& described,
-                     uint64_t less) -> file_rule_t& {
+                     uint64_t less, bool installed, const std::string& base) -> file_rule_t& {
     SetUp();
     ini.rules.clear();
+    if (installed) {
+      std::lock_guard<std::recursive_mutex> hold(status.lock);
+      file_status_t& f = status.file_entry("f.bin");
+      f.state = file_uptodate, f.update_version = "1", f.download_size = base.size();
+      HashFileChecker::CalcHash(dir_.write("installed", base), "", f.download_hash);
+    }
     std::filesystem::remove(dir_.path("f.bin"));
     if (held) write_file(dir_.path("f.bin"), *held);
     std::filesystem::remove(nginx.root() + "/f.bin.patch");
     EXPECT_TRUE(served.empty() || nginx.put_file("f.bin.patch", served));
     file_rule_t& rule = rule_of(nginx.url("/"), {"f.bin"});
     patch_t& offered = rule.entries.front().patches.emplace_back();
-    HashFileChecker::CalcHash(dir_.write("base", old), "", offered.base_hash);
+    HashFileChecker::CalcHash(dir_.write("base", base), "", offered.base_hash);
     HashFileChecker::CalcHash(dir_.write("described", described), "", offered.hash);
     offered.uri = nginx.url("/f.bin.patch");
     offered.size = described.size() - less;
@@ -563,17 +574,22 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
   };
   size_t served = 0;
   for (const auto& row : rows) {
-    file_rule_t& rule = prepare(row.held, row.served, row.described, row.less);
+    file_rule_t& rule = prepare(row.held, row.served, row.described, row.less, row.installed, old);
     const std::string line = row.says.empty() ? "[f.bin] patched from " : row.says;
     const size_t lines = logged("patch not used, fetching the whole file: "), said = logged(line);
+    const uint64_t reads = platform::hash_reads_done();
     run(rule);
+    if (row.installed && row.says.empty()) {
+      EXPECT_EQ(platform::hash_reads_done(), reads);
+    }
     EXPECT_EQ(entry("f.bin").state, file_downloaded) << row.says;
     EXPECT_EQ(entry("f.bin").error, "") << row.says;
+    EXPECT_EQ(entry("f.bin").base_hash, "") << row.says;  // the file at its place is the new one
     EXPECT_TRUE(read_file(dir_.path("f.bin")) == source) << row.says;
     EXPECT_EQ(logged("patch not used, fetching the whole file: ") - lines, row.says.empty() ? 0u : 1u) << row.says;
     EXPECT_EQ(logged(line) - said, 1u) << row.says;
     // The patch is asked for only when its base is there; the whole file only when the patch does not serve.
-    const bool base_there = row.held == &old;
+    const bool base_there = row.held == &old || row.installed;
     const auto requests = nginx.requests(served + base_there + !row.says.empty());
     std::string asked;
     for (size_t i = served; i < requests.size(); ++i) asked += requests[i].target + " ";
@@ -583,8 +599,13 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
     for (const char* left : {"f.bin.download.2.patch", "f.bin.download.2.patched", "f.bin.download.2"})
       EXPECT_FALSE(std::filesystem::exists(dir_.path(left))) << left << " " << row.says;
   }
+  // A run that died after the new file took its place, before the status said so, left it to be taken as
+  // it stands, though the status still records a base of its size.
+  run(prepare(&source, patch(other, source), patch(other, source), 0, true, other));
+  EXPECT_EQ(nginx.requests(served).size(), served);
+  EXPECT_EQ(entry("f.bin").state, file_downloaded);
   // A stop is no reason to give up the patch: what came of it stays, without a notice, for the next run.
-  file_rule_t& rule = prepare(&old, good, good, 0);
+  file_rule_t& rule = prepare(&old, good, good, 0, false, old);
   request_stop();
   run(rule);
   clear_stop_request();
@@ -594,7 +615,7 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
   run(rule);
   EXPECT_EQ(entry("f.bin").state, file_downloaded);
   EXPECT_TRUE(read_file(dir_.path("f.bin")) == source);
-  EXPECT_EQ(logged("patch not used"), std::size(rows) - 1);
+  EXPECT_EQ(logged("patch not used"), std::size(rows) - 2);
 }
 
 }  // namespace
