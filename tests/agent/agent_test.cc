@@ -324,7 +324,7 @@ TEST_F(BridgeTest, AsksTheLatestWhoMayAnswerAndLetsRootTakeOver) {
   const agent::frame_t offer{agent::frame_answering, 1, 1, ""};
   EXPECT_EQ(exchange(connect_as(3, 3, {daemon_gid_}), offer),
             "6/1:not permitted: only root, the daemon's user or the group daemon answer the update's questions");
-  const int first = connect_as(65534, daemon_gid_), second = connect_as(1, 1);
+  const int first = connect_as(65534, daemon_gid_), second = connect_as(1, 65534, {daemon_gid_});
   EXPECT_EQ(exchange(first, offer), "2/1:");
   EXPECT_EQ(exchange(second, offer), "2/1:");
   std::string body = "question";

@@ -333,6 +333,92 @@ TEST_F(HostTest, StopStartsNoFurtherCommand) {
   EXPECT_NE(read_file(other + "/var/update/corvid_update_status.xml").find("Update stopped"), std::string::npos);
 }
 
+// Whoever answers the install question: a line that says yes, or the end of
+// the update's own time for it, is a yes; an empty line, Ctrl-C, the end of
+// input, a closed terminal (also for a client that outlives it) or a client
+// that goes away is a no, and nothing runs. With no client the update goes on
+// and the user's command fails; a member of the socket's group runs it as
+// itself. The one-shot takes Ctrl-C or a closed terminal as a stop.
+TEST_F(HostTest, OnlyAYesOrTheUpdatesOwnTimeInstalls) {
+  if (::getuid() != 0) GTEST_SKIP() << "plays another user";
+  serve({});
+  const std::string root = dir_.path("agent"), socket = dir_.path("bridge.sock"), ran = dir_.path("ran/log");
+  std::filesystem::permissions(dir_.path(""), std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  std::filesystem::create_directories(dir_.path("ran"));
+  dir_.write("ran/log", "");
+  std::filesystem::permissions(ran, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write |
+                                        std::filesystem::perms::others_read | std::filesystem::perms::others_write);
+  const std::string ini = "[corvid]\nmessage=Q\nfile.1=a.txt\nexec_sys.1=sh -c \"echo sys >> " + ran +
+                          "\"\nexec_sys_wait.1=1\nexec_user.1=sh -c \"id -u >> " + ran + "\"\nexec_user_wait.1=1\n";
+  ASSERT_TRUE(server_.put_file("ask/a.txt", "a"));
+  const pid_t daemon = fixtures::spawn_child({CORVID_BIN_DIR "/corvid-update", "--root", root, "--socket", socket,
+      "--socket-group", "daemon", "--no-verify", "serve"}, -1, dir_.path("serve.log"));
+  for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const std::string client = CORVID_BIN_DIR "/corvid-update-client --socket " + socket + " update " + server_.url("/ask/");
+  const std::string one_shot = CORVID_BIN_DIR "/corvid-update --root " + dir_.path("one") + " --no-verify --answer ask install " +
+                               server_.url("/ask/");
+  const auto tmux = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"-S", dir_.path("tmux.sock"), "-f", "/dev/null"});
+    return run(args, "/usr/bin/tmux");
+  };
+  const auto until = [](const std::function<bool()>& done) {
+    for (int i = 0; i < 500 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  };
+  const struct {
+    std::string terminal;           // what runs on a terminal, and is asked there
+    std::vector<std::string> keys;  // typed at the question; "kill" closes the terminal
+    std::string ran, says;          // what the commands wrote ("sys", the user's id), the status
+    const char* timeout = "0";      // the update's own time for the question
+  } rows[] = {
+      {client, {"y", "Enter"}, "sys\n0\n", "result=\"installed\""},
+      {client, {"Enter"}, "", "Canceled by user"},
+      {client, {"C-c"}, "", "Canceled by user"},
+      {client, {"C-d"}, "", "Canceled by user"},
+      {client, {"kill"}, "", "Canceled by user"},
+      {"trap '' HUP; exec " + client, {"kill"}, "", "Canceled by user"},
+      {client, {}, "sys\n0\n", "result=\"installed\"", "1"},
+      {"", {}, "sys\n", "send notification to GUI failed"},  // no client offered
+      {"member", {}, "sys\n65534\n", "result=\"installed\""},
+      {one_shot, {"C-c"}, "", "The module is stopping, not started: installation"},
+      {one_shot, {"kill"}, "", "result=\"error\""},  // the stop, or the terminal's end first: a no either way
+  };
+  int version = 1;  // a new one each time, for the question to come again
+  for (const auto& row : rows) {
+    const std::string& what = row.terminal + " " + (row.keys.empty() ? "" : row.keys[0]);
+    ASSERT_TRUE(server_.put_file("ask/update.ini", ini + "version.1=" + std::to_string(++version) + "\ntimeout=" + row.timeout + "\n"));
+    if (row.terminal.empty() || row.terminal == "member") {
+      pid_t member = -1;
+      if (!row.terminal.empty()) {
+        member = fixtures::spawn_child({"/usr/bin/setpriv", "--reuid=nobody", "--regid=daemon", "--clear-groups",
+            CORVID_BIN_DIR "/corvid-update-client", "--socket", socket, "--yes", "status", "--watch"}, -1, dir_.path("member.log"));
+        ASSERT_TRUE(wait_for(dir_.path("member.log"), "status: "));  // it has offered
+      }
+      run({"--socket", socket, "update", server_.url("/ask/")}, "corvid-update-client");
+      fixtures::stop_child(member, 5000);
+    } else {
+      tmux({"new-session", "-d", "-s", "q", "-x", "150", "-y", "40", row.terminal});
+      until([&] { return tmux({"capture-pane", "-p", "-t", "q"}).out.find("Install now?") != std::string::npos; });
+      std::vector<std::string> keys{"send-keys", "-t", "q"};
+      keys.insert(keys.end(), row.keys.begin(), row.keys.end());
+      if (row.keys == std::vector<std::string>{"kill"}) keys = {"kill-session", "-t", "q"};
+      if (!row.keys.empty()) tmux(keys);
+      until([&] { return tmux({"has-session", "-t", "q"}).exit_code != 0; });
+    }
+    std::string status;  // once the run has ended: the daemon's, or the one-shot's when it let go of its directory
+    if (row.terminal.find("--root") == std::string::npos) {
+      run({"--socket", socket, "status"}, "corvid-update-client");
+      status = run({"--socket", socket, "xml"}, "corvid-update-client").out;
+    } else {
+      until([&] { const outcome_t o = run({"--root", dir_.path("one"), "status", "--xml"}); status = o.out; return o.exit_code == 0; });
+    }
+    EXPECT_NE(status.find(row.says), std::string::npos) << what << ": " << status;
+    EXPECT_EQ(read_file(ran), row.ran) << what;
+    fixtures::write_file(ran, "");
+  }
+  tmux({"kill-server"});
+  fixtures::stop_child(daemon, 5000);
+}
+
 // Over HTTPS the server must show a certificate for its address from the
 // authority named by --ca-file; another authority or another name fails the
 // source with libcurl's text, and a CA file that cannot be read stops the
