@@ -207,18 +207,42 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     after = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
   }
   EXPECT_EQ(after.exit_code, 0) << after.out;
-  if (::getuid() == 0) {  // as other users: one outside the socket's group is told to join it, a member reads
-    for (const auto& [groups, command, says] :  // the status but may not command the daemon
-         {std::tuple{"--clear-groups", "status", "must be a member of the group \"daemon\" that owns"},
-          std::tuple{"--groups=daemon", "status", "status: uptodate"},
-          std::tuple{"--groups=daemon", "send", "not permitted: commands need root"}}) {
-      std::vector<std::string> args{"--reuid=nobody", "--regid=nogroup", groups,
-                                    CORVID_BIN_DIR "/corvid-update-client", "--socket", socket, command};
-      args.push_back(std::string(command) == "send" ? hex : "--once");
+  if (::getuid() == 0) {  // as other users: one outside the socket's group is told to join it; one with the group
+    // as its own or among its extra groups reads and follows the status but commands nothing, and only a member
+    // by its own group (or the user database) offers to answer
+    const std::string refused = "not permitted: commands need root", before = read_file(root + "/var/update/corvid_update_status.xml");
+    const struct {
+      const char* group;  // the process's own group; "": nogroup, with the socket's group among its extra groups
+      std::vector<std::string> args;
+      int exit_code;
+      std::string says;
+    } rows[] = {
+        {"nogroup", {"status", "--once"}, 1, "must be a member of the group \"daemon\" that owns"},
+        {"", {"status", "--once"}, 0, "status: uptodate"},
+        {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
+        {"daemon", {"--yes", "status"}, 0, "status: uptodate"},
+        {"", {"--yes", "status"}, 0, "the update will not ask this client: not permitted: only root"},
+        {"", {"send", hex}, 1, refused},
+        {"daemon", {"send", hex}, 1, refused},
+        {"daemon", {"install"}, 1, refused},
+        {"daemon", {"--yes", "check", source}, 1, refused},
+        {"", {"update", source}, 1, refused},
+        {"daemon", {"unattended", "install"}, 1, refused},
+    };
+    for (const auto& row : rows) {
+      std::vector<std::string> args{"--reuid=nobody", "--regid=" + std::string(*row.group ? row.group : "nogroup"),
+                                    *row.group ? "--clear-groups" : "--groups=daemon", CORVID_BIN_DIR "/corvid-update-client",
+                                    "--socket", socket};
+      args.insert(args.end(), row.args.begin(), row.args.end());
       const outcome_t o = run(args, "/usr/bin/setpriv");
-      EXPECT_NE((o.out + o.err).find(says), std::string::npos) << groups << ": " << o.out << o.err;
+      EXPECT_NE((o.out + o.err).find(row.says), std::string::npos) << row.group << " " << row.args[0] << ": " << o.out << o.err;
+      EXPECT_EQ(o.exit_code, row.exit_code) << row.group << " " << row.args[0] << ": " << o.err;
+      EXPECT_EQ(o.err.find("will not ask") == std::string::npos, row.says.find("will not ask") == std::string::npos) << o.err;
     }
-    EXPECT_NE(read_file(root + "/log/corvid_update.log").find("refused: command 8 needs root"), std::string::npos);
+    EXPECT_EQ(read_file(root + "/var/update/corvid_update_status.xml"), before);  // nothing ran
+    for (const char* code : {"4", "8"})
+      EXPECT_NE(read_file(root + "/log/corvid_update.log").find(std::string("refused: command ") + code + " needs root"),
+                std::string::npos) << code;
   }
   // The log tells URIs, commands and errors: its owner and the socket's group may read it, no one else.
   struct stat log{};
