@@ -344,17 +344,23 @@ TEST_F(HostTest, StopStartsNoFurtherCommand) {
   EXPECT_FALSE(std::filesystem::exists(root + "/var/update/corvid-tool.sh.version"));
   EXPECT_EQ(run({"--root", root, "--answer", "yes", "install", server_.url("/agent/"), source}).out, "update_state=uptodate\n");
 
-  // Rule 1's command stops the one-shot and goes on; rule 2's never starts.
-  const std::string two_rules = "[corvid]\nversion.1=1\nfile.1=a.txt\nexec_wait.1=1\n"
-      "exec.1=sh -c \"kill -INT $PPID; sleep 0.3; echo [$update_path] > $update_path/one\"\n"
-      "version.2=1\nfile.2=b.txt\nexec_wait.2=1\nexec.2=sh -c \"echo [$update_path] > $update_path/two\"\n";
-  ASSERT_TRUE(server_.put_file("two/update.ini", two_rules) && server_.put_file("two/a.txt", "a") &&
-              server_.put_file("two/b.txt", "b"));
-  const std::string other = dir_.path("other");
-  EXPECT_EQ(run({"--root", other, "--no-verify", "--answer", "yes", "install", server_.url("/two/")}).exit_code, 130);
-  EXPECT_EQ(read_file(other + "/var/update/one"), "[" + other + "/var/update]\n");
-  EXPECT_FALSE(std::filesystem::exists(other + "/var/update/two"));
-  EXPECT_NE(read_file(other + "/var/update/corvid_update_status.xml").find("Update stopped"), std::string::npos);
+  // A command that stops the one-shot finishes; what would follow it never starts: rule 2's command after
+  // rule 1's, the next command of a list, the user's command after the service's.
+  for (const std::string name : {"rules", "list", "user"}) {
+    const std::string stops = "sh -c \"kill -INT $PPID; sleep 0.3; echo one > " + dir_.path(name) + ".ran\"\n",
+                      follows = "sh -c \"echo two >> " + dir_.path(name) + ".ran\"\n", indexed = "[corvid]\nversion.1=1\nfile.1=a.txt\n";
+    const std::map<std::string, std::string> descriptions = {
+        {"rules", indexed + "exec_wait.1=1\nexec.1=" + stops + "version.2=1\nfile.2=b.txt\nexec_wait.2=1\nexec.2=" + follows},
+        {"list", "[corvid.file=a.txt]\nupdate_version=1\nexec=" + stops + "exec=" + follows},
+        {"user", indexed + "exec_sys_wait.1=1\nexec_sys.1=" + stops + "exec_user_wait.1=1\nexec_user.1=" + follows}};
+    ASSERT_TRUE(server_.put_file(name + "/update.ini", descriptions.at(name)) &&
+                server_.put_file(name + "/a.txt", "a") && server_.put_file(name + "/b.txt", "b"));
+    const std::string other = dir_.path(name);
+    EXPECT_EQ(run({"--root", other, "--no-verify", "--answer", "yes", "install", server_.url("/" + name + "/")}).exit_code, 130);
+    const std::string status = read_file(other + "/var/update/corvid_update_status.xml");
+    EXPECT_EQ(read_file(other + ".ran"), "one\n") << name << ": " << status;
+    EXPECT_NE(status.find("module is stopping"), std::string::npos) << status;
+  }
 }
 
 // Whoever answers the install question: a line that says yes, or the end of

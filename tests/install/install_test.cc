@@ -6,6 +6,7 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "facts/stop_flag.h"
 #include "install/install.h"
 #include "install/notify.h"
 #include "install/path_vars.h"
@@ -27,6 +28,7 @@ struct row_t {
   int questions;
   bool sys_ran;
   bool user_sent;
+  bool stopped = false;  // the module stops before the rule's turn
 };
 
 class InstallTest : public StatusTest {
@@ -66,7 +68,9 @@ class InstallTest : public StatusTest {
         }
         return true;
       });
+    if (row.stopped) request_stop();
     install_rule(rule_, row.command, dir_.path("upd/"));
+    clear_stop_request();
     agent::set_local_client(nullptr);
   }
   update_ini_t owner_;
@@ -84,6 +88,7 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
       {"list fails", Command::install, "", {"true", "false"}, client_t::yes, file_install, "exec() exit: false, status: 1", 0, false, false},
       {"refused", Command::install, "", {}, client_t::no, file_install, "Canceled by user", 1, false, false},
       {"no client", Command::install, "", {}, client_t::none, file_install, "error: send notification to GUI failed", 0, true, false},
+      {"stopped", Command::install, "", {}, client_t::yes, file_downloaded, "stopping, not started: installation", 0, false, false, true},
       {"user fails", Command::install, "", {}, client_t::fails, file_install, "error: bad", 1, true, true},
   };
   for (const auto& row : rows) {
@@ -95,7 +100,7 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
     EXPECT_EQ(questions_, row.questions) << row.name;
     EXPECT_EQ(fixtures::read_file(dir_.path("sys")) == "\n", row.sys_ran) << row.name;
     EXPECT_EQ(!sent_user_.empty(), row.user_sent) << row.name;
-    EXPECT_EQ(status.current_rule == nullptr, row.state == file_installed) << row.name;
+    EXPECT_EQ(status.current_rule == nullptr, row.state != file_install) << row.name;
   }
   // Of the last row: $update_path loses one separator; $system_var matches the front of
   // $system_var_etc, which keeps "_etc" behind the value.
