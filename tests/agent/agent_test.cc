@@ -201,6 +201,9 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   std::string error;
   agent::bridge_limits_t quick;
   quick.frame_ms = 100;
+  // A daemon started without standard input listens on descriptor 0.
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
   ASSERT_TRUE(agent::start_bridge(socket_, error, "", {}, quick)) << error;
   struct stat st;
   ASSERT_EQ(::stat(socket_.c_str(), &st), 0);
@@ -284,6 +287,7 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   // Stopping removes the socket.
   agent::stop_bridge();
   EXPECT_NE(::stat(socket_.c_str(), &st), 0);
+  EXPECT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);  // closed by the stop
 }
 
 // Who a client is comes from the socket. Another user cannot connect; a user

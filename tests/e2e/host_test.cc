@@ -192,7 +192,8 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   for (int i = 0; i < 250 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   const outcome_t once = run({"--socket", socket, "status", "--once"}, "corvid-update-client");
   EXPECT_EQ(once.out.rfind("status: ", 0), 0u) << once.err;
-  EXPECT_EQ(run({"--socket", socket, "xml"}, "corvid-update-client").out.rfind("<update-status result=", 0), 0u);
+  const std::string xml = run({"--socket", socket, "xml"}, "corvid-update-client").out;
+  EXPECT_EQ(xml.rfind("<update-status result=", 0) + xml.rfind(">\n") + 2, xml.size()) << xml;  // one newline at the end
   // The client's install names no source, so it always ends in error.
   const outcome_t manual = run({"--socket", socket, "install"}, "corvid-update-client");
   EXPECT_EQ(manual.exit_code, 1);
@@ -401,6 +402,7 @@ TEST_F(HostTest, OnlyAYesOrTheUpdatesOwnTimeInstalls) {
     const char* timeout = "0";      // the update's own time for the question
   } rows[] = {
       {client, {"y", "Enter"}, "sys\n0\n", "result=\"installed\""},
+      {client, {"yes", "Enter"}, "sys\n0\n", "result=\"installed\""},
       {client, {"Enter"}, "", "Canceled by user"},
       {client, {"C-c"}, "", "Canceled by user"},
       {client, {"C-d"}, "", "Canceled by user"},
@@ -427,7 +429,12 @@ TEST_F(HostTest, OnlyAYesOrTheUpdatesOwnTimeInstalls) {
       fixtures::stop_child(member, 5000);
     } else {
       tmux({"new-session", "-d", "-s", "q", "-x", "150", "-y", "40", row.terminal});
-      until([&] { return tmux({"capture-pane", "-p", "-t", "q"}).out.find("Install now?") != std::string::npos; });
+      std::string screen;
+      until([&] { return (screen = tmux({"capture-pane", "-p", "-t", "q"}).out).find("Install now?") != std::string::npos; });
+      // The question shows what is ready and what each side will run.
+      EXPECT_NE(screen.find("  ready:\n    /"), std::string::npos) << screen;
+      EXPECT_NE(screen.find("/var/update/a.txt\n  the service runs: sh -c \"echo sys >> " + ran + "\"\n  you run: sh -c \"id -u"),
+                std::string::npos) << screen;
       std::vector<std::string> keys{"send-keys", "-t", "q"};
       keys.insert(keys.end(), row.keys.begin(), row.keys.end());
       if (row.keys == std::vector<std::string>{"kill"}) keys = {"kill-session", "-t", "q"};

@@ -15,7 +15,7 @@
 namespace update::testing {
 namespace {
 
-enum class client_t { none, yes, no, fails };
+enum class client_t { none, yes, no, fails, unreadable };
 
 struct row_t {
   const char* name;
@@ -61,7 +61,7 @@ class InstallTest : public StatusTest {
       agent::set_local_client([this, client = row.client](uint32_t id, std::string& body) {
         if (id == 6) {
           ++questions_;
-          body.assign(1, client == client_t::no ? 0 : 1);
+          body.assign(client == client_t::unreadable ? 0 : 1, client == client_t::no ? 0 : 1);
         } else {
           sent_user_ = body;
           body = client == client_t::fails ? std::string("\x00\x03\0\0\0bad", 8) : std::string("\x01\x02\0\0\0ok", 7);
@@ -87,6 +87,7 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
       {"list", Command::install, "", {"true"}, client_t::yes, file_installed, "", 0, false, false},
       {"list fails", Command::install, "", {"true", "false"}, client_t::yes, file_install, "exec() exit: false, status: 1", 0, false, false},
       {"refused", Command::install, "", {}, client_t::no, file_install, "Canceled by user", 1, false, false},
+      {"unreadable", Command::install, "", {}, client_t::unreadable, file_install, "Canceled by user", 1, false, false},
       {"no client", Command::install, "", {}, client_t::none, file_install, "error: send notification to GUI failed", 0, true, false},
       {"stopped", Command::install, "", {}, client_t::yes, file_downloaded, "stopping, not started: installation", 0, false, false, true},
       {"user fails", Command::install, "", {}, client_t::fails, file_install, "error: bad", 1, true, true},
@@ -131,7 +132,9 @@ TEST(ClientMessages, LayOutTheirFieldsByteForByte) {
   for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
 }
 
-// The reply: a result byte (1 is success), the text's length and the text.
+// The reply: a result byte (1 is success), the text's length and the text. A
+// reply the module cannot read is the client's fault; a text's reply is not
+// read, and an answer to the question must hold its byte.
 TEST(ClientMessages, ExecUserReplyNeedsItsWholeHeaderAndText) {
   const std::pair<bytes, const char*> rows[] = {
       {bytes("\x01\0\0\0\0", 5), "1:"},
@@ -148,7 +151,12 @@ TEST(ClientMessages, ExecUserReplyNeedsItsWholeHeaderAndText) {
       text = what;
     }
     EXPECT_EQ(text, expected) << reply.size();
+    EXPECT_EQ(readable_answer(NotifyUpdateClientMessage, exec_user_body("x", true, false), reply),
+              text != "CommandStreamError") << reply.size();
+    EXPECT_TRUE(readable_answer(NotifyUpdateClientMessage, client_text_body("t"), ""));
   }
+  EXPECT_FALSE(readable_answer(NotifyUpdateInstallQuestion, "q", ""));
+  EXPECT_TRUE(readable_answer(NotifyUpdateInstallQuestion, "q", bytes(1, '\0')));
 }
 
 }  // namespace
