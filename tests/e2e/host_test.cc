@@ -259,16 +259,24 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
   // leaves its status, its log and its socket alone.
   const std::string status_before = read_file(root + "/var/update/corvid_update_status.xml"),
                     log_before = read_file(root + "/log/corvid_update.log");
-  for (const auto& args : {std::vector<std::string>{"--root", root, "check", source},
-                           std::vector<std::string>{"--root", root, "--socket", socket + "2", "serve"}}) {
-    const outcome_t second = run(args);
+  // Seen from another process namespace, where the holder cannot be told, it is not named.
+  const std::string by = "is in use by process " + std::to_string(daemon);
+  const std::tuple<std::string, std::vector<std::string>, std::string> seconds[] = {
+      {"corvid-update", {"--root", root, "check", source}, by},
+      {"corvid-update", {"--root", root, "--socket", socket + "2", "serve"}, by},
+      {"/usr/bin/unshare", {"--pid", "--fork", "--mount-proc", CORVID_BIN_DIR "/corvid-update", "--root", root, "check", source},
+       "is in use by another process"}};
+  for (const auto& [program, args, says] : seconds) {
+    if (program[0] == '/' && ::getuid() != 0) continue;  // a namespace needs root
+    const outcome_t second = run(args, program);
     EXPECT_EQ(second.exit_code, 1);
-    EXPECT_NE(second.err.find("is in use by process " + std::to_string(daemon)), std::string::npos) << second.err;
+    EXPECT_NE(second.err.find(says), std::string::npos) << second.err;
   }
   EXPECT_EQ(read_file(root + "/var/update/corvid_update_status.xml"), status_before);
   EXPECT_EQ(read_file(root + "/log/corvid_update.log"), log_before);
   EXPECT_FALSE(std::filesystem::exists(socket + "2"));
   fixtures::stop_child(daemon, 5000);
+
   EXPECT_FALSE(std::filesystem::exists(socket));
   EXPECT_NE(read_file(root + "/log/corvid_update.log").find("\tserve\tstopped\n"), std::string::npos);
   EXPECT_EQ(read_file(dir_.path("serve.log")), "");  // a daemon writes to its log only

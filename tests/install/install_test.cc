@@ -53,7 +53,7 @@ class InstallTest : public StatusTest {
     rule_ = file_rule_t{};
     rule_.owner = &owner_, rule_.entries = {{"f", dir_.path("f"), "", "", 0, true}}, rule_.exec_list = row.exec_list;
     rule_.exec_sys = "sh -c 'echo > " + dir_.path("sys") + "'", rule_.exec_sys_wait = "yes";
-    rule_.exec_user = "U $update_path $system_var_etc", rule_.legacy_exec = true;
+    rule_.exec_user = "U $update_path $system_var_etc $update_uri", rule_.legacy_exec = true;
     std::remove(dir_.path("sys").c_str());
     questions_ = 0;
     sent_user_.clear();
@@ -104,8 +104,8 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
     EXPECT_EQ(status.current_rule == nullptr, row.state != file_install) << row.name;
   }
   // Of the last row: $update_path loses one separator; $system_var matches the front of
-  // $system_var_etc, which keeps "_etc" behind the value.
-  const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc";
+  // $system_var_etc, which keeps "_etc" behind the value; $update_uri is the source's.
+  const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc http://u/";
   EXPECT_EQ(sent_user_, exec_user_body(line, false, false));
 }
 
