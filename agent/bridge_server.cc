@@ -588,6 +588,12 @@ NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeou
       sent_out = agent::write_frame(pending.target->fd, {agent::frame_notification, pending.serial, id, body});
     }
     hold.lock();
+    // One that takes nothing in for the send limit is dropped, rather than
+    // asked again with a frame cut in two.
+    if (!sent_out) {
+      pending.target->answering = 0;
+      ::shutdown(pending.target->fd, SHUT_RDWR);
+    }
     const bool in_time = wait([&] {
       return !sent_out || pending.answered || pending.malformed || pending.target->gone || b.stopping || taker();
     });

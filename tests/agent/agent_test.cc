@@ -320,11 +320,13 @@ TEST_F(BridgeTest, CapsEachUserAndKeepsTheLastPlacesForRoot) {
 // answer: root, the daemon's user, and the group's members by the user
 // database, not by a process's extra groups. A member keeps it against other
 // members until its time runs out; root offering takes it over, and the
-// member's late answer is dropped.
+// member's late answer is dropped. One that takes nothing in is dropped.
 TEST_F(BridgeTest, AsksTheLatestWhoMayAnswerAndLetsRootTakeOver) {
   share_with_daemon_group();
   std::string error;
-  ASSERT_TRUE(agent::start_bridge(socket_, error, "daemon")) << error;
+  agent::bridge_limits_t quick;
+  quick.send_s = 1;
+  ASSERT_TRUE(agent::start_bridge(socket_, error, "daemon", {}, quick)) << error;
   const agent::frame_t offer{agent::frame_answering, 1, 1, ""};
   EXPECT_EQ(exchange(connect_as(3, 3, {daemon_gid_}), offer),
             "6/1:not permitted: only root, the daemon's user or the group daemon answer the update's questions");
@@ -358,6 +360,20 @@ TEST_F(BridgeTest, AsksTheLatestWhoMayAnswerAndLetsRootTakeOver) {
   EXPECT_EQ(taken.get(), bridge::server::NotifyOutcome::answered);
   EXPECT_EQ(body, "root");
   EXPECT_EQ(log_.all("taken over from client 2 (uid 65534").size(), 1u);
+
+  const int deaf = connect_as(0, 0);
+  EXPECT_EQ(exchange(deaf, offer), "2/1:");
+  body.assign(agent::frame_body_limit, 'x');
+  auto flooded = std::async(std::launch::async, [&body] {
+    return bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, -1, nullptr);
+  });
+  ASSERT_EQ(flooded.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(flooded.get(), bridge::server::NotifyOutcome::gone);
+  char sink[65536];
+  ssize_t got;
+  while ((got = ::read(deaf, sink, sizeof sink)) > 0) {
+  }
+  EXPECT_EQ(got, 0);  // closed by the daemon
 }
 
 }  // namespace
