@@ -69,6 +69,17 @@ std::string unsafe_way(const std::string& path);
 // time of its own.
 constexpr int default_answer_limit_s = 300;
 
+// What the server allows its clients. The defaults are the daemon's; the
+// times are here so that a test can shorten them.
+struct bridge_limits_t {
+  int answer_s = default_answer_limit_s;  // a notification's wait, unless its sender says
+  int frame_ms = 10000;                   // a frame that has begun must be whole within this
+  int send_s = 10;                        // a client that reads nothing this long is dropped
+  size_t connections = 64;                // clients at once
+  size_t reserved = 16;  // the last places of those, for root and the daemon's user only
+  size_t per_user = 16;  // clients of one user other than those
+};
+
 // Starts the server: binds path (its directory made if needed; a stale
 // socket file left by a dead server is replaced; a path without a slash is
 // in the current directory), accepts clients on a thread of its own and
@@ -78,7 +89,7 @@ constexpr int default_answer_limit_s = 300;
 // daemon's own user may send every command; anyone connected may send the
 // open_codes; notifications go only to a client that said it answers them
 // and is root, the daemon's user or a member of the group, and wait for its
-// answer up to answer_limit_s unless the sender says otherwise; root's or the
+// answer up to limits.answer_s unless the sender says otherwise; root's or the
 // daemon's user's client that offers while the install question waits for
 // another takes the question over. False with a
 // reason when the group is unknown or cannot reach the socket's directory,
@@ -86,7 +97,7 @@ constexpr int default_answer_limit_s = 300;
 // cannot be made or another server answers on it. The socket's group and
 // mode are set without following a link.
 bool start_bridge(const std::string& path, std::string& error, const std::string& group = "",
-                  const std::vector<uint32_t>& open_codes = {}, int answer_limit_s = default_answer_limit_s);
+                  const std::vector<uint32_t>& open_codes = {}, const bridge_limits_t& limits = {});
 // Disconnects every client, ends waiting notifications with false, joins the
 // threads and removes the socket file. Safe to call when not started.
 void stop_bridge();

@@ -31,10 +31,10 @@ namespace {
 
 // Who is at the other end of a connection, as the socket tells.
 struct peer_t {
-  uid_t uid = static_cast<uid_t>(-1);
-  pid_t pid = 0;
-  bool privileged = false;  // root or the daemon's own user: every command
-  bool may_answer = false;  // privileged, or a member of the socket's group
+  uid_t uid;
+  pid_t pid;
+  bool privileged;  // root or the daemon's own user: every command
+  bool may_answer;  // privileged, or a member of the socket's group
 };
 
 struct connection_t {
@@ -85,19 +85,10 @@ struct bridge_t {
   std::string group;
   gid_t group_gid = 0;
   std::vector<uint32_t> open_codes;
+  bridge_limits_t limits;
   std::thread acceptor;
 };
 
-// Connections at once: a peer that is neither root nor the daemon's user
-// gets at most per_user_limit of them, and none of the last reserved ones.
-constexpr size_t connection_limit = 64;
-constexpr size_t reserved_connections = 16;
-constexpr size_t per_user_limit = 16;
-// A frame that has begun must be whole within this time.
-constexpr int frame_time_limit_ms = 10000;
-// A client that reads nothing for this long is dropped rather than
-// holding a writer, the update worker's notification among them.
-constexpr int send_time_limit_s = 10;
 // How long the acceptor pauses when the system has no descriptor left.
 constexpr int accept_pause_ms = 100;
 
@@ -214,7 +205,7 @@ void serve_client(std::shared_ptr<connection_t> connection) {
   tell_listeners(&CommandListener::on_client_connected, connection->number);
   for (;;) {
     frame_t frame;
-    const frame_read_t got = read_frame(connection->fd, frame, frame_time_limit_ms);
+    const frame_read_t got = read_frame(connection->fd, frame, b.limits.frame_ms);
     if (got == frame_read_t::closed) break;
     if (got == frame_read_t::bad || frame.type == frame_command_reply || frame.type == frame_notification ||
         frame.type == frame_refusal) {
@@ -276,29 +267,28 @@ void reap_connections(bool all) {
 
 peer_t peer_of(int fd) {
   bridge_t& b = bridge();
-  peer_t peer;
-  ucred cred{};
+  // Nobody, unless the socket tells who it is.
+  ucred cred{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
   socklen_t size = sizeof cred;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return peer;
-  peer.uid = cred.uid;
-  peer.pid = cred.pid;
-  peer.privileged = cred.uid == 0 || cred.uid == ::geteuid();
-  peer.may_answer =
-      peer.privileged || (!b.group.empty() && (cred.gid == b.group_gid || user_in_group(cred.uid, b.group_gid)));
-  return peer;
+  ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size);
+  const bool privileged = cred.uid == 0 || cred.uid == ::geteuid();
+  const bool member = !b.group.empty() && (cred.gid == b.group_gid || user_in_group(cred.uid, b.group_gid));
+  return {cred.uid, cred.pid, privileged, privileged || member};
 }
 
-// Why a new connection from peer is turned away, or empty to take it.
-// REQUIRES: b.lock held.
+// Why a new connection from peer is turned away, or empty to take it: a
+// peer that is neither root nor the daemon's user gets at most per_user
+// places, and none of the last reserved ones. REQUIRES: b.lock held.
 std::string over_limit(const bridge_t& b, const peer_t& peer) {
+  const bridge_limits_t& limit = b.limits;
   size_t all = 0, same_user = 0;
   for (const auto& c : b.connections) {
     if (c->gone) continue;
     ++all;
     if (c->peer.uid == peer.uid) ++same_user;
   }
-  if (all >= connection_limit) return "too many connections";
-  if (!peer.privileged && (all >= connection_limit - reserved_connections || same_user >= per_user_limit))
+  if (all >= limit.connections) return "too many connections";
+  if (!peer.privileged && (all >= limit.connections - limit.reserved || same_user >= limit.per_user))
     return "too many connections";
   return "";
 }
@@ -329,7 +319,9 @@ void accept_clients() {
       continue;
     }
     told_exhausted = false;
-    const timeval send_limit{send_time_limit_s, 0};
+    // A client that reads nothing is dropped rather than holding a writer,
+    // the update worker's notification among them.
+    const timeval send_limit{b.limits.send_s, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
     const peer_t peer = peer_of(fd);
     std::shared_ptr<connection_t> connection;
@@ -456,7 +448,7 @@ int bind_socket(const std::string& path, const std::string& group, gid_t& gid, s
 }  // namespace
 
 bool start_bridge(const std::string& path, std::string& error, const std::string& group,
-                  const std::vector<uint32_t>& open_codes, int answer_limit_s) {
+                  const std::vector<uint32_t>& open_codes, const bridge_limits_t& limits) {
   bridge_t& b = bridge();
   std::lock_guard<std::mutex> control(b.control_lock);
   if (b.listen_fd >= 0) {
@@ -465,6 +457,7 @@ bool start_bridge(const std::string& path, std::string& error, const std::string
   }
   b.group = group;
   b.open_codes = open_codes;
+  b.limits = limits;
   const int fd = bind_socket(path, group, b.group_gid, error);
   if (fd < 0) return false;
   if (::pipe2(b.wake_pipe, O_CLOEXEC) != 0) {
@@ -476,7 +469,7 @@ bool start_bridge(const std::string& path, std::string& error, const std::string
   {
     std::lock_guard<std::mutex> hold(b.lock);
     b.stopping = false;
-    b.answer_limit_ms = answer_limit_s * 1000L;
+    b.answer_limit_ms = limits.answer_s * 1000L;
   }
   b.listen_fd = fd;
   b.path = path;
@@ -605,6 +598,12 @@ NotifyOutcome NotifyClient(NotificationIdType id, std::string& body, long timeou
       sent_out = agent::write_frame(pending.target->fd, {agent::frame_notification, pending.serial, id, body});
     }
     hold.lock();
+    // One that takes nothing in for the send limit is dropped, rather than
+    // asked again with a frame cut in two.
+    if (!sent_out) {
+      pending.target->answering = 0;
+      ::shutdown(pending.target->fd, SHUT_RDWR);
+    }
     const bool in_time = wait([&] {
       return !sent_out || pending.answered || pending.malformed || pending.target->gone || b.stopping || taker();
     });

@@ -219,9 +219,9 @@ int serve(const options_t& options) {
   std::string error;
   // Anyone who may connect may read the status; commands need root.
   const std::vector<uint32_t> open_codes{update::code_status, update::code_status_xml};
-  const int answer_limit =
-      options.question_timeout > 0 ? static_cast<int>(options.question_timeout) : agent::default_answer_limit_s;
-  if (!agent::start_bridge(socket, error, options.socket_group, open_codes, answer_limit)) {
+  agent::bridge_limits_t limits;
+  if (options.question_timeout > 0) limits.answer_s = static_cast<int>(options.question_timeout);
+  if (!agent::start_bridge(socket, error, options.socket_group, open_codes, limits)) {
     {
       TLogMessage log(log_id_failure);
       log.append_attr(log_attr_text, "serve").append_attr(log_attr_text, error);

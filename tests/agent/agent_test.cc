@@ -3,8 +3,11 @@
 // line per record, whatever its attributes hold), and the bridge with its
 // clients over a real socket and the module's listener.
 #include <gtest/gtest.h>
+#include <grp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -163,13 +166,42 @@ class BridgeTest : public ModuleTest {
     agent::stop_bridge();
     ModuleTest::TearDown();
   }
+  // A connection, or -1 when the socket refuses this thread's user. A read
+  // that waits more than five seconds fails: a drop that does not come fails
+  // the test instead of hanging it.
   int raw_connect() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, socket_.c_str());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const timeval patience{5, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+    ::close(fd);
+    return -1;
+  }
+  // A connection made by a thread of its own that runs as another user: the
+  // socket tells the daemon that user, as it would of another process.
+  int connect_as(uid_t uid, gid_t gid, std::vector<gid_t> groups = {}) {
+    int fd = -1;
+    std::thread([&] {
+      if (::syscall(SYS_setgroups, groups.size(), groups.data()) == 0 && ::syscall(SYS_setresgid, gid, gid, gid) == 0 &&
+          ::syscall(SYS_setresuid, uid, uid, uid) == 0)
+        fd = raw_connect();
+    }).join();
     return fd;
+  }
+  // Sends a frame on fd and reads the daemon's: the reply's or the refusal's
+  // serial and body, or "closed".
+  static std::string exchange(int fd, const agent::frame_t& out) {
+    agent::write_frame(fd, out);
+    agent::frame_t in;
+    if (agent::read_frame(fd, in) != agent::frame_read_t::ok) return "closed";
+    return std::to_string(in.type) + "/" + std::to_string(in.serial) + ":" + in.body;
+  }
+  static bool has_input(int fd) {
+    pollfd ready{fd, POLLIN, 0};
+    return ::poll(&ready, 1, 0) == 1;
   }
   std::future<bool> notify_later(std::string& body) {
     return std::async(std::launch::async, [&body] {
@@ -177,21 +209,36 @@ class BridgeTest : public ModuleTest {
     });
   }
   const std::string socket_ = scratch_.path("run/bridge.sock");
+  gid_t daemon_gid_ = 0;
+  // A group for the socket: members pass the directories on the way.
+  void share_with_daemon_group() {
+    ASSERT_TRUE(agent::group_id("daemon", daemon_gid_));
+    std::filesystem::create_directories(scratch_.path("run"));
+    for (const auto& dir : {scratch_.path(""), scratch_.path("run")})
+      std::filesystem::permissions(dir, std::filesystem::perms::others_exec, std::filesystem::perm_options::add);
+  }
 };
 
 TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   start_module();
   std::string error;
-  ASSERT_TRUE(agent::start_bridge(socket_, error)) << error;
+  agent::bridge_limits_t quick;
+  quick.frame_ms = 100;
+  // A daemon started without standard input listens on descriptor 0.
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
+  ASSERT_TRUE(agent::start_bridge(socket_, error, "", {}, quick)) << error;
   struct stat st;
   ASSERT_EQ(::stat(socket_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_FALSE(agent::start_bridge(socket_, error));
 
   // Garbage, a body above the limit, a reply a client has no business
-  // sending, a cut header: each such client is dropped (the daemon closes).
+  // sending, a header or a body left unfinished past the frame's time: each
+  // such client is dropped (the daemon closes).
   const std::string oversize("\x01\0\0\0\0\0\0\0\x06\0\0\0\x01\0\x50\0", 16);
-  const std::string bad[] = {"GET / HTTP/1.0\r\n\r\n", oversize, std::string("\x02\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16)};
+  const std::string bad[] = {"GET / HTTP/1.0\r\n\r\n", oversize, std::string("\x02\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16),
+                             std::string("\x01\0\0\0", 4), std::string("\x01\0\0\0\0\0\0\0\x06\0\0\0\x02\0\0\0x", 17)};
   for (const auto& bytes : bad) {
     const int fd = raw_connect();
     ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
@@ -263,6 +310,93 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
   // Stopping removes the socket.
   agent::stop_bridge();
   EXPECT_NE(::stat(socket_.c_str(), &st), 0);
+  EXPECT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);  // closed by the stop
+}
+
+// Who a client is comes from the socket. Another user cannot connect; a user
+// who may gets at most 16 places, and none of the last 16 of 64, which are
+// root's and the daemon's user's; commands need root. Each row is one more
+// connection, or one more than a limit.
+TEST_F(BridgeTest, CapsEachUserAndKeepsTheLastPlacesForRoot) {
+  share_with_daemon_group();
+  std::string error;
+  ASSERT_TRUE(agent::start_bridge(socket_, error, "daemon")) << error;
+  EXPECT_EQ(connect_as(65534, 65534), -1);
+  const std::string refused = "6/1:not permitted: commands need root", full = "6/0:too many connections";
+  const struct {
+    uid_t uid;
+    int count;
+    std::string says;
+  } rows[] = {{65534, 16, refused}, {65534, 1, full}, {1, 16, refused}, {2, 16, refused},
+              {3, 1, full}, {0, 16, "2/1:"}, {0, 1, full}};
+  std::vector<int> fds;
+  for (const auto& row : rows) {
+    for (int i = 0; i < row.count; ++i) {
+      fds.push_back(connect_as(row.uid, daemon_gid_));
+      ASSERT_EQ(exchange(fds.back(), {agent::frame_command, 1, 6, ""}), row.says) << row.uid << " #" << i;
+    }
+  }
+  for (int fd : fds) ::close(fd);
+}
+
+// The question goes to the client that offered last among those that may
+// answer: root, the daemon's user, and the group's members by the user
+// database, not by a process's extra groups. A member keeps it against other
+// members until its time runs out; root offering takes it over, and the
+// member's late answer is dropped. One that takes nothing in is dropped.
+TEST_F(BridgeTest, AsksTheLatestWhoMayAnswerAndLetsRootTakeOver) {
+  share_with_daemon_group();
+  std::string error;
+  agent::bridge_limits_t quick;
+  quick.send_s = 1;
+  ASSERT_TRUE(agent::start_bridge(socket_, error, "daemon", {}, quick)) << error;
+  const agent::frame_t offer{agent::frame_answering, 1, 1, ""};
+  EXPECT_EQ(exchange(connect_as(3, 3, {daemon_gid_}), offer),
+            "6/1:not permitted: only root, the daemon's user or the group daemon answer the update's questions");
+  const int first = connect_as(65534, daemon_gid_), second = connect_as(1, 65534, {daemon_gid_});
+  EXPECT_EQ(exchange(first, offer), "2/1:");
+  EXPECT_EQ(exchange(second, offer), "2/1:");
+  std::string body = "question";
+  auto held = std::async(std::launch::async, [&body] {
+    return bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, 500, nullptr);
+  });
+  agent::frame_t question;
+  ASSERT_EQ(agent::read_frame(second, question), agent::frame_read_t::ok);
+  EXPECT_EQ(question.body, "question");
+  EXPECT_EQ(exchange(first, offer), "2/1:");
+  EXPECT_EQ(held.get(), bridge::server::NotifyOutcome::timed_out);
+  EXPECT_FALSE(has_input(first));
+
+  body = "again";
+  auto taken = std::async(std::launch::async, [&body] {
+    return bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, -1, nullptr);
+  });
+  ASSERT_EQ(agent::read_frame(first, question), agent::frame_read_t::ok);
+  const int root = connect_as(0, 0);
+  ASSERT_TRUE(agent::write_frame(root, offer));
+  agent::frame_t frames[2];
+  for (auto& frame : frames) ASSERT_EQ(agent::read_frame(root, frame), agent::frame_read_t::ok);
+  if (frames[0].type != agent::frame_notification) std::swap(frames[0], frames[1]);
+  EXPECT_EQ(frames[0].body + "|" + std::to_string(frames[1].type), "again|2");
+  ASSERT_TRUE(agent::write_frame(first, {agent::frame_answer, question.serial, 1, "member"}));
+  ASSERT_TRUE(agent::write_frame(root, {agent::frame_answer, frames[0].serial, 1, "root"}));
+  EXPECT_EQ(taken.get(), bridge::server::NotifyOutcome::answered);
+  EXPECT_EQ(body, "root");
+  EXPECT_EQ(log_.all("taken over from client 2 (uid 65534").size(), 1u);
+
+  const int deaf = connect_as(0, 0);
+  EXPECT_EQ(exchange(deaf, offer), "2/1:");
+  body.assign(agent::frame_body_limit, 'x');
+  auto flooded = std::async(std::launch::async, [&body] {
+    return bridge::server::NotifyClient(NotifyUpdateInstallQuestion, body, -1, nullptr);
+  });
+  ASSERT_EQ(flooded.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(flooded.get(), bridge::server::NotifyOutcome::gone);
+  char sink[65536];
+  ssize_t got;
+  while ((got = ::read(deaf, sink, sizeof sink)) > 0) {
+  }
+  EXPECT_EQ(got, 0);  // closed by the daemon
 }
 
 }  // namespace

@@ -149,11 +149,23 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
     EXPECT_EQ(status, 0) << out;
     EXPECT_EQ(normalised(read_file(dir_.path("new/update.ini"))), after);
   }
-  // A previous version that cannot be read fails the release, which leaves the description as it was.
+  // A previous version that cannot be read, or a patch line that does not read, fails the release, which
+  // leaves the description as it was.
   std::filesystem::create_directories(dir_.path("unreadable/a.bin"));
-  const std::string kept = read_file(dir_.path("new/update.ini"));
-  EXPECT_EQ(run("release --key k.key --serial 2 --expires 3 new unreadable").first, 1);
-  EXPECT_EQ(read_file(dir_.path("new/update.ini")), kept);
+  const std::string indexed = "[corvid]\nversion.1=2\nfile.1=a.bin\nexec.1=x\n";
+  const std::tuple<std::string, const char*, const char*> failing[] = {
+      {read_file(dir_.path("new/update.ini")), "unreadable", "unreadable/a.bin"},
+      {"[corvid.file=a.bin]\nupdate_version=2\nexec=x\ndownload_patch=x\n", "old", "bad patch line"},
+      {indexed + "patch.1=a.bin, x\n", "old", "bad patch line"},
+      {indexed + "patch.1=b.bin, #SHA256:1, 9, #SHA256:2, p\n", "old", "patch line for no file of the rule: b.bin"},
+  };
+  for (const auto& [text, previous, says] : failing) {
+    dir_.write("new/update.ini", text);
+    const auto [status, out] = run(std::string("release --key k.key --serial 2 --expires 3 new ") + previous);
+    EXPECT_EQ(status, 1) << out;
+    EXPECT_NE(out.find(says), std::string::npos) << out;
+    EXPECT_EQ(read_file(dir_.path("new/update.ini")), text);
+  }
 }
 
 // A release made in one command and checked by verify updates an agent that

@@ -137,7 +137,19 @@ TEST_F(StateMachineTest, CommandBeforeStartupWaitsForFinishInit) {
   EXPECT_EQ(status_line(false).second, "update_msg=" + no_uri);
 }
 
-TEST_F(StateMachineTest, FiniDuringRunDropsPendingAndStaysStopped) {
+TEST_F(StateMachineTest, FiniDropsQueuedAndPendingRunsAndStaysStopped) {
+  // A run queued behind other work of the worker never begins after the stop.
+  start_module();
+  EM_AsyncCall([](em_call_t*) { held_run_t::hold(); }, nullptr);
+  held_run_t::wait_entered();
+  submit(Command::check, {"http://127.0.0.1:1/"}, "queued");
+  fini();
+  held_run_t::release();
+  agent::drain_event_manager();
+  EXPECT_EQ(logged("processing command: check (queued)"), 0u);
+  EXPECT_EQ(current_module_state(), module_stopped);
+
+  held_run_t::entered = 0, held_run_t::released = false;
   start_module();
   run_curl_init = held_run_t::hold;
   submit(Command::check, {"http://127.0.0.1:1/"}, "running");

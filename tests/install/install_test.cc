@@ -6,6 +6,7 @@
 
 #include "agent/agent.h"
 #include "agent/bridge.h"
+#include "facts/stop_flag.h"
 #include "install/install.h"
 #include "install/notify.h"
 #include "install/path_vars.h"
@@ -14,7 +15,7 @@
 namespace update::testing {
 namespace {
 
-enum class client_t { none, yes, no, fails };
+enum class client_t { none, yes, no, fails, unreadable };
 
 struct row_t {
   const char* name;
@@ -27,6 +28,7 @@ struct row_t {
   int questions;
   bool sys_ran;
   bool user_sent;
+  bool stopped = false;  // the module stops before the rule's turn
 };
 
 class InstallTest : public StatusTest {
@@ -51,7 +53,7 @@ class InstallTest : public StatusTest {
     rule_ = file_rule_t{};
     rule_.owner = &owner_, rule_.entries = {{"f", dir_.path("f"), "", "", 0, true}}, rule_.exec_list = row.exec_list;
     rule_.exec_sys = "sh -c 'echo > " + dir_.path("sys") + "'", rule_.exec_sys_wait = "yes";
-    rule_.exec_user = "U $update_path $system_var_etc", rule_.legacy_exec = true;
+    rule_.exec_user = "U $update_path $system_var_etc $update_uri", rule_.legacy_exec = true;
     std::remove(dir_.path("sys").c_str());
     questions_ = 0;
     sent_user_.clear();
@@ -59,14 +61,16 @@ class InstallTest : public StatusTest {
       agent::set_local_client([this, client = row.client](uint32_t id, std::string& body) {
         if (id == 6) {
           ++questions_;
-          body.assign(1, client == client_t::no ? 0 : 1);
+          body.assign(client == client_t::unreadable ? 0 : 1, client == client_t::no ? 0 : 1);
         } else {
           sent_user_ = body;
           body = client == client_t::fails ? std::string("\x00\x03\0\0\0bad", 8) : std::string("\x01\x02\0\0\0ok", 7);
         }
         return true;
       });
+    if (row.stopped) request_stop();
     install_rule(rule_, row.command, dir_.path("upd/"));
+    clear_stop_request();
     agent::set_local_client(nullptr);
   }
   update_ini_t owner_;
@@ -83,7 +87,9 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
       {"list", Command::install, "", {"true"}, client_t::yes, file_installed, "", 0, false, false},
       {"list fails", Command::install, "", {"true", "false"}, client_t::yes, file_install, "exec() exit: false, status: 1", 0, false, false},
       {"refused", Command::install, "", {}, client_t::no, file_install, "Canceled by user", 1, false, false},
+      {"unreadable", Command::install, "", {}, client_t::unreadable, file_install, "Canceled by user", 1, false, false},
       {"no client", Command::install, "", {}, client_t::none, file_install, "error: send notification to GUI failed", 0, true, false},
+      {"stopped", Command::install, "", {}, client_t::yes, file_downloaded, "stopping, not started: installation", 0, false, false, true},
       {"user fails", Command::install, "", {}, client_t::fails, file_install, "error: bad", 1, true, true},
   };
   for (const auto& row : rows) {
@@ -95,11 +101,11 @@ TEST_F(InstallTest, AsksThenRunsSysThenHandsUserCommandToTheClient) {
     EXPECT_EQ(questions_, row.questions) << row.name;
     EXPECT_EQ(fixtures::read_file(dir_.path("sys")) == "\n", row.sys_ran) << row.name;
     EXPECT_EQ(!sent_user_.empty(), row.user_sent) << row.name;
-    EXPECT_EQ(status.current_rule == nullptr, row.state == file_installed) << row.name;
+    EXPECT_EQ(status.current_rule == nullptr, row.state != file_install) << row.name;
   }
   // Of the last row: $update_path loses one separator; $system_var matches the front of
-  // $system_var_etc, which keeps "_etc" behind the value.
-  const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc";
+  // $system_var_etc, which keeps "_etc" behind the value; $update_uri is the source's.
+  const std::string line = "U " + dir_.path("upd") + " " + dir_.path("root/var") + "_etc http://u/";
   EXPECT_EQ(sent_user_, exec_user_body(line, false, false));
 }
 
@@ -126,7 +132,9 @@ TEST(ClientMessages, LayOutTheirFieldsByteForByte) {
   for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
 }
 
-// The reply: a result byte (1 is success), the text's length and the text.
+// The reply: a result byte (1 is success), the text's length and the text. A
+// reply the module cannot read is the client's fault; a text's reply is not
+// read, and an answer to the question must hold its byte.
 TEST(ClientMessages, ExecUserReplyNeedsItsWholeHeaderAndText) {
   const std::pair<bytes, const char*> rows[] = {
       {bytes("\x01\0\0\0\0", 5), "1:"},
@@ -143,7 +151,12 @@ TEST(ClientMessages, ExecUserReplyNeedsItsWholeHeaderAndText) {
       text = what;
     }
     EXPECT_EQ(text, expected) << reply.size();
+    EXPECT_EQ(readable_answer(NotifyUpdateClientMessage, exec_user_body("x", true, false), reply),
+              text != "CommandStreamError") << reply.size();
+    EXPECT_TRUE(readable_answer(NotifyUpdateClientMessage, client_text_body("t"), ""));
   }
+  EXPECT_FALSE(readable_answer(NotifyUpdateInstallQuestion, "q", ""));
+  EXPECT_TRUE(readable_answer(NotifyUpdateInstallQuestion, "q", bytes(1, '\0')));
 }
 
 }  // namespace

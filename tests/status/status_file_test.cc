@@ -58,7 +58,11 @@ TEST_F(StatusTest, SaveWritesEveryFieldThroughTheCompanionAndReadsItBack) {
   EXPECT_EQ(read_file(status_path() + ".bak"), std::string(declaration) + all_text);
   platform::file_faults().fail_replace = false;
   status.xml = "stale";
-  status.save();
+  // A lasting save, which syncs the directory too, leaves no descriptor open.
+  const auto open_descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto descriptors = open_descriptors();
+  status.save(true);
+  EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(read_file(status_path()), std::string(declaration) + all_text);
   EXPECT_FALSE(std::filesystem::exists(status_path() + ".bak"));
   EXPECT_EQ(log_text(log_id_failure), "");
