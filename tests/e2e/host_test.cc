@@ -694,6 +694,13 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   EXPECT_EQ(json(host), json(served));  // the module's record and the one read back from its XML
   EXPECT_EQ(json(host)["files"][0]["update_version"], "1") << host.out;
   EXPECT_EQ(json(host)["message"], "") << host.out;
+  // Another reader of JSON takes what the client wrote.
+  dir_.write("status.json", served.out);
+  const auto python = fixtures::run_program(
+      {"/usr/bin/python3", "-c", "import json,sys; s=json.load(open(sys.argv[1])); print(s['result'], len(s['files']))",
+       dir_.path("status.json")}, dir_);
+  EXPECT_EQ(python.out, json(served)["result"].get<std::string>() + " " + std::to_string(json(served)["files"].size()) +
+                            "\n") << python.err;
 }
 
 // The package's programs, unpacked away from the build tree, find their libraries in its own layout.

@@ -6,6 +6,7 @@
 
 #include <random>
 
+#include "fixtures/nginx_server.h"
 #include "sign/patch_make.h"
 #include "support/patch_apply.h"
 
@@ -102,6 +103,34 @@ TEST(Patch, HostilePatchIsRefusedWithItsReason) {
   };
   for (const auto& [patch, reason] : rows) EXPECT_EQ(apply(base, patch, 6).first.rfind(reason, 0), 0u) << reason;
   EXPECT_EQ(apply(base, good, 6, 3).first, "the result could not be written");
+}
+
+// The format as the README gives it, written again in Python with its own xz: it applies what our maker
+// makes, and what it makes (seeks both ways, another xz writer, another check) our applier applies.
+TEST(Patch, AnIndependentWriterAndReaderOfTheFormatAgreeWithOurs) {
+  fixtures::scratch_dir_t dir;
+  std::string base(300000, '\0');
+  for (std::mt19937 random(3); auto& c : base) c = static_cast<char>(random() % 31);
+  const std::string result = std::string(base).replace(5000, 9, "different").insert(200000, 3000, 'q').erase(900, 77);
+  std::string ours, error;
+  ASSERT_TRUE(make_patch(bytes_of(base), base.size(), bytes_of(result), result.size(), ours, error)) << error;
+  dir.write("base", base), dir.write("ours.patch", ours), dir.write("new", result);
+  const auto python = [&](const char* what, const char* second, const char* out) {
+    return fixtures::run_program({"/usr/bin/python3", CORVID_SOURCE_DIR "/tests/fixtures/crvpat.py", what,
+                                  dir.path("base"), dir.path(second), dir.path(out)}, dir);
+  };
+  EXPECT_EQ(python("apply", "ours.patch", "applied").exit_code, 0);
+  EXPECT_TRUE(fixtures::read_file(dir.path("applied")) == result);
+  ASSERT_EQ(python("make", "new", "theirs.patch").exit_code, 0);
+  const std::string theirs = fixtures::read_file(dir.path("theirs.patch"));
+  const auto [applied_error, applied] = apply(base, theirs, result.size());
+  EXPECT_EQ(applied_error, "");
+  EXPECT_TRUE(applied == result);
+  // A changed byte in a stream fails on both sides.
+  dir.write("ours.patch", std::string(ours).replace(ours.size() - 40, 1, 1, ours[ours.size() - 40] ^ 1));
+  EXPECT_NE(python("apply", "ours.patch", "applied").exit_code, 0);
+  EXPECT_NE(apply(base, std::string(theirs).replace(theirs.size() - 40, 1, 1, theirs[theirs.size() - 40] ^ 1),
+                  result.size()).first, "");
 }
 
 }  // namespace
