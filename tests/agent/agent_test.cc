@@ -307,9 +307,12 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
     EXPECT_EQ(asked, "6:again");
   }
 
-  // Stopping removes the socket.
+  // Stopping removes the socket, and a question after it is not taken for one nobody objected to.
   agent::stop_bridge();
   EXPECT_NE(::stat(socket_.c_str(), &st), 0);
+  std::string late = "late";
+  EXPECT_EQ(bridge::server::NotifyClient(NotifyUpdateInstallQuestion, late, -1, readable_answer),
+            bridge::server::NotifyOutcome::stopped);
   EXPECT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);  // closed by the stop
 }
 
