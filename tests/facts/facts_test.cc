@@ -1,6 +1,7 @@
 // The version order, the hash comparison and the version records.
 #include <gtest/gtest.h>
 
+#include "facts/hash_cache.h"
 #include "facts/versions.h"
 #include "fixtures/log_records.h"
 #include "fixtures/scratch_dir.h"
@@ -43,6 +44,9 @@ TEST(HashEqual, ComparesAlignedDecorationsAndDigestsWithoutCase) {
       {"#T:ab", "#T:abc", false},
   };
   for (const auto& r : rows) EXPECT_EQ(hash_equal(r.a, r.b), r.expected) << r.a << " == " << r.b;
+  // Either mark begins a decoration, which ends at its colon.
+  for (const auto& [text, length] : {std::pair<const char*, size_t>{"#T:ab", 3}, {"$T:ab", 3}, {"xT:ab", 0}, {"#Tab", 0}, {"", 0}})
+    EXPECT_EQ(hash_prefix_length(text), length) << text;
 }
 
 TEST(CurrentVersionOf, ReadsTheFirstLineThatIsNoCommentAndWarnsOnlyWhenAsked) {
