@@ -246,6 +246,7 @@ TEST_F(BridgeTest, DaemonServesClientsOneAfterAnotherAndSurvivesBadOnes) {
     EXPECT_EQ(::read(fd, &c, 1), 0) << bytes.size();
     ::close(fd);
   }
+  EXPECT_EQ(log_.all("dropped: malformed frame").size(), std::size(bad));
 
   agent::bridge_client_t client;
   ASSERT_TRUE(client.connect(socket_, error)) << error;

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "facts/stop_flag.h"
 #include "platform/process.h"
 #include "runner/run_exec.h"
 #include "status/status_fixture.h"
@@ -44,6 +45,13 @@ TEST_F(RunExecTest, FailuresAreErrorsUnlessQuietAndNameTheirCause) {
   EXPECT_TRUE(run_exec("sleep 0.1", false, 0) && logged("exec() no wait: sleep 0.1") == 1u);
   platform::refuse_thread_start() = false;
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);  // no child left, not even a zombie
+  // After a stop nothing starts, and what did not start did not succeed.
+  request_stop();
+  EXPECT_FALSE(run_exec("touch " + dir_.path("ran"), 0));
+  EXPECT_FALSE(run_exec_list({"true"}, 1));
+  clear_stop_request();
+  EXPECT_EQ(logged("The module is stopping, not started: touch "), 1u);
+  EXPECT_NE(access(dir_.path("ran").c_str(), F_OK), 0);
 }
 
 TEST_F(RunExecTest, SplitsLikeAShellAndHandsTheChildNothingOfOurs) {
