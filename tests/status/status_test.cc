@@ -108,15 +108,18 @@ TEST_F(StatusTest, BeginInstallNeedsSomethingDownloadedInTheRuleAndEndInstallFin
   status.end_install(files_in_states({5, 5}));
   EXPECT_EQ(status.revision, 1u);
   for (const auto& f : status.files) EXPECT_TRUE(f.state == file_installed && f.installed_time.rfind("20", 0) == 0);
-  // A rule without downloads installs an out-of-date file that needs none.
+  // A rule without downloads installs an out-of-date file that needs none, and no other.
   file_rule_t rule;
   rule.file_name = "setup";
-  file_status_t& f = status.file_entry("setup");
-  f.available = f.skip_downloading = true;
-  f.state = file_downloaded;
-  EXPECT_FALSE(status.begin_install(rule));
-  f.state = file_outofdate;
-  EXPECT_TRUE(status.begin_install(rule));
+  for (int spoiled = 0; spoiled < 5; ++spoiled) {
+    status.reset();
+    file_status_t& f = status.file_entry("setup");
+    f.available = spoiled != 1;
+    f.skip_downloading = spoiled != 2;
+    f.skipped = spoiled == 3;
+    f.state = spoiled == 4 ? file_downloaded : file_outofdate;
+    EXPECT_EQ(status.begin_install(rule), spoiled == 0) << spoiled;
+  }
 }
 
 // The start is saved as it stands, and the outcome with the directory synced
