@@ -205,6 +205,15 @@ TEST_F(StateMachineTest, StopAndStartInQuickSuccessionLeaveTheNewLifeWorking) {
   EXPECT_GT(path_var_count(), 0u);
   EXPECT_EQ(logged("processing command: check (new)"), 1u);
   EXPECT_EQ(status_line(true).second, "update_msg=" + no_uri);
+  // With no new init, the stopped run takes the "$" values with it when it ends.
+  held_run_t::entered = 0, held_run_t::released = false;
+  submit(Command::check, {"http://127.0.0.1:1/"}, "last");
+  held_run_t::wait_entered();
+  fini();
+  EXPECT_GT(path_var_count(), 0u);
+  held_run_t::release();
+  agent::drain_event_manager();
+  EXPECT_EQ(path_var_count(), 0u);
 }
 
 std::string revision_bytes(uint64_t revision, size_t extra = 0) {
