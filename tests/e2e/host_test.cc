@@ -34,7 +34,7 @@ using fixtures::read_file;
 const char* fake_peer = R"(
 import os, socket, struct, sys
 def send(c, t, n, v, b=b''): c.sendall(struct.pack('<4I', t, n, v, len(b)) + b)
-def read(c): t, n, v, l = struct.unpack('<4I', c.recv(16, socket.MSG_WAITALL)); c.recv(l, socket.MSG_WAITALL); return t, n
+def read(c): t, n, v, l = struct.unpack('<4I', c.recv(16, socket.MSG_WAITALL)); c.recv(l, socket.MSG_WAITALL); return t, n, v
 s, path, cmd = socket.socket(socket.AF_UNIX), sys.argv[2], b'touch ' + sys.argv[2].encode() + b'.ran'
 if sys.argv[1] == 'member':
   s.connect(path); send(s, 5, 1, 1); read(s); print('offered', flush=True)
@@ -44,7 +44,11 @@ while True:
   c = s.accept()[0]
   try:
     while True:
-      if (t := read(c))[0] in (1, 5): send(c, 3, 9, 7, b'\1' + struct.pack('<I', len(cmd)) + cmd + b'\1\0'); read(c); send(c, 2, t[1], t[0] == 5, b'\0' * 4 * (t[0] == 1))
+      if (t := read(c))[0] in (1, 5):
+        send(c, 3, 9, 7, b'\1' + struct.pack('<I', len(cmd)) + cmd + b'\1\0'); read(c)
+        send(c, 3, 10, 6, b'q')  # the install question too: only a no may come back
+        if read(c)[2] != 0: open(path + '.ran', 'w')
+        send(c, 2, t[1], t[0] == 5, b'\0' * 4 * (t[0] == 1))
   except Exception: c.close()
 )";
 
