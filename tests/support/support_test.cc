@@ -289,6 +289,15 @@ TEST_F(FileOps, WriterWithDenyWriteKeepsOtherWritersOutButNotReaders) {
   EXPECT_TRUE(file_t(open_file(p.c_str(), "rb", true)));
   holder.reset();
   EXPECT_TRUE(file_t(open_file(p.c_str(), "wb", true)));
+  // A daemon without standard input: a file may get descriptor 0, new or not, and is written all the same.
+  const int input = ::dup(STDIN_FILENO);
+  ::close(STDIN_FILENO);
+  for (const auto& [name, mode] : {std::pair{"zero", "wb"}, {"one", "ab"}, {"zero", "r+b"}}) {
+    file_t f(open_file(dir_.path(name).c_str(), mode, true));
+    EXPECT_TRUE(f && ::fileno(f.get()) == 0) << mode;
+  }
+  ::dup2(input, STDIN_FILENO);
+  ::close(input);
 }
 
 TEST_F(FileOps, WritersGoNeitherThroughALinkNorToASecondName) {
