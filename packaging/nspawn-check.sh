@@ -36,6 +36,12 @@ work=$(mktemp -d "${TMPDIR:-/var/tmp}/corvid-nspawn.XXXXXX")
 tree=$work/root
 cp -a "$cache" "$tree"
 cp "$deb" "$tree/root/corvid-update.deb"
+# What the package depends on and a tree made for an older one lacks comes
+# from the host's apt, so that dpkg installs it beside the package.
+mkdir -p "$tree/root/deps"
+for dep in $(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed 's/^ *//; s/[ |(].*//'); do
+  dpkg --root="$tree" -s "$dep" >/dev/null 2>&1 || (cd "$tree/root/deps" && apt-get -q -o APT::Sandbox::User=root download "$dep" >/dev/null)
+done
 
 # The update source, served as a file: URI: one tool whose install command
 # copies it into place and leaves its version record.
@@ -95,7 +101,7 @@ run_unattended() {  # status
   [ "$(inside systemctl show -P ExecMainStatus "$unit.service")" = "$1" ]
 }
 
-check "the package installs" inside sh -c 'dpkg -i /root/corvid-update.deb >/dev/null' 
+check "the package installs" inside sh -c 'set -- /root/deps/*.deb; [ -e "$1" ] || set --; dpkg -i "$@" /root/corvid-update.deb >/dev/null'
 timer() { inside systemctl show -P "$1" $unit.timer; }
 check "the timer is daily, spread over six hours, and catches up" \
   test "$(timer TimersCalendar | grep -o 'OnCalendar=[^;]*') $(timer RandomizedDelayUSec) $(timer Persistent)" \
