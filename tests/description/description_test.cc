@@ -195,11 +195,7 @@ TEST(ReadParams, ValueRulesByTheTable) {
 using vars_t = std::vector<std::pair<std::string, std::string>>;
 
 TEST(Inivars, ApplySubstitutesByTheTable) {
-  const struct {
-    vars_t vars;
-    std::string text, expected;
-    bool replaced;
-  } rows[] = {
+  const struct { vars_t vars; std::string text, expected; bool replaced; } rows[] = {
       {{}, "$(x)", "$(x)", false},
       {{{"x", "1"}}, "x", "x", false},
       {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
@@ -285,9 +281,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
                            "download_file=$(null)\nexec=$(agent_bin)/setup.exe\n[" + T + ".hash_to_version.tool]\n"
                            "hash." + v21.substr(19) + "=2.1\nhash." + v15 + "=1.5\n[" + T + ".map_to.driver]\n"
                            "for_tool=7.0\n";
-  const struct {
-    std::string agent, tool, rules;
-  } rows[] = {
+  const struct { std::string agent, tool, rules; } rows[] = {
       {"1.0.0", "tool 2.1", "tool.exe=2.1/1;driver.bin=7.0/0;"},
       {"1.0.0", "tool 1.5", "tool.exe=2.1/1;driver.bin=/0;"},  // a decorated hash in the table; skipped
       {"1.0.0", "tool 3", error + "parameter not found: 'hash." + hash_of(dir_.write("v3", "tool 3")) +
