@@ -327,12 +327,9 @@ TEST_F(BridgeTest, CapsEachUserAndKeepsTheLastPlacesForRoot) {
   ASSERT_TRUE(agent::start_bridge(socket_, error, "daemon")) << error;
   EXPECT_EQ(connect_as(65534, 65534), -1);
   const std::string refused = "6/1:not permitted: commands need root", full = "6/0:too many connections";
-  const struct {
-    uid_t uid;
-    int count;
-    std::string says;
-  } rows[] = {{65534, 16, refused}, {65534, 1, full}, {1, 16, refused}, {2, 16, refused},
-              {3, 1, full}, {0, 16, "2/1:"}, {0, 1, full}};
+  const struct { uid_t uid; int count; std::string says; } rows[] = {
+      {65534, 16, refused}, {65534, 1, full}, {1, 16, refused}, {2, 16, refused},
+      {3, 1, full},         {0, 16, "2/1:"}, {0, 1, full}};
   std::vector<int> fds;
   for (const auto& row : rows) {
     for (int i = 0; i < row.count; ++i) {

@@ -497,12 +497,10 @@ TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
   std::vector<std::string> host{CORVID_BIN_DIR "/corvid-update"};
   if (::getuid() == 0 && std::system(("cp " + pki + "/theirs-ca.pem " + system + " && openssl rehash " + system).c_str()) == 0)
     host = {"/usr/bin/unshare", "-m", "sh", "-c", "mount --bind \"$0\" /etc/ssl/certs && exec \"$@\"", system, host[0]};
-  const struct {
-    const char* cert;
-    const char* says;
-  } rows[] = {{"good", "update_state=download\n"},
-              {"named", "no alternative certificate subject name matches target host name '127.0.0.1'"},
-              {"stranger", "SSL certificate problem: unable to get local issuer certificate"}};
+  const struct { const char *cert, *says; } rows[] = {
+      {"good", "update_state=download\n"},
+      {"named", "no alternative certificate subject name matches target host name '127.0.0.1'"},
+      {"stranger", "SSL certificate problem: unable to get local issuer certificate"}};
   for (const auto& row : rows) {
     fixtures::nginx_server_t server;
     server.use_tls(pki + "/" + row.cert + ".pem", pki + "/" + row.cert + ".key");

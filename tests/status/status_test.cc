@@ -48,13 +48,9 @@ TEST_F(StatusTest, DeriveResultFollowsTheWorstFile) {
 }
 
 TEST_F(StatusTest, SumsCountOnlyAvailableFilesWhoseSizesMayStillChange) {
-  const struct {
-    int state;
-    bool available, skipped;
-    uint64_t download, total;
-    bool counted;
-  } rows[] = {{2, true, false, 3, 10, true}, {1, true, false, 7, 7, true}, {1, true, false, 5, 7, false},
-              {3, false, false, 4, 9, false}, {3, true, true, 4, 9, false}};
+  const struct { int state; bool available, skipped; uint64_t download, total; bool counted; } rows[] = {
+      {2, true, false, 3, 10, true}, {1, true, false, 7, 7, true}, {1, true, false, 5, 7, false},
+      {3, false, false, 4, 9, false}, {3, true, true, 4, 9, false}};
   for (const auto& row : rows) {
     status.reset();
     files_in_states({2, row.state});

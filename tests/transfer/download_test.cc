@@ -271,12 +271,10 @@ TEST_F(Download, ProgressFlushesEveryIntervalOfThisAttempt) {
   flush_context_t context{file, 0, 1000};
   file_status_t& entry = make_current_file("f.bin");
   entry.total_size = 7;  // a server that tells no size leaves it
-  const struct {
-    double dlnow;
-    bool legacy, flushed;
-  } rows[] = {{999, false, false},  {1000, false, true}, {1999, false, false},  {2000, false, true},
-              {2600, false, false}, {3500, false, true}, {4499.9, true, false}, {4500, true, true},
-              {9223372036854775808.0, true, true}};  // 2^63 counts as the largest size, not a negative one
+  const struct { double dlnow; bool legacy, flushed; } rows[] = {
+      {999, false, false}, {1000, false, true}, {1999, false, false}, {2000, false, true}, {2600, false, false},
+      {3500, false, true}, {4499.9, true, false}, {4500, true, true},
+      {9223372036854775808.0, true, true}};  // 2^63 counts as the largest size, not a negative one
   int64_t written = 0;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.dlnow);
