@@ -45,8 +45,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
                     bad_patch = "Parse 'update.ini' error: bad 'patch': ";
   const std::pair<std::string, std::string> rows[] = {  // "": it loads
       {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
-      {"message=hello\n", not_found + "'version'" + section},
-      {"version.1=2\n", not_found + "'exec.1'" + section},
+      {"message=hello\n", not_found + "'version'" + section}, {"version.1=2\n", not_found + "'exec.1'" + section},
       {"version=1\nfile=a\nexec=x\n", "Parse 'update.ini' error: missing required field 'hash'. Turn off local "
                                       "parameter '" + LPARAMS::server::verify_downloads_name() +
                                       "' to disable downloaded files verification"},
@@ -105,11 +104,8 @@ TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
     bool result;
     std::string rules;  // display names, main rules marked with "*"
   } rows[] = {
-      {bare, 0, true, "*1;"},
-      {bare + first, 0, true, "2 (p/b,c);"},
-      {bare + first, 1, true, "*1;"},
-      {first, 1, false, ""},
-      {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
+      {bare, 0, true, "*1;"}, {bare + first, 0, true, "2 (p/b,c);"}, {bare + first, 1, true, "*1;"},
+      {first, 1, false, ""}, {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
       {first + "rollout.1=0\nversion.2=3\nexec.2=z\n", 0, true, "3 ();"},  // out of its rollout; the series goes on
       {first + "rollout.1=100%\n" + bare + "rollout=0\n", 0, true, "2 (p/b,c);"},  // the bare rule takes none
@@ -178,10 +174,8 @@ TEST(ReadParams, ValueRulesByTheTable) {
       // A loaded record never keeps a constructor value.
       {"", "connect_timeout=60 download_lowtime=10 download_lowspeed=10 download_keepalive_interval=30 "
            "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
-      {"connect_timeout=12abc", "connect_timeout=60"},
-      {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
-      {"timeout=20\nmessage_timeout=5", "timeout=5"},
-      {"message=hello", "silent="},
+      {"connect_timeout=12abc", "connect_timeout=60"}, {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
+      {"timeout=20\nmessage_timeout=5", "timeout=5"}, {"message=hello", "silent="},
       {"download_rollback_size=9223372036854775807", "download_rollback_size=9223372036854775807"},
       {"download_rollback_size=9223372036854775808", "download_rollback_size=0"},
       // Repeated product sections are searched from the last.
@@ -196,10 +190,8 @@ using vars_t = std::vector<std::pair<std::string, std::string>>;
 
 TEST(Inivars, ApplySubstitutesByTheTable) {
   const struct { vars_t vars; std::string text, expected; bool replaced; } rows[] = {
-      {{}, "$(x)", "$(x)", false},
-      {{{"x", "1"}}, "x", "x", false},
-      {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
-      {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
+      {{}, "$(x)", "$(x)", false}, {{{"x", "1"}}, "x", "x", false},
+      {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false}, {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
       // List order decides how far a chain gets within one pass.
       {{{"x", "$(y)"}, {"y", "$(z)"}, {"z", "1"}}, "$(x)", "1", true},
       {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}}, "$(x)", "1", true},
@@ -343,8 +335,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
       {"apply_if.exec=$(e)\ne=", error + "empty value in condition: apply_if.exec, in section: " + T + ".file=f"},
-      {"apply_if.rollout=100", "f=1/0;"},
-      {"apply_if.rollout=0%", "f=/0;"},
+      {"apply_if.rollout=100", "f=1/0;"}, {"apply_if.rollout=0%", "f=/0;"},
       {"apply_if.rollout=100.01", error + "bad rollout share: 100.01 (a percentage, 0 to 100)"},
       {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},  // last: its cache is read below
   };

@@ -237,15 +237,11 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
       std::string says;
     } rows[] = {
         {"nogroup", {"status", "--once"}, 1, "must be a member of the group \"daemon\" that owns"},
-        {"", {"status", "--once"}, 0, "status: uptodate"},
-        {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
+        {"", {"status", "--once"}, 0, "status: uptodate"}, {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
         {"daemon", {"--yes", "status"}, 0, "status: uptodate"},
         {"", {"--yes", "status"}, 0, "the update will not ask this client: not permitted: only root"},
-        {"", {"send", hex}, 1, refused},
-        {"daemon", {"send", hex}, 1, refused},
-        {"daemon", {"install"}, 1, refused},
-        {"daemon", {"--yes", "check", source}, 1, refused},
-        {"", {"update", source}, 1, refused},
+        {"", {"send", hex}, 1, refused}, {"daemon", {"send", hex}, 1, refused}, {"daemon", {"install"}, 1, refused},
+        {"daemon", {"--yes", "check", source}, 1, refused}, {"", {"update", source}, 1, refused},
         {"daemon", {"unattended", "install"}, 1, refused},
     };
     for (const auto& row : rows) {
@@ -428,12 +424,9 @@ TEST_F(HostTest, OnlyAYesOrTheUpdatesOwnTimeInstalls) {
     const char* timeout = "0";      // the update's own time for the question
   } rows[] = {
       {client, {"y", "Enter"}, "sys\n0\n", "result=\"installed\""},
-      {client, {"yes", "Enter"}, "sys\n0\n", "result=\"installed\""},
-      {client, {"Enter"}, "", "Canceled by user"},
-      {client, {"C-c"}, "", "Canceled by user"},
-      {client, {"C-d"}, "", "Canceled by user"},
-      {client, {"kill"}, "", "Canceled by user"},
-      {"trap '' HUP; exec " + client, {"kill"}, "", "Canceled by user"},
+      {client, {"yes", "Enter"}, "sys\n0\n", "result=\"installed\""}, {client, {"Enter"}, "", "Canceled by user"},
+      {client, {"C-c"}, "", "Canceled by user"}, {client, {"C-d"}, "", "Canceled by user"},
+      {client, {"kill"}, "", "Canceled by user"}, {"trap '' HUP; exec " + client, {"kill"}, "", "Canceled by user"},
       {client, {}, "sys\n0\n", "result=\"installed\"", "1"},
       {"", {}, "sys\n", "send notification to GUI failed"},  // no client offered
       {"member", {}, "sys\n65534\n", "result=\"installed\""},
@@ -627,8 +620,7 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   nlohmann::json last;
   const std::tuple<std::string, std::vector<std::string>, int, std::string> rows[] = {  // sources ("": as they
       // were), arguments, exit status, what it says
-      {"", {"check"}, 0, "status: outofdate\n"},
-      {"", {"--yes", "update"}, 0, "status: uptodate\n"},
+      {"", {"check"}, 0, "status: outofdate\n"}, {"", {"--yes", "update"}, 0, "status: uptodate\n"},
       {"", {"check", server_.url("/none/")}, 1, "status: error\n"},
       {"", {"check", server_.url("/roll/")}, 1, "message: Parse 'update.ini' error: cannot read the machine's identity from " + dir_.path("id")},
       {"", {"--yes", "update", server_.url("/broken/")}, 1, "error: cannot start: No such file or directory"},

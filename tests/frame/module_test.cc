@@ -24,12 +24,10 @@ TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
     bool with_message, plausible;
   } rows[] = {
       {"resting states without error", {{1, ""}, {4, ""}, {6, ""}}, false, true},
-      {"downloaded with error", {{4, "e"}}, true, false},
-      {"install cut off", {{5, ""}}, true, false},
+      {"downloaded with error", {{4, "e"}}, true, false}, {"install cut off", {{5, ""}}, true, false},
       {"failed download with its message", {{1, ""}, {3, "e"}}, true, true},
       {"failed check and install with their message", {{2, "e"}, {5, "e"}}, true, true},
-      {"error but no message", {{2, "e"}}, false, false},
-      {"state read as 0", {{0, ""}}, true, false},
+      {"error but no message", {{2, "e"}}, false, false}, {"state read as 0", {{0, ""}}, true, false},
   };
   for (const auto& row : rows) {
     status_t s;
@@ -248,10 +246,8 @@ TEST_F(ListenerTest, BinaryStatusAnswersByRevisionAndResult) {
   };
   const row_t rows[] = {
       {false, "", "true", uptodate},  // no revision: no tests at all
-      {true, revision_bytes(42), "true", ""},
-      {false, revision_bytes(41), "false", ""},
-      {true, revision_bytes(41, 4), "true", revision_bytes(42) + uptodate},
-      {true, "1234567", "CommandStreamError", ""},
+      {true, revision_bytes(42), "true", ""}, {false, revision_bytes(41), "false", ""},
+      {true, revision_bytes(41, 4), "true", revision_bytes(42) + uptodate}, {true, "1234567", "CommandStreamError", ""},
   };
   for (const auto& row : rows) {
     status.client_visible = row.visible;

@@ -154,8 +154,7 @@ TEST(RunGates, EachStepOpensOnTheFirstFileItHasWorkFor) {
     bool download_opens, install_opens;
   };
   const row_t rows[] = {
-      {"outofdate", {entry(1), entry(2)}, true, false},
-      {"interrupted download", {entry(3)}, true, false},
+      {"outofdate", {entry(1), entry(2)}, true, false}, {"interrupted download", {entry(3)}, true, false},
       {"downloaded", {entry(4)}, false, true},
       {"not available or skipped", {entry(2, false), entry(4, false), entry(2, true, true), entry(4, true, true)},
        false, false},

@@ -86,8 +86,7 @@ TEST(Patch, HostilePatchIsRefusedWithItsReason) {
   ASSERT_EQ(apply(base, good, 6), (std::pair<std::string, std::string>{"", "234xyz"}));
   std::string long_number(10, '\xFF');
   const std::pair<std::string, std::string> rows[] = {
-      {"XRVPAT01" + good.substr(8), "not a patch"},
-      {good.substr(0, 40), "not a patch"},
+      {"XRVPAT01" + good.substr(8), "not a patch"}, {good.substr(0, 40), "not a patch"},
       {good.substr(0, good.size() - 1), "stream lengths run past the patch's"},
       {good + "!", "1 bytes behind the streams"},
       {shaped(11, 6, std::string("\x04\x03\x03", 3), zeros, "xyz"), "made for a base of 11 bytes, the file has 10"},

@@ -317,9 +317,7 @@ TEST_F(FetchUpdateIni, EachSourceOverwritesTheCopyAndKeepsItsOwnError) {
   const std::string no_uri =
       "Download error: URI not specified (should be obtained from the Policy Managment Server)";
   const std::tuple<std::string, std::string, std::string> sources[] = {
-      {nginx.url("/one?k=1"), first, ""},
-      {"", first, no_uri},
-      {nginx.url("/two/"), "[short]\n", ""},
+      {nginx.url("/one?k=1"), first, ""}, {"", first, no_uri}, {nginx.url("/two/"), "[short]\n", ""},
   };
   for (const auto& [uri, copy, error] : sources) {
     status.select_message(uri);
@@ -403,13 +401,11 @@ TEST_F(DownloadStage, RecordsTheHashOfTheBytesOnDiskOnEveryResumePath) {
     uint64_t reads;
     bool cut_fails = false;
   } rows[] = {{0, 0, 3000, 100, {}, "[- 200]", 0},
-              {1000, 100, 3000, 100, {}, "[bytes=900- 206]", 1},
-              {1000, 100, 3000, 100, {}, "[- 200]", 0, true},
+              {1000, 100, 3000, 100, {}, "[bytes=900- 206]", 1}, {1000, 100, 3000, 100, {}, "[- 200]", 0, true},
               {3000, 1, 0, 0, {}, "[bytes=3000- 416][- 200]", 2},  // not whole by its hash, nor on the server
               {1000, 1, 3000, 0, {"full"}, "[bytes=1000- 200][- 200]", 1},
               {0, 0, 3000, 0, {"cut&bytes=1000"}, "[- 200][bytes=1000- 206]", 0},
-              {0, 0, 3000, 100, {"cut&bytes=1000"}, "[- 200][bytes=900- 206]", 1},
-              {3000, 0, 3000, 0, {}, "", 1},
+              {0, 0, 3000, 100, {"cut&bytes=1000"}, "[- 200][bytes=900- 206]", 1}, {3000, 0, 3000, 0, {}, "", 1},
               {3000, 0, 0, 0, {}, "", 1}};
   for (const auto& row : rows) {
     SetUp();
@@ -536,8 +532,7 @@ TEST_F(DownloadStage, PatchThatDoesNotServeGivesWayToTheWholeFile) {
     std::string says;                  // the fallback's reason; empty: the patch serves
     bool installed = false;            // the status records old as downloaded whole, then installed
   } rows[] = {
-      {&old, good, good, 0, ""},
-      {&old, good, good, 0, "", true},
+      {&old, good, good, 0, ""}, {&old, good, good, 0, "", true},
       {&tampered, good, good, 0, "patched file does not match. Calculated: ", true},
       {nullptr, good, good, 0, "no file to patch: " + dir_.path("f.bin")},
       {&changed, good, good, 0, "no patch for the file at hand, whose hash is "},
