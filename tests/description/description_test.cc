@@ -57,6 +57,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=x/a,y\\a\nhash=1,2\n", "duplicated file name: y\\a"},
       {rule + "file=a,,b\nhash=1,2,3\n", "empty file name specified in file list(#2): a,,b"},
       {"version.1=1\nexec.1=x\nversion.2=2\nexec.2=x\nfile.2=a,\nhash.2=1,2\n", "files count less than hashes count: a, < 1,2"},
+      {rule + "file=a\nhash=#T:\"<&\n", ""},  // markup is the status file's to escape
       {rule + "file=a,A\nhash=1,2\n", ""},             // names compare with regard to case
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
@@ -265,7 +266,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
                            "exec_before_update=$(tool) --check\nstatus_hash_of=$(tool)\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
-                           "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
+                           "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\"<&\nfilesize=1048576\n"
                            "exec=$(download_file) /install\n"
                            "download_patch=$sha256:1, 9, $sha256:2, p/$(update_version)\n"
                            "download_patch=$sha256:3, 9, $sha256:4, http://p/\n[" + T + ".file=driver.bin]\n"
@@ -292,7 +293,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const auto& entry = tool.entries.front();  // nothing of it is fetched yet
   EXPECT_EQ(entry.uri + "|" + entry.local_path + "|" + entry.hash + "|" + std::to_string(entry.size) +
                 (entry.ready ? "|ready" : ""),
-            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c|1048576");
+            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c\"<&|1048576");
   // Where a patch comes from is worked out as download_uri is.
   EXPECT_EQ(entry.patches.front().uri, "http://h/r/p/2.1?id=5");
   EXPECT_EQ(entry.patches.back().uri, "http://p/");
@@ -306,7 +307,7 @@ TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
   const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
                     by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
-      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1/0;"},
+      {"global.x=$(y)\nglobal.y=1\"<&\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1\"<&/0;"},  // markup is carried
       {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
       {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
       {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
