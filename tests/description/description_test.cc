@@ -99,12 +99,8 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
 TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
   const std::string bare = "version=1\nfile=a\nhash=h\nexec=x\n";
   const std::string first = "version.1=2\nfile.1=p/b,c\nhash.1=h1,h2\nexec.1=y\n";
-  const struct {
-    std::string body;
-    int mode;
-    bool result;
-    std::string rules;  // display names, main rules marked with "*"
-  } rows[] = {
+  // rules: display names, main rules marked with "*"
+  const struct { std::string body; int mode; bool result; std::string rules; } rows[] = {
       {bare, 0, true, "*1;"}, {bare + first, 0, true, "2 (p/b,c);"}, {bare + first, 1, true, "*1;"},
       {first, 1, false, ""}, {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series

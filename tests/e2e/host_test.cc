@@ -123,9 +123,7 @@ TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
   const auto own = [](const std::string& path, bool nobody, std::filesystem::perms mode) {
     std::filesystem::create_directories(path);
     std::filesystem::permissions(path, mode);
-    if (nobody) {
-      EXPECT_EQ(::chown(path.c_str(), 65534, 65534), 0) << path;
-    }
+    EXPECT_TRUE(!nobody || ::chown(path.c_str(), 65534, 65534) == 0) << path;
     return path;
   };
   using std::filesystem::perms;
@@ -230,12 +228,8 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     // as its own or among its extra groups reads and follows the status but commands nothing, and only a member
     // by its own group (or the user database) offers to answer
     const std::string refused = "not permitted: commands need root", before = read_file(root + "/var/update/corvid_update_status.xml");
-    const struct {
-      const char* group;  // the process's own group; "": nogroup, with the socket's group among its extra groups
-      std::vector<std::string> args;
-      int exit_code;
-      std::string says;
-    } rows[] = {
+    // group: the process's own group; "": nogroup, with the socket's group among its extra groups
+    const struct { const char* group; std::vector<std::string> args; int exit_code; std::string says; } rows[] = {
         {"nogroup", {"status", "--once"}, 1, "must be a member of the group \"daemon\" that owns"},
         {"", {"status", "--once"}, 0, "status: uptodate"}, {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
         {"daemon", {"--yes", "status"}, 0, "status: uptodate"},
@@ -566,9 +560,7 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
     args.push_back(source);
     const outcome_t o = run(args);
     EXPECT_NE(o.out.find(row.says), std::string::npos) << row.says << ": " << o.out << o.err;
-    if (!row.changes) {
-      EXPECT_EQ(on_disk(), before) << row.says;
-    }
+    EXPECT_TRUE(row.changes || on_disk() == before) << row.says;
   }
   EXPECT_EQ(read_file(update + "readme.txt"), read_file(CORVID_SOURCE_DIR "/examples/repo/files/readme.txt"));
   EXPECT_EQ(read_file(update + "corvid_update_serials"), "corvid-update-serials 1\n9 " + source + "\n");
@@ -650,10 +642,6 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   // Two rotations while an install command runs; meanwhile a check waits its
   // turn, and a later download takes its place.
   fixtures::write_file(sources, server_.url("/slow/") + "\n");
-  const auto wait_for = [](const std::string& path, const std::string& text) {
-    for (int i = 0; i < 500 && read_file(path).find(text) == std::string::npos; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  };
   const auto later = [&](const std::vector<std::string>& args) {  // outputs of its own, as they run at once
     return std::async(std::launch::async, [&client, args] { const fixtures::scratch_dir_t outputs; return client(args, &outputs); });
   };

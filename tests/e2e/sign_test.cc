@@ -167,8 +167,6 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
   }
 }
 
-// A release made in one command and checked by verify updates an agent that
-// holds the previous version through the patch alone.
 TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
   fixtures::nginx_server_t nginx;
   std::string error;

@@ -20,7 +20,6 @@ namespace {
 
 using RunTest = ModuleTest;
 
-// A handle that cannot be made ends the run in its first message, after one try.
 TEST_F(RunTest, CurlInitFailureEndsTheRunInItsFirstMessage) {
   static int curl_inits = 0;
   start_module();

@@ -60,13 +60,12 @@ TEST(Patch, MakerAndApplierAgreeOnEveryShapeOfChange) {
   std::string moved = file.substr(12000) + file.substr(0, 12000), shifted = file;
   std::string edited = std::string(file).replace(300, 5, "EDITS").insert(9000, 700, 'z').erase(15000, 2000);
   for (size_t i = 0; i < shifted.size(); i += 97) ++shifted[i];  // as moved code changes its addresses
-  const struct {
-    std::string base, result;
-    size_t most;  // bytes the patch may take
-  } rows[] = {{"", "", 250},          {"", "new", 250},      {file, "", 250},       {file, file, 250},
-              {file, edited, 1000}, {file, moved, 300},   {edited, file, 1400}, {file, shifted, 350},
-              // What follows the base's last byte in memory must not count as a match.
-              {file, file + std::string(8, '\0'), 300}};
+  // most: bytes the patch may take
+  const struct { std::string base, result; size_t most; } rows[] = {
+      {"", "", 250},          {"", "new", 250},      {file, "", 250},       {file, file, 250},
+      {file, edited, 1000}, {file, moved, 300},   {edited, file, 1400}, {file, shifted, 350},
+      // What follows the base's last byte in memory must not count as a match.
+      {file, file + std::string(8, '\0'), 300}};
   for (const auto& row : rows) {
     std::string patch, error;
     // The base's bytes alone on the heap: the sanitized build sees a read past them.

@@ -71,7 +71,6 @@ TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
   for (const auto& [text, expected] : rows) EXPECT_EQ(raised_by([&] { parsed_t{text}; }), expected) << text;
 }
 
-// One URI a line, and the first line that is none stops the reading.
 TEST(SourcesFile, TakesOneUriALineAndNamesTheFirstBadOne) {
   const std::tuple<std::string, std::string, std::string> rows[] = {  // text, sources read, reason
       {"# ours\n\n  http://a/x \t\r\nhttps://b/\n\t# indented\nFILE:///srv/r/", "http://a/x https://b/ FILE:///srv/r/ ", ""},
