@@ -176,10 +176,7 @@ TEST_F(StateMachineTest, FiniDropsQueuedAndPendingRunsAndStaysStopped) {
 // run of the stopped life that ends after the new init leaves it its state, its "$" values and the
 // command that waited for it.
 TEST_F(StateMachineTest, StopAndStartInQuickSuccessionLeaveTheNewLifeWorking) {
-  const auto path_var_count = [] {
-    std::lock_guard<std::mutex> hold(path_vars_lock);
-    return path_vars.size();
-  };
+  const auto path_var_count = [] { std::lock_guard<std::mutex> hold(path_vars_lock); return path_vars.size(); };
   EM_AsyncCall([](em_call_t*) { held_run_t::hold(); }, nullptr);
   init();
   fini();
@@ -221,10 +218,7 @@ std::string revision_bytes(uint64_t revision, size_t extra = 0) {
 
 class ListenerTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    status.revision = 42;
-  }
+  void SetUp() override { StatusTest::SetUp(); status.revision = 42; }
   // Code 6: the result and the reply, or "threw".
   std::pair<std::string, std::string> code6(const std::string& request) {
     std::string reply;

@@ -14,10 +14,7 @@ namespace {
 
 class RunExecTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    quiet();
-  }
+  void SetUp() override { StatusTest::SetUp(); quiet(); }
 };
 
 TEST_F(RunExecTest, FailuresAreErrorsUnlessQuietAndNameTheirCause) {

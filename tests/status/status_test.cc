@@ -142,10 +142,7 @@ TEST_F(StatusTest, ReportTellsTheLogAndOnlyErrorsTheStatus) {
 
 class StatusQueryTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    set_module_state(module_idle);
-  }
+  void SetUp() override { StatusTest::SetUp(); set_module_state(module_idle); }
   // "state|message" as get_status leaves them; "-" where it did not write.
   static std::string query(bool force) {
     std::string state = "-", message = "-";

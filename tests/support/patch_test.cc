@@ -71,8 +71,7 @@ TEST(Patch, MakerAndApplierAgreeOnEveryShapeOfChange) {
     // The base's bytes alone on the heap: the sanitized build sees a read past them.
     const std::vector<unsigned char> base(row.base.begin(), row.base.end());
     ASSERT_TRUE(make_patch(base.empty() ? bytes_of(row.base) : base.data(), base.size(), bytes_of(row.result),
-                           row.result.size(), patch, error))
-        << error;
+                           row.result.size(), patch, error)) << error;
     const auto [applied_error, applied] = apply(row.base, patch, row.result.size());
     EXPECT_EQ(applied_error, "");
     EXPECT_TRUE(applied == row.result) << row.base.size() << " -> " << row.result.size();

@@ -57,10 +57,7 @@ class transfer_test_t : public StatusTest {
     set_module_state(module_busy);
     quiet();
   }
-  void TearDown() override {
-    curl_easy_cleanup(handle);
-    StatusTest::TearDown();
-  }
+  void TearDown() override { curl_easy_cleanup(handle); StatusTest::TearDown(); }
 
   // Limits that keep a broken test short; nothing here slows a good one.
   static params_t quick_params(int retry = 0) {
