@@ -534,12 +534,7 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
   const update::packed_time_t yesterday = update::packed_from_time(update::packed_to_time(update::packed_now()) - 86400);
   ASSERT_TRUE(update::sign_description(key, signed_ini, 8, yesterday, expired_sig));
   const std::string no_hash = "[corvid]\nversion.1=1\nfile.1=files/readme.txt\nexec.1=true\n";
-  const struct {
-    std::function<void()> serve;
-    std::vector<std::string> args;
-    std::string says;
-    bool changes;
-  } rows[] = {
+  const struct { std::function<void()> serve; std::vector<std::string> args; std::string says; bool changes; } rows[] = {
       {[&] { sign("5"), serial_5_sig = read_file(ini + ".sig"); }, {"download"}, "update_state=download\n", true},
       {[&] { serve_ini(signed_ini + " "); }, {"download"}, "Signature check failed: digest mismatch: update.ini hashes to", false},
       {[&] { serve_ini(signed_ini), sign("7"); }, {"check"}, "update_state=download\n", true},

@@ -18,11 +18,7 @@ namespace {
 using StartupTest = ModuleTest;
 
 TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
-  const struct {
-    const char* what;
-    std::vector<std::pair<int, const char*>> files;  // state, error
-    bool with_message, plausible;
-  } rows[] = {
+  const struct { const char* what; std::vector<std::pair<int, const char*>> files; bool with_message, plausible; } rows[] = {
       {"resting states without error", {{1, ""}, {4, ""}, {6, ""}}, false, true},
       {"downloaded with error", {{4, "e"}}, true, false}, {"install cut off", {{5, ""}}, true, false},
       {"failed download with its message", {{1, ""}, {3, "e"}}, true, true},

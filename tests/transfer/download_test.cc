@@ -101,15 +101,10 @@ void write_partial(const std::string& path, const std::string& source, size_t si
 // A rollback that cannot cut starts from byte 0; the status counts the whole file, resumed or not.
 TEST_F(Download, RollbackDecidesWhereTheTransferStarts) {
   ASSERT_TRUE(start_nginx());
-  const struct {
-    size_t partial;  // 0: no file
-    uint64_t rollback;
-    std::string range;
-    size_t truncated;  // the size a "File truncated" line tells, or 0
-    bool cut_fails = false;
-  } rows[] = {{1000, 0, "bytes=1000-", 0},    {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
-              {1000, 1000, "", 0},            {1000, 5000, "", 0},            {0, 100, "", 0},
-              {1000, 100, "", 0, true}};
+  // partial 0: no file; truncated: the size a "File truncated" line tells, or 0
+  const struct { size_t partial; uint64_t rollback; std::string range; size_t truncated; bool cut_fails = false; }
+      rows[] = {{1000, 0, "bytes=1000-", 0}, {1000, 100, "bytes=900-", 900}, {1000, 999, "bytes=1-", 1},
+                {1000, 1000, "", 0}, {1000, 5000, "", 0}, {0, 100, "", 0}, {1000, 100, "", 0, true}};
   size_t served = 0, truncations = 0;
   const file_status_t& entry = make_current_file("f.bin");
   for (const auto& row : rows) {
