@@ -45,8 +45,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
                     bad_patch = "Parse 'update.ini' error: bad 'patch': ";
   const std::pair<std::string, std::string> rows[] = {  // "": it loads
       {"version=1\nexec=x\n\nbroken line\n", "Parse 'update.ini' error: Bad syntax at line 5"},
-      {"message=hello\n", not_found + "'version'" + section},
-      {"version.1=2\n", not_found + "'exec.1'" + section},
+      {"message=hello\n", not_found + "'version'" + section}, {"version.1=2\n", not_found + "'exec.1'" + section},
       {"version=1\nfile=a\nexec=x\n", "Parse 'update.ini' error: missing required field 'hash'. Turn off local "
                                       "parameter '" + LPARAMS::server::verify_downloads_name() +
                                       "' to disable downloaded files verification"},
@@ -58,6 +57,7 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
       {rule + "file=x/a,y\\a\nhash=1,2\n", "duplicated file name: y\\a"},
       {rule + "file=a,,b\nhash=1,2,3\n", "empty file name specified in file list(#2): a,,b"},
       {"version.1=1\nexec.1=x\nversion.2=2\nexec.2=x\nfile.2=a,\nhash.2=1,2\n", "files count less than hashes count: a, < 1,2"},
+      {rule + "file=a\nhash=#T:\"<&\n", ""},  // markup is the status file's to escape
       {rule + "file=a,A\nhash=1,2\n", ""},             // names compare with regard to case
       {rule + "file=a,\nhash=1,\nfilesize=5,\n", ""},  // a final comma adds no item
       {rule + "file=a,b\nhash=,h2\n", ""},              // an empty hash counts as the first file's
@@ -99,17 +99,10 @@ TEST_F(LoadUpdateIni, FailuresEndWithTheirReport) {
 TEST_F(LoadUpdateIni, BareRuleStandsOnlyWithoutNumberedOnes) {
   const std::string bare = "version=1\nfile=a\nhash=h\nexec=x\n";
   const std::string first = "version.1=2\nfile.1=p/b,c\nhash.1=h1,h2\nexec.1=y\n";
-  const struct {
-    std::string body;
-    int mode;
-    bool result;
-    std::string rules;  // display names, main rules marked with "*"
-  } rows[] = {
-      {bare, 0, true, "*1;"},
-      {bare + first, 0, true, "2 (p/b,c);"},
-      {bare + first, 1, true, "*1;"},
-      {first, 1, false, ""},
-      {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
+  // rules: display names, main rules marked with "*"
+  const struct { std::string body; int mode; bool result; std::string rules; } rows[] = {
+      {bare, 0, true, "*1;"}, {bare + first, 0, true, "2 (p/b,c);"}, {bare + first, 1, true, "*1;"},
+      {first, 1, false, ""}, {first + "version.2=3\nexec.2=z\n", 0, true, "2 (p/b,c);3 ();"},
       {first + "version.3=4\nexec.3=z\n", 0, true, "2 (p/b,c);"},  // a gap ends the series
       {first + "rollout.1=0\nversion.2=3\nexec.2=z\n", 0, true, "3 ();"},  // out of its rollout; the series goes on
       {first + "rollout.1=100%\n" + bare + "rollout=0\n", 0, true, "2 (p/b,c);"},  // the bare rule takes none
@@ -178,10 +171,8 @@ TEST(ReadParams, ValueRulesByTheTable) {
       // A loaded record never keeps a constructor value.
       {"", "connect_timeout=60 download_lowtime=10 download_lowspeed=10 download_keepalive_interval=30 "
            "download_retry=0 download_rollback_size=0 download_fsync_size=0 timeout=0 message= silent=1 tcp_nodelay="},
-      {"connect_timeout=12abc", "connect_timeout=60"},
-      {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
-      {"timeout=20\nmessage_timeout=5", "timeout=5"},
-      {"message=hello", "silent="},
+      {"connect_timeout=12abc", "connect_timeout=60"}, {"connect_timeout=-99999999999", "connect_timeout=-2147483648"},
+      {"timeout=20\nmessage_timeout=5", "timeout=5"}, {"message=hello", "silent="},
       {"download_rollback_size=9223372036854775807", "download_rollback_size=9223372036854775807"},
       {"download_rollback_size=9223372036854775808", "download_rollback_size=0"},
       // Repeated product sections are searched from the last.
@@ -195,15 +186,9 @@ TEST(ReadParams, ValueRulesByTheTable) {
 using vars_t = std::vector<std::pair<std::string, std::string>>;
 
 TEST(Inivars, ApplySubstitutesByTheTable) {
-  const struct {
-    vars_t vars;
-    std::string text, expected;
-    bool replaced;
-  } rows[] = {
-      {{}, "$(x)", "$(x)", false},
-      {{{"x", "1"}}, "x", "x", false},
-      {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false},
-      {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
+  const struct { vars_t vars; std::string text, expected; bool replaced; } rows[] = {
+      {{}, "$(x)", "$(x)", false}, {{{"x", "1"}}, "x", "x", false},
+      {{{"x", "1"}}, "$(unknown) $(X) $(x", "$(unknown) $(X) $(x", false}, {{{"x", "1"}}, "a$(x)b$(x)c", "a1b1c", true},
       // List order decides how far a chain gets within one pass.
       {{{"x", "$(y)"}, {"y", "$(z)"}, {"z", "1"}}, "$(x)", "1", true},
       {{{"z", "1"}, {"y", "$(z)"}, {"x", "$(y)"}}, "$(x)", "1", true},
@@ -277,7 +262,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const std::string text = "message=An update is available\nglobal.tool=$(agent_bin)/tool.exe\n"
                            "exec_before_update=$(tool) --check\nstatus_hash_of=$(tool)\n"
                            "can_skip.driver.bin=yes\n[" + T + ".file=tool.exe]\napply_if.version_of.agent=1.0-\n"
-                           "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\nfilesize=1048576\n"
+                           "update_version=2.1\ndownload_hash=#GOST3411_256_2012:0a1b2c\"<&\nfilesize=1048576\n"
                            "exec=$(download_file) /install\n"
                            "download_patch=$sha256:1, 9, $sha256:2, p/$(update_version)\n"
                            "download_patch=$sha256:3, 9, $sha256:4, http://p/\n[" + T + ".file=driver.bin]\n"
@@ -285,9 +270,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
                            "download_file=$(null)\nexec=$(agent_bin)/setup.exe\n[" + T + ".hash_to_version.tool]\n"
                            "hash." + v21.substr(19) + "=2.1\nhash." + v15 + "=1.5\n[" + T + ".map_to.driver]\n"
                            "for_tool=7.0\n";
-  const struct {
-    std::string agent, tool, rules;
-  } rows[] = {
+  const struct { std::string agent, tool, rules; } rows[] = {
       {"1.0.0", "tool 2.1", "tool.exe=2.1/1;driver.bin=7.0/0;"},
       {"1.0.0", "tool 1.5", "tool.exe=2.1/1;driver.bin=/0;"},  // a decorated hash in the table; skipped
       {"1.0.0", "tool 3", error + "parameter not found: 'hash." + hash_of(dir_.write("v3", "tool 3")) +
@@ -306,7 +289,7 @@ TEST_F(SectionRules, OneDescriptionServesMachinesDifferently) {
   const auto& entry = tool.entries.front();  // nothing of it is fetched yet
   EXPECT_EQ(entry.uri + "|" + entry.local_path + "|" + entry.hash + "|" + std::to_string(entry.size) +
                 (entry.ready ? "|ready" : ""),
-            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c|1048576");
+            "http://h/r/tool.exe?id=5|" + dir_.path("tool.exe") + "|#GOST3411_256_2012:0a1b2c\"<&|1048576");
   // Where a patch comes from is worked out as download_uri is.
   EXPECT_EQ(entry.patches.front().uri, "http://h/r/p/2.1?id=5");
   EXPECT_EQ(entry.patches.back().uri, "http://p/");
@@ -320,7 +303,7 @@ TEST_F(SectionRules, SubstitutesInTheOrderOfTheSets) {
   const std::string by_name = "[" + T + ".hash_to_version.t]\nhash_type=",
                     by_path = "[" + T + ".hash_to_version." + tool + "]\nhash_type=";
   const std::pair<std::string, std::string> rows[] = {
-      {"global.x=$(y)\nglobal.y=1\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1/0;"},
+      {"global.x=$(y)\nglobal.y=1\"<&\n[" + T + ".file=f]\nupdate_version=$(x)", "f=1\"<&/0;"},  // markup is carried
       {"global.a=$(a)\n[" + T + ".file=f]\nupdate_version=v$(a)", "f=v$(a)/0;"},  // dies out, no error
       {"global.v=g\n[" + T + ".file=f]\nv=l\nupdate_version=$(v)$(global.v)", "f=lg/0;"},
       {"[" + T + ".map_to.t]\nb=found\n[" + T + ".file=f]\nk=b\nupdate_version=$(map_to.t.$(k))", "f=found/0;"},
@@ -349,8 +332,7 @@ TEST_F(SectionRules, ConditionsChooseOrEndTheLoad) {
       {"apply_if.file_name=x", error + "unknown condition: apply_if.file_name, in section: " + T + ".file=f"},
       {"apply_if.hash_of.tool=#MD4:00", error + "Unknown hash type: #MD4:00"},
       {"apply_if.exec=$(e)\ne=", error + "empty value in condition: apply_if.exec, in section: " + T + ".file=f"},
-      {"apply_if.rollout=100", "f=1/0;"},
-      {"apply_if.rollout=0%", "f=/0;"},
+      {"apply_if.rollout=100", "f=1/0;"}, {"apply_if.rollout=0%", "f=/0;"},
       {"apply_if.rollout=100.01", error + "bad rollout share: 100.01 (a percentage, 0 to 100)"},
       {"apply_if.hash_of.tool=" + digest + "\napply_if.version_of.tool=2.5", "f=1/0;"},  // last: its cache is read below
   };

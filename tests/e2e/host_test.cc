@@ -123,9 +123,7 @@ TEST_F(HostTest, KeepsItsStateWhereNoOneElseCanChangeIt) {
   const auto own = [](const std::string& path, bool nobody, std::filesystem::perms mode) {
     std::filesystem::create_directories(path);
     std::filesystem::permissions(path, mode);
-    if (nobody) {
-      EXPECT_EQ(::chown(path.c_str(), 65534, 65534), 0) << path;
-    }
+    EXPECT_TRUE(!nobody || ::chown(path.c_str(), 65534, 65534) == 0) << path;
     return path;
   };
   using std::filesystem::perms;
@@ -230,22 +228,14 @@ TEST_F(HostTest, InstallsTheExampleThenServesTheClient) {
     // as its own or among its extra groups reads and follows the status but commands nothing, and only a member
     // by its own group (or the user database) offers to answer
     const std::string refused = "not permitted: commands need root", before = read_file(root + "/var/update/corvid_update_status.xml");
-    const struct {
-      const char* group;  // the process's own group; "": nogroup, with the socket's group among its extra groups
-      std::vector<std::string> args;
-      int exit_code;
-      std::string says;
-    } rows[] = {
+    // group: the process's own group; "": nogroup, with the socket's group among its extra groups
+    const struct { const char* group; std::vector<std::string> args; int exit_code; std::string says; } rows[] = {
         {"nogroup", {"status", "--once"}, 1, "must be a member of the group \"daemon\" that owns"},
-        {"", {"status", "--once"}, 0, "status: uptodate"},
-        {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
+        {"", {"status", "--once"}, 0, "status: uptodate"}, {"daemon", {"xml"}, 0, "<update-status result=\"uptodate\""},
         {"daemon", {"--yes", "status"}, 0, "status: uptodate"},
         {"", {"--yes", "status"}, 0, "the update will not ask this client: not permitted: only root"},
-        {"", {"send", hex}, 1, refused},
-        {"daemon", {"send", hex}, 1, refused},
-        {"daemon", {"install"}, 1, refused},
-        {"daemon", {"--yes", "check", source}, 1, refused},
-        {"", {"update", source}, 1, refused},
+        {"", {"send", hex}, 1, refused}, {"daemon", {"send", hex}, 1, refused}, {"daemon", {"install"}, 1, refused},
+        {"daemon", {"--yes", "check", source}, 1, refused}, {"", {"update", source}, 1, refused},
         {"daemon", {"unattended", "install"}, 1, refused},
     };
     for (const auto& row : rows) {
@@ -428,12 +418,9 @@ TEST_F(HostTest, OnlyAYesOrTheUpdatesOwnTimeInstalls) {
     const char* timeout = "0";      // the update's own time for the question
   } rows[] = {
       {client, {"y", "Enter"}, "sys\n0\n", "result=\"installed\""},
-      {client, {"yes", "Enter"}, "sys\n0\n", "result=\"installed\""},
-      {client, {"Enter"}, "", "Canceled by user"},
-      {client, {"C-c"}, "", "Canceled by user"},
-      {client, {"C-d"}, "", "Canceled by user"},
-      {client, {"kill"}, "", "Canceled by user"},
-      {"trap '' HUP; exec " + client, {"kill"}, "", "Canceled by user"},
+      {client, {"yes", "Enter"}, "sys\n0\n", "result=\"installed\""}, {client, {"Enter"}, "", "Canceled by user"},
+      {client, {"C-c"}, "", "Canceled by user"}, {client, {"C-d"}, "", "Canceled by user"},
+      {client, {"kill"}, "", "Canceled by user"}, {"trap '' HUP; exec " + client, {"kill"}, "", "Canceled by user"},
       {client, {}, "sys\n0\n", "result=\"installed\"", "1"},
       {"", {}, "sys\n", "send notification to GUI failed"},  // no client offered
       {"member", {}, "sys\n65534\n", "result=\"installed\""},
@@ -497,12 +484,10 @@ TEST_F(HostTest, TrustsOnlyTheNamedAuthorityOverHttps) {
   std::vector<std::string> host{CORVID_BIN_DIR "/corvid-update"};
   if (::getuid() == 0 && std::system(("cp " + pki + "/theirs-ca.pem " + system + " && openssl rehash " + system).c_str()) == 0)
     host = {"/usr/bin/unshare", "-m", "sh", "-c", "mount --bind \"$0\" /etc/ssl/certs && exec \"$@\"", system, host[0]};
-  const struct {
-    const char* cert;
-    const char* says;
-  } rows[] = {{"good", "update_state=download\n"},
-              {"named", "no alternative certificate subject name matches target host name '127.0.0.1'"},
-              {"stranger", "SSL certificate problem: unable to get local issuer certificate"}};
+  const struct { const char *cert, *says; } rows[] = {
+      {"good", "update_state=download\n"},
+      {"named", "no alternative certificate subject name matches target host name '127.0.0.1'"},
+      {"stranger", "SSL certificate problem: unable to get local issuer certificate"}};
   for (const auto& row : rows) {
     fixtures::nginx_server_t server;
     server.use_tls(pki + "/" + row.cert + ".pem", pki + "/" + row.cert + ".key");
@@ -549,12 +534,7 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
   const update::packed_time_t yesterday = update::packed_from_time(update::packed_to_time(update::packed_now()) - 86400);
   ASSERT_TRUE(update::sign_description(key, signed_ini, 8, yesterday, expired_sig));
   const std::string no_hash = "[corvid]\nversion.1=1\nfile.1=files/readme.txt\nexec.1=true\n";
-  const struct {
-    std::function<void()> serve;
-    std::vector<std::string> args;
-    std::string says;
-    bool changes;
-  } rows[] = {
+  const struct { std::function<void()> serve; std::vector<std::string> args; std::string says; bool changes; } rows[] = {
       {[&] { sign("5"), serial_5_sig = read_file(ini + ".sig"); }, {"download"}, "update_state=download\n", true},
       {[&] { serve_ini(signed_ini + " "); }, {"download"}, "Signature check failed: digest mismatch: update.ini hashes to", false},
       {[&] { serve_ini(signed_ini), sign("7"); }, {"check"}, "update_state=download\n", true},
@@ -575,9 +555,7 @@ TEST_F(HostTest, UsesOnlySignedSourcesAndRefusesWithoutTouchingTheDisk) {
     args.push_back(source);
     const outcome_t o = run(args);
     EXPECT_NE(o.out.find(row.says), std::string::npos) << row.says << ": " << o.out << o.err;
-    if (!row.changes) {
-      EXPECT_EQ(on_disk(), before) << row.says;
-    }
+    EXPECT_TRUE(row.changes || on_disk() == before) << row.says;
   }
   EXPECT_EQ(read_file(update + "readme.txt"), read_file(CORVID_SOURCE_DIR "/examples/repo/files/readme.txt"));
   EXPECT_EQ(read_file(update + "corvid_update_serials"), "corvid-update-serials 1\n9 " + source + "\n");
@@ -629,8 +607,7 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   nlohmann::json last;
   const std::tuple<std::string, std::vector<std::string>, int, std::string> rows[] = {  // sources ("": as they
       // were), arguments, exit status, what it says
-      {"", {"check"}, 0, "status: outofdate\n"},
-      {"", {"--yes", "update"}, 0, "status: uptodate\n"},
+      {"", {"check"}, 0, "status: outofdate\n"}, {"", {"--yes", "update"}, 0, "status: uptodate\n"},
       {"", {"check", server_.url("/none/")}, 1, "status: error\n"},
       {"", {"check", server_.url("/roll/")}, 1, "message: Parse 'update.ini' error: cannot read the machine's identity from " + dir_.path("id")},
       {"", {"--yes", "update", server_.url("/broken/")}, 1, "error: cannot start: No such file or directory"},
@@ -660,10 +637,6 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   // Two rotations while an install command runs; meanwhile a check waits its
   // turn, and a later download takes its place.
   fixtures::write_file(sources, server_.url("/slow/") + "\n");
-  const auto wait_for = [](const std::string& path, const std::string& text) {
-    for (int i = 0; i < 500 && read_file(path).find(text) == std::string::npos; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  };
   const auto later = [&](const std::vector<std::string>& args) {  // outputs of its own, as they run at once
     return std::async(std::launch::async, [&client, args] { const fixtures::scratch_dir_t outputs; return client(args, &outputs); });
   };

@@ -38,8 +38,7 @@ TEST_F(SignTest, SignsAndVerifiesWithBothKindsAndRefusesWhatIsWrong) {
   const std::string key_before = read_file(dir_.path("ed25519.key"));
   const std::string sign = "sign --key ed25519.key --serial 3 --expires 30 ";
   const std::tuple<std::string, int, const char*> rows[] = {
-      {"", 2, "no command"},
-      {"keygen --type rsa k", 2, "--type: not ed25519 or gost2012: rsa"},
+      {"", 2, "no command"}, {"keygen --type rsa k", 2, "--type: not ed25519 or gost2012: rsa"},
       {"keygen --type ed25519 ed25519", 1, "ed25519.key exists; not overwritten"},
       {"sign --key ed25519.key --serial 3x --expires 30 update.ini", 2, "--serial: not a decimal number below 2^64: 3x"},
       {"sign --key ed25519.key --serial 3 --expires -1 update.ini", 2, "--expires: not a positive number of days"},
@@ -168,8 +167,6 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
   }
 }
 
-// A release made in one command and checked by verify updates an agent that
-// holds the previous version through the patch alone.
 TEST_F(SignTest, ReleaseIsVerifiedAndUpdatesAnAgentByItsPatch) {
   fixtures::nginx_server_t nginx;
   std::string error;

@@ -9,17 +9,9 @@
 namespace update {
 namespace {
 
-struct pair_row_t {
-  std::string a, b;
-  bool expected;
-};
-
 // Equality compares the text after one mark, so it is no mirror of the order.
 TEST(VersionOrder, LessAndEqualByTheTable) {
-  const struct {
-    std::string a, b;
-    bool less, equal;
-  } rows[] = {
+  const struct { std::string a, b; bool less, equal; } rows[] = {
       {"1.9", "1.10", true, false},  {"1.10", "1.9", false, false},    {"1.2", "1.2.1", true, false},
       {"1.2", "1.2-beta", true, false}, {"1", "1.0", true, false}, {"1.10", "1.010", false, false},
       {"1.99999999999999999999999", "1.100000000000000000000000", true, false},  // beyond 64 bits
@@ -37,7 +29,7 @@ TEST(VersionOrder, LessAndEqualByTheTable) {
 }
 
 TEST(HashEqual, ComparesAlignedDecorationsAndDigestsWithoutCase) {
-  const pair_row_t rows[] = {
+  const struct { std::string a, b; bool expected; } rows[] = {
       {"#GOST3411_256_2012:ABcd", "#GOST3411_256_2012:abCD", true}, {"#T:ab", "$T:ab", true},
       {"#t:ab", "#T:ab", false}, {"xT:ab", "#T:ab", false}, {"abcd", "#T:ABCD", true},
       {"#SHA256:ab", "#GOST3411_256_2012:ab", true},  // decorations of different length are not compared

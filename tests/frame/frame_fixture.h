@@ -27,15 +27,8 @@ struct held_run_t {
     cv.wait(lock, [] { return released; });
     return nullptr;
   }
-  static void wait_entered() {
-    std::unique_lock<std::mutex> lock(m);
-    cv.wait(lock, [] { return entered > 0; });
-  }
-  static void release() {
-    std::lock_guard<std::mutex> lock(m);
-    released = true;
-    cv.notify_all();
-  }
+  static void wait_entered() { std::unique_lock<std::mutex> lock(m); cv.wait(lock, [] { return entered > 0; }); }
+  static void release() { std::lock_guard<std::mutex> lock(m); released = true; cv.notify_all(); }
   static inline std::mutex m;
   static inline std::condition_variable cv;
   static inline int entered = 0;        // guarded by m once the worker runs
@@ -63,11 +56,7 @@ class ModuleTest : public StatusTest {
   }
 
   // init and its finish_init on the worker: the module is open afterwards.
-  void start_module() {
-    init();
-    agent::drain_event_manager();
-    ASSERT_NE(current_module_state(), module_stopped);
-  }
+  void start_module() { init(); agent::drain_event_manager(); ASSERT_NE(current_module_state(), module_stopped); }
   void submit(Command command, const std::list<std::string>& uris, const std::string& cmdid = "") {
     process_async(command, uris, cmdid, 0, "", "", TLogIdent{});
   }

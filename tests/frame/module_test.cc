@@ -18,18 +18,12 @@ namespace {
 using StartupTest = ModuleTest;
 
 TEST(Plausibility, TellsAFinishedRunFromACutOffOne) {
-  const struct {
-    const char* what;
-    std::vector<std::pair<int, const char*>> files;  // state, error
-    bool with_message, plausible;
-  } rows[] = {
+  const struct { const char* what; std::vector<std::pair<int, const char*>> files; bool with_message, plausible; } rows[] = {
       {"resting states without error", {{1, ""}, {4, ""}, {6, ""}}, false, true},
-      {"downloaded with error", {{4, "e"}}, true, false},
-      {"install cut off", {{5, ""}}, true, false},
+      {"downloaded with error", {{4, "e"}}, true, false}, {"install cut off", {{5, ""}}, true, false},
       {"failed download with its message", {{1, ""}, {3, "e"}}, true, true},
       {"failed check and install with their message", {{2, "e"}, {5, "e"}}, true, true},
-      {"error but no message", {{2, "e"}}, false, false},
-      {"state read as 0", {{0, ""}}, true, false},
+      {"error but no message", {{2, "e"}}, false, false}, {"state read as 0", {{0, ""}}, true, false},
   };
   for (const auto& row : rows) {
     status_t s;
@@ -178,10 +172,7 @@ TEST_F(StateMachineTest, FiniDropsQueuedAndPendingRunsAndStaysStopped) {
 // run of the stopped life that ends after the new init leaves it its state, its "$" values and the
 // command that waited for it.
 TEST_F(StateMachineTest, StopAndStartInQuickSuccessionLeaveTheNewLifeWorking) {
-  const auto path_var_count = [] {
-    std::lock_guard<std::mutex> hold(path_vars_lock);
-    return path_vars.size();
-  };
+  const auto path_var_count = [] { std::lock_guard<std::mutex> hold(path_vars_lock); return path_vars.size(); };
   EM_AsyncCall([](em_call_t*) { held_run_t::hold(); }, nullptr);
   init();
   fini();
@@ -223,10 +214,7 @@ std::string revision_bytes(uint64_t revision, size_t extra = 0) {
 
 class ListenerTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    status.revision = 42;
-  }
+  void SetUp() override { StatusTest::SetUp(); status.revision = 42; }
   // Code 6: the result and the reply, or "threw".
   std::pair<std::string, std::string> code6(const std::string& request) {
     std::string reply;
@@ -248,10 +236,8 @@ TEST_F(ListenerTest, BinaryStatusAnswersByRevisionAndResult) {
   };
   const row_t rows[] = {
       {false, "", "true", uptodate},  // no revision: no tests at all
-      {true, revision_bytes(42), "true", ""},
-      {false, revision_bytes(41), "false", ""},
-      {true, revision_bytes(41, 4), "true", revision_bytes(42) + uptodate},
-      {true, "1234567", "CommandStreamError", ""},
+      {true, revision_bytes(42), "true", ""}, {false, revision_bytes(41), "false", ""},
+      {true, revision_bytes(41, 4), "true", revision_bytes(42) + uptodate}, {true, "1234567", "CommandStreamError", ""},
   };
   for (const auto& row : rows) {
     status.client_visible = row.visible;

@@ -20,7 +20,6 @@ namespace {
 
 using RunTest = ModuleTest;
 
-// A handle that cannot be made ends the run in its first message, after one try.
 TEST_F(RunTest, CurlInitFailureEndsTheRunInItsFirstMessage) {
   static int curl_inits = 0;
   start_module();
@@ -116,28 +115,6 @@ TEST_F(RunTest, StatusQueriesDuringARunSeeProgressThatOnlyGrows) {
   EXPECT_EQ(status.file_entry("f.bin").state, file_downloaded);
 }
 
-// Markup in a description's values after substitution, or in the command's id, reads back at the next start.
-TEST_F(RunTest, SavedStatusReadsBackWhateverTheDescriptionSays) {
-  scratch_.write("b", "b");
-  scratch_.write("update.ini", "[corvid]\nglobal.v=1\"2\n[corvid.file=a]\nupdate_version=$(v)\ndownload_file=$(null)\n"
-                               "exec=true\n[corvid.file=b]\nupdate_version=$(map_to.m.k)\nexec=true\n"
-                               "download_hash=#GOST3411_256_2012:\"<&\n[corvid.map_to.m]\nk=3<&\"\n");
-  start_module();
-  submit(Command::download, {"file://" + scratch_.path()}, "7\"<&");
-  agent::drain_event_manager();
-  std::lock_guard<std::recursive_mutex> hold(status.lock);
-  const auto entries = [] {
-    std::string text = status.cmdid;
-    for (const auto& f : status.files) text += "|" + f.name + ":" + f.update_version + ":" + f.download_hash;
-    return text;
-  };
-  const std::string saved = entries();
-  EXPECT_EQ(saved, "7\"<&|a:1\"2:|b:3<&\":#GOST3411_256_2012:\"<&");
-  status.reset();
-  EXPECT_TRUE(status.load());
-  EXPECT_EQ(entries(), saved);
-}
-
 file_status_t entry(int state, bool available = true, bool skipped = false, bool skip_downloading = false,
                     const char* error = "") {
   file_status_t f;
@@ -154,8 +131,7 @@ TEST(RunGates, EachStepOpensOnTheFirstFileItHasWorkFor) {
     bool download_opens, install_opens;
   };
   const row_t rows[] = {
-      {"outofdate", {entry(1), entry(2)}, true, false},
-      {"interrupted download", {entry(3)}, true, false},
+      {"outofdate", {entry(1), entry(2)}, true, false}, {"interrupted download", {entry(3)}, true, false},
       {"downloaded", {entry(4)}, false, true},
       {"not available or skipped", {entry(2, false), entry(4, false), entry(2, true, true), entry(4, true, true)},
        false, false},

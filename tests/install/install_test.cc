@@ -38,10 +38,7 @@ class InstallTest : public StatusTest {
     agent::configure_paths(agent::paths_under(dir_.path("root")));
     build_path_vars();
   }
-  void TearDown() override {
-    agent::set_local_client(nullptr);
-    StatusTest::TearDown();
-  }
+  void TearDown() override { agent::set_local_client(nullptr); StatusTest::TearDown(); }
   // One rule of one downloaded file, as the run hands it over.
   void install(const row_t& row) {
     quiet();

@@ -115,9 +115,7 @@ TEST(PlanRule, DecidesEachFileByItsStateAndWhatChanged) {
     EXPECT_EQ(f.total_size, row.needed ? entry.size : row.download_kept ? 10u : 0u) << what;
     // Only a file that newly reaches the version is stamped.
     EXPECT_EQ(f.uptodate_time == "then", row.needed || row.from == file_uptodate) << what;
-    if (*row.logged) {
-      EXPECT_EQ(log.all(row.logged).size(), 1u) << what << ": " << row.logged;
-    }
+    EXPECT_EQ(*row.logged ? log.all(row.logged).size() : 1u, 1u) << what << ": " << row.logged;
     EXPECT_EQ(log.all("current version changed").size(), std::strstr(row.logged, "current version changed") ? 1u : 0u)
         << what;
   }

@@ -14,18 +14,11 @@ namespace {
 
 class RunExecTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    quiet();
-  }
+  void SetUp() override { StatusTest::SetUp(); quiet(); }
 };
 
 TEST_F(RunExecTest, FailuresAreErrorsUnlessQuietAndNameTheirCause) {
-  const struct {
-    std::string command;
-    int32_t quiet;
-    std::string text;
-  } rows[] = {
+  const struct { std::string command; int32_t quiet; std::string text; } rows[] = {
       {"corvid-no-such-program --x", 0, "exec() fail: corvid-no-such-program --x, error: [0x2] No such file or directory"},
       {"", 0, "exec() fail: , error: [0x16] Invalid argument"},
       {"sh -c 'unterminated", 0, "exec() fail: sh -c 'unterminated, error: [0x16] Invalid argument"},

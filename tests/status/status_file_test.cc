@@ -39,10 +39,8 @@ const char all_text[] =
     "\tbase_hash=\"#B:&lt;\"\n\tbase_size=\"9\"\n\ttype=\"agent\"\n"
     "\tinstalled_time=\"2024-01-01T00:00:00\"\n\tuptodate_time=\"2024-01-02T00:00:00\"\n"
     ">e\"&lt;&amp;&gt;&#13;\n\t\xEF\xBF\xBD</file>\n"
-    "<file name=\"undecided\" state=\"\"\n/>\n"
-    "<file name=\"installed\" state=\"installed\"\n/>\n"
-    "<hash file=\"k&quot;&amp;\" hash=\"#T:\" />\n"
-    "<hash file=\"k&quot;&amp;\" hash=\"#T:h&lt;&quot;&gt;\" />\n"
+    "<file name=\"undecided\" state=\"\"\n/>\n<file name=\"installed\" state=\"installed\"\n/>\n"
+    "<hash file=\"k&quot;&amp;\" hash=\"#T:\" />\n<hash file=\"k&quot;&amp;\" hash=\"#T:h&lt;&quot;&gt;\" />\n"
     "</update-status>\n";
 
 // A failed replace leaves the old file whole; the next save renders afresh,

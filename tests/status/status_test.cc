@@ -25,11 +25,8 @@ file_rule_t files_in_states(const std::vector<int>& states) {
 }
 
 TEST_F(StatusTest, DeriveResultFollowsTheWorstFile) {
-  const struct {
-    std::vector<int> states;
-    const char *message, *error;  // a message's text, f0's error; or null
-    status_code_t expected;
-  } rows[] = {
+  // message, error: a message's text, f0's error; or null
+  const struct { std::vector<int> states; const char *message, *error; status_code_t expected; } rows[] = {
       {{}, nullptr, nullptr, status_uptodate},       {{1, 6}, nullptr, nullptr, status_installed},
       {{6, 4}, nullptr, nullptr, status_downloaded}, {{4, 2, 6}, nullptr, nullptr, status_outofdate},
       {{1, 3}, nullptr, nullptr, status_error},      {{1, 5}, nullptr, nullptr, status_error},
@@ -48,13 +45,9 @@ TEST_F(StatusTest, DeriveResultFollowsTheWorstFile) {
 }
 
 TEST_F(StatusTest, SumsCountOnlyAvailableFilesWhoseSizesMayStillChange) {
-  const struct {
-    int state;
-    bool available, skipped;
-    uint64_t download, total;
-    bool counted;
-  } rows[] = {{2, true, false, 3, 10, true}, {1, true, false, 7, 7, true}, {1, true, false, 5, 7, false},
-              {3, false, false, 4, 9, false}, {3, true, true, 4, 9, false}};
+  const struct { int state; bool available, skipped; uint64_t download, total; bool counted; } rows[] = {
+      {2, true, false, 3, 10, true}, {1, true, false, 7, 7, true}, {1, true, false, 5, 7, false},
+      {3, false, false, 4, 9, false}, {3, true, true, 4, 9, false}};
   for (const auto& row : rows) {
     status.reset();
     files_in_states({2, row.state});
@@ -88,11 +81,8 @@ TEST_F(StatusTest, RecordErrorKeepsTheFirstTextAndIgnoresOtherLevels) {
 }
 
 TEST_F(StatusTest, BeginInstallNeedsSomethingDownloadedInTheRuleAndEndInstallFinishesIt) {
-  const struct {
-    std::vector<int> states;
-    void (*spoil)(file_status_t&);  // done to the last file
-    bool expected;
-  } rows[] = {
+  // spoil: done to the last file
+  const struct { std::vector<int> states; void (*spoil)(file_status_t&); bool expected; } rows[] = {
       {{1, 6}, nullptr, false}, {{1, 4, 6}, nullptr, true}, {{5}, nullptr, true}, {{4, 3}, nullptr, false},
       {{4, 4}, [](file_status_t& f) { f.skipped = true; }, false},
       {{4, 4}, [](file_status_t& f) { f.error = "x"; }, false},
@@ -152,10 +142,7 @@ TEST_F(StatusTest, ReportTellsTheLogAndOnlyErrorsTheStatus) {
 
 class StatusQueryTest : public StatusTest {
  protected:
-  void SetUp() override {
-    StatusTest::SetUp();
-    set_module_state(module_idle);
-  }
+  void SetUp() override { StatusTest::SetUp(); set_module_state(module_idle); }
   // "state|message" as get_status leaves them; "-" where it did not write.
   static std::string query(bool force) {
     std::string state = "-", message = "-";
@@ -214,12 +201,8 @@ class StatusWrapup : public StatusTest {
 };
 
 TEST_F(StatusWrapup, VerifyVersionsMovesStatesByTheVersionOnDisk) {
-  const struct {
-    int32_t state;
-    const char* on_disk;  // the version record, or none
-    int32_t expected_state;
-    bool notice;  // the "update state was" line, with the download deleted
-  } rows[] = {
+  // on_disk: the version record, or none; notice: the "update state was" line, with the download deleted
+  const struct { int32_t state; const char* on_disk; int32_t expected_state; bool notice; } rows[] = {
       {3, "2.0", 1, true},  {4, "2.1", 1, true},  {0, "2.0", 1, true},    {6, "2.0", 1, false}, {6, "1.0", 6, false},
       {1, "1.0", 2, false}, {1, nullptr, 2, false}, {1, "2.0", 1, false}, {2, "1.0", 2, false},
   };
@@ -243,7 +226,6 @@ TEST_F(StatusWrapup, VerifyVersionsMovesStatesByTheVersionOnDisk) {
   }
 }
 
-// The run's last word on each file: a notice for one passed over, a failure for one in error.
 TEST_F(StatusWrapup, LogFilesWeighsEachFilesSummary) {
   add_file("a", 6, "2").installed_time = "t";
   add_file("b", 2, "2").skipped = true;

@@ -60,20 +60,18 @@ TEST(Patch, MakerAndApplierAgreeOnEveryShapeOfChange) {
   std::string moved = file.substr(12000) + file.substr(0, 12000), shifted = file;
   std::string edited = std::string(file).replace(300, 5, "EDITS").insert(9000, 700, 'z').erase(15000, 2000);
   for (size_t i = 0; i < shifted.size(); i += 97) ++shifted[i];  // as moved code changes its addresses
-  const struct {
-    std::string base, result;
-    size_t most;  // bytes the patch may take
-  } rows[] = {{"", "", 250},          {"", "new", 250},      {file, "", 250},       {file, file, 250},
-              {file, edited, 1000}, {file, moved, 300},   {edited, file, 1400}, {file, shifted, 350},
-              // What follows the base's last byte in memory must not count as a match.
-              {file, file + std::string(8, '\0'), 300}};
+  // most: bytes the patch may take
+  const struct { std::string base, result; size_t most; } rows[] = {
+      {"", "", 250},          {"", "new", 250},      {file, "", 250},       {file, file, 250},
+      {file, edited, 1000}, {file, moved, 300},   {edited, file, 1400}, {file, shifted, 350},
+      // What follows the base's last byte in memory must not count as a match.
+      {file, file + std::string(8, '\0'), 300}};
   for (const auto& row : rows) {
     std::string patch, error;
     // The base's bytes alone on the heap: the sanitized build sees a read past them.
     const std::vector<unsigned char> base(row.base.begin(), row.base.end());
     ASSERT_TRUE(make_patch(base.empty() ? bytes_of(row.base) : base.data(), base.size(), bytes_of(row.result),
-                           row.result.size(), patch, error))
-        << error;
+                           row.result.size(), patch, error)) << error;
     const auto [applied_error, applied] = apply(row.base, patch, row.result.size());
     EXPECT_EQ(applied_error, "");
     EXPECT_TRUE(applied == row.result) << row.base.size() << " -> " << row.result.size();
@@ -86,8 +84,7 @@ TEST(Patch, HostilePatchIsRefusedWithItsReason) {
   ASSERT_EQ(apply(base, good, 6), (std::pair<std::string, std::string>{"", "234xyz"}));
   std::string long_number(10, '\xFF');
   const std::pair<std::string, std::string> rows[] = {
-      {"XRVPAT01" + good.substr(8), "not a patch"},
-      {good.substr(0, 40), "not a patch"},
+      {"XRVPAT01" + good.substr(8), "not a patch"}, {good.substr(0, 40), "not a patch"},
       {good.substr(0, good.size() - 1), "stream lengths run past the patch's"},
       {good + "!", "1 bytes behind the streams"},
       {shaped(11, 6, std::string("\x04\x03\x03", 3), zeros, "xyz"), "made for a base of 11 bytes, the file has 10"},

@@ -196,8 +196,7 @@ TEST(KeyFiles, ReadBackWhatTheyWroteAndRefuseWhatIsNoKey) {
 
 TEST(SerialStore, CarriesAnyUriAndRefusesADamagedFile) {
   const serial_store_t serials{{"http://a/repo/?k=1&x=%20", 18446744073709551615ull},
-                               {std::string("odd \\x41 \n\r\t\0\x7f\xff", 15), 0},
-                               {"", 3}};
+                               {std::string("odd \\x41 \n\r\t\0\x7f\xff", 15), 0}, {"", 3}};
   const std::string text = serial_store_text(serials);
   serial_store_t back{{"stale", 1}};
   std::string reason;
@@ -205,8 +204,7 @@ TEST(SerialStore, CarriesAnyUriAndRefusesADamagedFile) {
   EXPECT_EQ(back, serials);
   EXPECT_EQ(text.find_first_of("\r\t\x7f", 0), std::string::npos);
   const std::pair<std::string, const char*> damaged[] = {
-      {"", "line 1 is missing"},
-      {"corvid-update-serials 2\n", "line 1 is not \"corvid-update-serials 1\""},
+      {"", "line 1 is missing"}, {"corvid-update-serials 2\n", "line 1 is not \"corvid-update-serials 1\""},
       {"corvid-update-serials 1\n5 http://a/", "line 2 has no line end"},
       {"corvid-update-serials 1\n05 http://a/\n", "line 2 does not begin with a serial and a space"},
       {"corvid-update-serials 1\nhttp://a/\n", "line 2 does not begin with a serial and a space"},

@@ -61,8 +61,7 @@ TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
       {"\n\nbad\n", "format Bad syntax at line 3"},  // blank lines count
       {"\r\n\r\nbad\r\n", "format Bad syntax at line 3"},
       {"[a]\n; c\n! c\n# c\nk=v\n\tbad line\n", "format Bad syntax at line 6"},
-      {" \t= value", "format Bad syntax at line 1"},
-      {"[x", "format Bad syntax at line 1"},
+      {" \t= value", "format Bad syntax at line 1"}, {"[x", "format Bad syntax at line 1"},
       {"\xEF\xBB\xBF[a]\nk=v\n", "format Bad syntax at line 1"},  // a byte order mark is not removed
       {"[a=b]", ""},
       {"[", "format Bad syntax at line 1"},   // a header needs both brackets
@@ -72,7 +71,6 @@ TEST(IniFile, BadLinesAreReportedWithTheirLineNumber) {
   for (const auto& [text, expected] : rows) EXPECT_EQ(raised_by([&] { parsed_t{text}; }), expected) << text;
 }
 
-// One URI a line, and the first line that is none stops the reading.
 TEST(SourcesFile, TakesOneUriALineAndNamesTheFirstBadOne) {
   const std::tuple<std::string, std::string, std::string> rows[] = {  // text, sources read, reason
       {"# ours\n\n  http://a/x \t\r\nhttps://b/\n\t# indented\nFILE:///srv/r/", "http://a/x https://b/ FILE:///srv/r/ ", ""},
@@ -147,8 +145,7 @@ TEST(TimeText, IsoTextOfAPackedTimeOrItsPlaceholderAndNow) {
   const std::pair<packed_time_t, const char*> rows[] = {
       {0x7E80205070809, "2024-03-05T07:08:09"},  // by weight: year, month from 0, day, hours, minutes, seconds
       {packed_time_t{1900} << 40 | 0x0001000000, "1900-01-01T00:00:00"},  // the first year
-      {bad_time, "0000-00-00T00:00:00"},
-      {packed_time_t{1899} << 40 | 0x0001000000, "0000-00-00T00:00:00"},
+      {bad_time, "0000-00-00T00:00:00"}, {packed_time_t{1899} << 40 | 0x0001000000, "0000-00-00T00:00:00"},
   };
   for (const auto& [time, text] : rows) {
     std::string out = "stale";
@@ -363,9 +360,7 @@ TEST(CalcHash, FailsWithoutTouchingTheResultAndNamesTypesInEveryForm) {
   const std::pair<std::string, std::string> rows[] = {
       {"gost3411_512_2012", "#GOST3411_512_2012:"},
       {std::string(128, 'F'), "#GOST3411_512_2012:"},  // a bare digest by its length
-      {std::string(62, '0') + "9f", "#GOST3411_256_2012:"},
-      {std::string(63, 'a') + "g", ""},
-      {"SHA256 ", ""},
+      {std::string(62, '0') + "9f", "#GOST3411_256_2012:"}, {std::string(63, 'a') + "g", ""}, {"SHA256 ", ""},
   };
   for (const auto& [text, expected] : rows) EXPECT_EQ(getHashTypeDecorStr(text), expected) << "'" << text << "'";
   // Set up by the module as its manual asks, so that another user in the process leaves it be.
