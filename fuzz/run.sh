@@ -32,7 +32,7 @@ sources_of() {
     ini) echo fuzz/ini_fuzz.cc fuzz/fuzz_support.cc src/support/ini_file.cc src/support/message_format.cc \
               src/support/xml_text.cc src/description/indexed_rules.cc src/description/params.cc src/support/uri_join.cc \
               src/support/file_helpers.cc src/platform/posix/file_ops.cc src/description/rollout.cc \
-              src/platform/hash_file.cc ;;
+              src/platform/hash_file.cc src/description/file_names.cc src/description/patch_keys.cc ;;
     loader) echo fuzz/loader_fuzz.cc src/*/*.cc src/platform/posix/*.cc agent/*.cc ;;
     status) echo fuzz/status_fuzz.cc fuzz/status_fuzz_support.cc src/status/status_read.cc src/status/status.cc \
                  src/status/status_xml.cc src/platform/xml_document.cc src/facts/hash_cache.cc \
