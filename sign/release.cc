@@ -298,14 +298,16 @@ int run_release(const std::vector<std::string>& arguments, const std::function<i
     return exit_failed;
   }
   for (rule_t& rule : rules) {
+    bool released = false;  // a rule none of whose files is here keeps its lines as they are
     for (file_t& file : rule.files) {
       if (file.where.empty()) {
         std::printf("%s: its place cannot be told from the description; its lines stay\n", file.name.c_str());
         continue;
       }
       if (!release_file(dir, previous, file)) return exit_failed;
+      released = true;
     }
-    write_rule(rule, description);
+    if (released) write_rule(rule, description);
   }
   if (write_file_atomically(staged, {description.text()}) != atomic_write_t::done) {
     std::fprintf(stderr, "corvid-update-sign: cannot write %s\n", staged.c_str());

@@ -132,9 +132,11 @@ TEST_F(SignTest, ReleaseWritesTheLinesOfEachFileInItsPlace) {
   }
   const std::pair<std::string, std::string> rows[] = {
       {"[corvid]\nmessage=m\n[corvid.file=b.bin]\nupdate_version=2\ndownload_uri=s/b.bin\ndownload_hash=#SHA256:0\n"
-       "exec=y\n\n[corvid.file=a.bin]\nexec=x\nupdate_version=2",
+       "exec=y\n\n[corvid.file=c.bin]\nupdate_version=2\ndownload_uri=http://h/c.bin\nexec=z\n\n[corvid.file=a.bin]\nexec=x\n"
+       "update_version=2",
        "[corvid]\nmessage=m\n[corvid.file=b.bin]\nupdate_version=2\ndownload_uri=s/b.bin\ndownload_hash=#SHA256:H\n"
-       "filesize=3000\ndownload_patch=#SHA256:H, N, #SHA256:H, s/b.bin.D.patch\nexec=y\n\n[corvid.file=a.bin]\n"
+       "filesize=3000\ndownload_patch=#SHA256:H, N, #SHA256:H, s/b.bin.D.patch\nexec=y\n\n[corvid.file=c.bin]\n"
+       "update_version=2\ndownload_uri=http://h/c.bin\nexec=z\n\n[corvid.file=a.bin]\n"
        "exec=x\nupdate_version=2\ndownload_hash=#GOST3411_256_2012:H\nfilesize=3000\n"
        "download_patch=#GOST3411_256_2012:H, N, #GOST3411_256_2012:H, a.bin.D.patch\n"},
       {"[corvid]\nversion.1=2\nfile.1=s/b.bin,a.bin\npatch.1=a.bin , #SHA256:1, 9, #SHA256:2, gone\nexec.1=x\n",
