@@ -388,7 +388,7 @@ TEST_F(SectionRules, FirstApplyingSectionWinsAndMalformedOnesInFrontEndTheLoad) 
 TEST(Rollout, SharesAreStableGrowByAddingAndDrawAnewForANewVersion) {
   for (const auto& [text, share] : std::initializer_list<std::pair<const char*, int>>{
            {"0", 0}, {"100", 10000}, {"25%", 2500}, {"0.5", 50}, {"2.05", 205}, {"99.9", 9990}, {"007", 700},
-           {"100.01", -1}, {"", -1}, {"%", -1}, {"5.", -1}, {".5", -1}, {"1.234", -1}, {"-1", -1}, {"1000", -1},
+           {"100.01", -1}, {"", -1}, {"%", -1}, {"5.", -1}, {".5", -1}, {"1.234", -1}, {"-1", -1}, {"1000", -1}, {"0100", -1},
            {" 5", -1}}) {
     unsigned parsed = 0;
     EXPECT_EQ(parse_rollout_share(text, parsed) ? static_cast<int>(parsed) : -1, share) << text;

@@ -640,6 +640,8 @@ TEST_F(HostTest, NamedCommandsRunTheSourcesFileThroughTheDaemon) {
   const auto later = [&](const std::vector<std::string>& args) {  // outputs of its own, as they run at once
     return std::async(std::launch::async, [&client, args] { const fixtures::scratch_dir_t outputs; return client(args, &outputs); });
   };
+  EXPECT_EQ(client({"send", "7365727665"}).out, "refused\n");  // "serve": a command line, but not one that runs
+  EXPECT_TRUE(wait_for(log, "not a command that runs"));
   EXPECT_EQ(client({"send", "2020696e7374616c6c2020"}).out, "accepted\n");  // "  install  ", not followed
   wait_for(log, "while [ ! -e");
   auto replaced = later({"check", server_.url("/slow/?b")});

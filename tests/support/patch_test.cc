@@ -116,7 +116,9 @@ TEST(Patch, AnIndependentWriterAndReaderOfTheFormatAgreeWithOurs) {
   const std::string result = std::string(base).replace(5000, 9, "different").insert(200000, 3000, 'q').erase(900, 77);
   std::string ours, error;
   ASSERT_TRUE(make_patch(bytes_of(base), base.size(), bytes_of(result), result.size(), ours, error)) << error;
-  dir.write("base", base), dir.write("ours.patch", ours), dir.write("new", result);
+  dir.write("base", base), dir.write("ours.patch", ours), dir.write("new", result), dir.write("empty", "");
+  // An empty previous version maps as no bytes; a patch from it is made all the same.
+  EXPECT_TRUE(make_patch_file(dir.path("empty"), dir.path("new"), dir.path("from-empty.patch"), error)) << error;
   const auto python = [&](const char* what, const char* second, const char* out) {
     return fixtures::run_program({"/usr/bin/python3", CORVID_SOURCE_DIR "/tests/fixtures/crvpat.py", what,
                                   dir.path("base"), dir.path(second), dir.path(out)}, dir);
